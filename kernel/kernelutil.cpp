@@ -1,0 +1,1 @@
+#include "kernelutil.h"

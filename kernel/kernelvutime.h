@@ -1,0 +1,141 @@
+/*
+ * Simulation clock, animation clock and calendar.
+ *
+ * The library never advances a clock: it sets them at start and on reset, converts them and reads them. The application
+ * moves `sim` (and, if it animates, `animSeconds`) forward once per frame.
+ *
+ * Day numbers: the Modified Julian Date (MJD) of this library counts days from 1899 December 31, 12:00 (Julian Date
+ * 2415020.0). 2000 January 1.5, the epoch J2000, is 36525.0. Years before Christ are negative and there is no year 0.
+ * Dates up to 1582 October 4 are Julian, from 1582 October 15 on Gregorian.
+ *
+ * Not thread-safe: the two MJD conversions keep their last result in process-wide caches.
+ */
+#ifndef TOLVIN_KERNEL_KERNELVUTIME_H
+#define TOLVIN_KERNEL_KERNELVUTIME_H
+
+#include "kernelapi.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Seconds since 1970-01-01 00:00 UTC and microseconds, 32 bits each on every target. */
+typedef struct vutimeval
+{
+    int32_t sec;
+    int32_t usec;
+} vutimeval;
+
+VU_LAYOUT_ANY(vutimeval, sec, 0, 4);
+VU_LAYOUT_ANY(vutimeval, usec, 4, 4);
+VU_SIZE_ANY(vutimeval, 8);
+
+/* Broken-down calendar date and time. */
+typedef struct vutimeTM
+{
+    int32_t year;   /* full year (2001, not 101) */
+    uint16_t month; /* 1 to 12 */
+    uint16_t day;   /* 1 to 31 */
+    uint16_t hour;  /* 0 to 23; in the animation calendar hours run past 23 */
+    uint16_t min;   /* 0 to 59 */
+    uint16_t sec;   /* 0 to 59 */
+    int32_t usec;   /* microseconds */
+} vutimeTM;
+
+VU_LAYOUT_ANY(vutimeTM, year, 0x00, 4);
+VU_LAYOUT_ANY(vutimeTM, month, 0x04, 2);
+VU_LAYOUT_ANY(vutimeTM, day, 0x06, 2);
+VU_LAYOUT_ANY(vutimeTM, hour, 0x08, 2);
+VU_LAYOUT_ANY(vutimeTM, min, 0x0A, 2);
+VU_LAYOUT_ANY(vutimeTM, sec, 0x0C, 2);
+VU_LAYOUT_ANY(vutimeTM, usec, 0x10, 4);
+VU_SIZE_ANY(vutimeTM, 20);
+
+/* The simulation time record inside the root node. Packed to 4 bytes so that its size is 124 on every target. */
+#pragma pack(push, 4)
+typedef struct vutime
+{
+    vutimeval start;      /* wall clock when vutimeInit ran */
+    vutimeval tv08;       /* 0, 0 after vutimeInit; not read by the library */
+    vutimeval sim;        /* the simulation clock; the current time of dead reckoning */
+    vutimeval animStart;  /* wall clock when the animation clock was last reset */
+    vutimeTM simTM;       /* calendar form of `sim`, UTC; read by updateSimtime */
+    vutimeTM animTM;      /* hours, minutes, seconds, microseconds since animStart */
+    uint8_t reserved[40]; /* not touched by the library */
+    double animSeconds;   /* seconds since animStart; kept by the application */
+    int32_t j2000;        /* 2000-01-01 12:00:00 in the process's time zone, seconds since 1970 */
+} vutime;
+#pragma pack(pop)
+
+VU_LAYOUT_ANY(vutime, start, 0x00, 8);
+VU_LAYOUT_ANY(vutime, tv08, 0x08, 8);
+VU_LAYOUT_ANY(vutime, sim, 0x10, 8);
+VU_LAYOUT_ANY(vutime, animStart, 0x18, 8);
+VU_LAYOUT_ANY(vutime, simTM, 0x20, 20);
+VU_LAYOUT_ANY(vutime, animTM, 0x34, 20);
+VU_LAYOUT_ANY(vutime, reserved, 0x48, 40);
+VU_LAYOUT_ANY(vutime, animSeconds, 0x70, 8);
+VU_LAYOUT_ANY(vutime, j2000, 0x78, 4);
+VU_SIZE_ANY(vutime, 124);
+
+/* Year 0, month 1, day 1, everything else 0. */
+TOLVIN_API void vutimeTMInit(vutimeTM *tm);
+
+/*
+ * Set tm to the current date and time of day in UTC, microseconds 0. A clock that cannot be read is reported ("timeofday
+ * failed") and what was read is used; tm is left unchanged when the seconds have no calendar form.
+ */
+TOLVIN_API void vutimeTMSetLocal(vutimeTM *tm);
+
+/* Copy all seven fields. */
+TOLVIN_API void vutimeTMCopy(vutimeTM *dst, const vutimeTM *src);
+
+/*
+ * Add seconds and microseconds (each may be negative) to tm, taken as local time: a step across a change of daylight
+ * saving counts real seconds, and the C library decides which side of the change tm lies on. Whole seconds in a
+ * positive number of microseconds are carried into the seconds; tm->usec plus the rest is not carried further. tm is
+ * left unchanged when the result has no calendar form.
+ */
+TOLVIN_API void vutimeTMAdd(vutimeTM *tm, int32_t seconds, int32_t microseconds);
+
+/* 1 when a is earlier than or equal to b, else 0; the first field that differs decides, year first. */
+TOLVIN_API int vutimeTMloweqThen(const vutimeTM *a, const vutimeTM *b);
+
+/*
+ * Start all clocks from the system clock. animSeconds and the reserved bytes are not set. A clock that cannot be read is
+ * reported ("timeofday failed") and what was read is used. Returns time->j2000.
+ */
+TOLVIN_API int32_t vutimeInit(vutime *time);
+
+/* Restart the animation clock: animStart from the system clock, every field of animTM 0, animSeconds 0. */
+TOLVIN_API void vutimeAnimReset(vutime *time);
+
+/*
+ * Derive hour, minute, second and microsecond of animTM from animSeconds; year, month and day are not touched. Prints
+ * one "Debug" line on every call.
+ */
+TOLVIN_API void vutimeCalcAnimTMFromAnimTime(vutime *time);
+
+/*
+ * MJD of a calendar date. day carries the time of day as its fraction (1.5 is noon of the first). Any input is accepted.
+ */
+TOLVIN_API double vutimeGetMJD(double day, uint16_t month, int32_t year);
+
+/* Calendar date of an MJD: day of month with fraction, month 1 to 12, year (never 0). No pointer may be null. */
+TOLVIN_API void vutimeReverseMJD(double mjd, double *day, uint16_t *month, int32_t *year);
+
+/* 1 when the day exists in that month of the Gregorian calendar, else 0. */
+TOLVIN_API int isvalidDayOfMonth(uint16_t month, uint16_t day, int32_t year);
+
+/*
+ * Set the seconds of `sim` from simTM. The count is j2000 plus the seconds from 2000-01-01 12:00:00 to simTM in the
+ * Gregorian calendar, so that `sim` minus j2000 is the time since J2000 whatever the process's time zone. Microseconds
+ * are not touched. Months outside 1 to 12 count as the nearest valid one; a result beyond 32 bits is clamped. Returns 1.
+ */
+TOLVIN_API int updateSimtime(vutime *time);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

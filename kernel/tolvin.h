@@ -1,0 +1,16 @@
+/* The whole public interface of libtolvin. */
+#ifndef TOLVIN_KERNEL_TOLVIN_H
+#define TOLVIN_KERNEL_TOLVIN_H
+
+#include "kerneldis.h"
+#include "kerneldisdr.h"
+#include "kerneldisstate.h"
+#include "kernelentity.h"
+#include "kernelgeneric.h"
+#include "kernelutil.h"
+#include "kernelvulist.h"
+#include "kernelvunode.h"
+#include "kernelvutime.h"
+#include "kernelxform.h"
+
+#endif

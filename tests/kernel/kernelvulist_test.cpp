@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+
+#include <tolvin/kernel/kernelvulist.h>

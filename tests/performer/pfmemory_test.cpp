@@ -1,0 +1,3 @@
+#include <gtest/gtest.h>
+
+#include <tolvin/performer/pf.h>

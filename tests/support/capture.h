@@ -1,0 +1,8 @@
+// Capture of what is written to standard error.
+#pragma once
+
+#include <functional>
+#include <string>
+
+// Runs action and returns everything that this process wrote to file descriptor 2 meanwhile, C and C++ streams alike.
+std::string capturedStderr(const std::function<void()> &action);
