@@ -1,0 +1,100 @@
+// PDUs of Distributed Interactive Simulation (IEEE 1278.1) in network byte order: walks the PDUs of a datagram, decodes
+// and encodes the types known here. Whatever a network can deliver is safe to hand in: nothing is read before it was
+// checked against the real size of the datagram, and what is wrong comes back as a fault. No state is kept.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include <tolvin/kernel/kerneldisstate.h>
+
+namespace tolvin
+{
+
+inline constexpr std::size_t kPduHeaderSize = 12;
+inline constexpr std::size_t kEntityStateSize = 144; // without articulation parameters
+
+// The fields that every PDU starts with. Its last two bytes are padding, in version 7 a status byte and padding.
+struct PduHeader
+{
+    std::uint8_t protocolVersion; // 5 is IEEE 1278.1-1995, 6 is 1278.1A-1998, 7 is 1278.1-2012
+    std::uint8_t exerciseId;
+    std::uint8_t pduType;
+    std::uint8_t protocolFamily;
+    std::uint32_t timestamp; // DIS time stamp
+    std::uint16_t length;    // bytes of the whole PDU, header included
+};
+
+struct Pdu
+{
+    PduHeader header;
+    std::span<const std::uint8_t> bytes; // header.length bytes, the header among them; part of the datagram
+};
+
+// Types that can be decoded. Any other is no fault: the reader steps over it.
+enum class PduKind
+{
+    Other,
+    EntityState
+};
+
+// Type numbers are only taken at their word together with the family that they belong to.
+PduKind kindOf(const PduHeader &header);
+
+// Everything that can be wrong with a datagram.
+enum class PduFault
+{
+    None,
+    ShorterThanHeader,    // the datagram has fewer than 12 bytes
+    UnknownVersion,       // its first PDU is none of versions 5, 6 and 7
+    LengthBelowHeader,    // a length field below 12
+    LengthBeyondDatagram, // a length field that promises more bytes than the datagram has left
+    TrailingBytes,        // behind a PDU there is neither padding nor the header of another one
+    BodyTooShort,         // the length does not hold the fields of the type, or not its articulation parameters
+    NonFinite,            // a number is infinite or not a number
+    Implausible           // a number would take the entity to nowhere
+};
+
+inline constexpr std::size_t kPduFaultCount = static_cast<std::size_t>(PduFault::Implausible) + 1;
+
+// A sentence without full stop, for reports. Static.
+const char *faultText(PduFault fault);
+
+// Walks the PDUs of one datagram. They follow each other directly or with zero bytes up to the next multiple of 8 in
+// between; both may be mixed.
+class PduReader
+{
+public:
+    // The datagram is borrowed: it outlives the reader and the PDUs that the reader gives. May be empty.
+    explicit PduReader(std::span<const std::uint8_t> datagram);
+
+    // Gives the next PDU. False at the end of the datagram or at a fault, which drops the rest of it; pdu is then left
+    // as it was, and fault() tells the two apart.
+    bool next(Pdu &pdu);
+
+    PduFault fault() const
+    {
+        return found;
+    }
+
+private:
+    std::span<const std::uint8_t> datagram;
+    std::size_t position = 0;
+    PduFault found = PduFault::None;
+};
+
+// Turns an Entity State PDU, as given by a reader, into a record. Articulation parameters have to fit into the PDU and
+// are then dropped: the record's length is 144 and its numArticulParam and padding are 0. Velocity, location,
+// orientation, linear acceleration and angular velocity are finite and plausible when the result is None; on any other
+// result (BodyTooShort, NonFinite, Implausible) out is left as it was, and the PDUs behind this one are still good.
+PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out);
+
+// Writes an Entity State PDU of the record's protocol version, without articulation parameters; PDU type, family,
+// length and padding are set here whatever the record says. Returns the bytes written, 144, or 0 when out has no room.
+std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t> out);
+
+// Whether the report announces that the entity leaves the exercise (its appearance says deactivated).
+bool leaves(const vuEntityState &state);
+
+} // namespace tolvin

@@ -1,1 +1,282 @@
 #include "runcommand.h"
+
+#include "disinput.h"
+#include "runstatistics.h"
+#include "trackmap.h"
+#include "udp.h"
+
+#include <tolvin/kernel/tolvin.h>
+#include <tolvin/performer/pf.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tolvin
+{
+
+namespace
+{
+
+using SteadyClock = std::chrono::steady_clock;
+
+struct RunOptions
+{
+    double duration = 0.0; // seconds, 0 for no end
+    std::uint64_t frames = 0;
+    double rate = 0.0; // frames per second, 0 for that of the options record
+    std::string dis = "0.0.0.0:3000";
+    std::string interface;
+    DisInputOptions input;
+    bool quiet = false;
+    std::string map;
+};
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+void requestStop(int)
+{
+    stopRequested = 1;
+}
+
+// Releases what the arena gave out.
+struct ArenaFree
+{
+    void operator()(void *block) const
+    {
+        pfFree(block);
+    }
+};
+
+using RootPtr = std::unique_ptr<vuRootNode, ArenaFree>;
+
+RootPtr makeRoot()
+{
+    RootPtr root(static_cast<vuRootNode *>(pfMalloc(sizeof(vuRootNode), pfGetSharedArena())));
+    if (root == nullptr)
+        throw std::bad_alloc();
+    std::memset(root.get(), 0, sizeof *root);
+    initRootNode(root.get());
+    return root;
+}
+
+// Drives the simulation clock from the monotonic one, so that a correction of the wall clock never moves an entity, and
+// puts arrival times, which the network gives on the wall clock, onto it.
+class FrameClock
+{
+public:
+    explicit FrameClock(vuRootNode &root)
+        : root_(root),
+          startMicroseconds_(std::int64_t{root.time.sim.sec} * 1000000 + root.time.sim.usec),
+          begin_(SteadyClock::now())
+    {
+        root_.frameDelta = 0.0;
+        advance();
+    }
+
+    // Moves the root node's clock to now; returns the seconds since the start.
+    double advance()
+    {
+        const SteadyClock::time_point now = SteadyClock::now();
+        const auto run = std::chrono::duration_cast<std::chrono::microseconds>(now - begin_).count();
+        const std::int64_t microseconds = startMicroseconds_ + run;
+        const double before = root_.simSeconds;
+        root_.time.sim.sec = static_cast<std::int32_t>(microseconds / 1000000);
+        root_.time.sim.usec = static_cast<std::int32_t>(microseconds % 1000000);
+        root_.simSeconds = static_cast<double>(microseconds) * 1e-6;
+        root_.frameDelta = run == 0 ? 0.0 : root_.simSeconds - before;
+        wallAhead_ = wallNanoseconds() - microseconds * 1000;
+        return static_cast<double>(run) * 1e-6;
+    }
+
+    // Seconds on the simulation clock of a moment on the wall clock, given in nanoseconds since 1970.
+    double ofWall(std::int64_t nanoseconds) const
+    {
+        return static_cast<double>(nanoseconds - wallAhead_) * 1e-9;
+    }
+
+private:
+    static std::int64_t wallNanoseconds()
+    {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+    }
+
+    vuRootNode &root_;
+    std::int64_t startMicroseconds_;
+    SteadyClock::time_point begin_;
+    std::int64_t wallAhead_ = 0;
+};
+
+// The tracks for the map, at most kMostTracks of them.
+class Tracks
+{
+public:
+    static constexpr std::size_t kMostTracks = 1000;
+
+    void addFrame(DisInput &input)
+    {
+        for (RemoteEntity *remote : input.updated())
+        {
+            if (remote->track == SIZE_MAX && tracks_.size() < kMostTracks)
+            {
+                remote->track = tracks_.size();
+                tracks_.emplace_back();
+            }
+            if (remote->track != SIZE_MAX)
+                tracks_[remote->track].reported.add(asPosition(remote->entity->drState->location));
+        }
+        input.entities().forEach(
+            [this](const RemoteEntity &remote)
+            {
+                if (remote.track != SIZE_MAX)
+                    tracks_[remote.track].extrapolated.add(asPosition(remote.entity->position));
+            });
+    }
+
+    const std::vector<MapTrack> &all() const
+    {
+        return tracks_;
+    }
+
+private:
+    static Vector3 asPosition(const double *p)
+    {
+        return {p[0], p[1], p[2]};
+    }
+
+    std::vector<MapTrack> tracks_;
+};
+
+void printNotice(const std::string &line)
+{
+    std::fprintf(stderr, "tolvin run: %s\n", line.c_str());
+}
+
+void writeMap(const std::string &file, const Tracks &tracks, double seconds)
+{
+    char title[96];
+    std::snprintf(title, sizeof title, "%zu entities in %.0f seconds", tracks.all().size(), seconds);
+    if (!writeTrackMap(file, tracks.all(), title))
+        throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
+}
+
+// Frames until the duration, the frame count or a signal ends them.
+void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receiver, DisInput &input)
+{
+    const double rate = options.rate > 0.0 ? options.rate : root.options.frameRate;
+    const auto period = std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(1.0 / rate));
+    const auto statistics = std::make_unique<RunStatistics>();
+    Tracks tracks;
+    FrameClock clock(root);
+    SteadyClock::time_point due = SteadyClock::now();
+    double time = 0.0;
+    double lineTime = 0.0;
+    for (std::uint64_t frame = 0; stopRequested == 0; ++frame)
+    {
+        if ((options.frames != 0 && frame >= options.frames) || (options.duration > 0.0 && time >= options.duration))
+            break;
+        due += period;
+        while (stopRequested == 0 && SteadyClock::now() < due)
+            receiver.receiveUntil(due, [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
+                                  { input.take(datagram, clock.ofWall(arrival)); });
+        const SteadyClock::time_point begin = SteadyClock::now();
+        due = std::max(due, begin - period); // frames that were missed are not made up for
+        time = clock.advance();
+        input.frame([&](std::uint8_t algorithm, double metres) { statistics->addJump(algorithm, metres); });
+        if (!options.map.empty())
+            tracks.addFrame(input);
+        statistics->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin).count());
+        if (time - lineTime >= 1.0)
+        {
+            if (!options.quiet)
+                statistics->printLine(stdout, time, time - lineTime, input.counts(), input.entities().size());
+            lineTime = time;
+        }
+    }
+    statistics->printTables(stdout, input.counts(), input.entities());
+    if (!options.map.empty())
+        writeMap(options.map, tracks, time);
+}
+
+// An hour's run should not end with a map that cannot be written.
+void checkMap(const std::string &file)
+{
+    std::FILE *const map = std::fopen(file.c_str(), "a");
+    if (map == nullptr)
+        throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
+    std::fclose(map);
+}
+
+void run(const RunOptions &options)
+{
+    if (!options.map.empty())
+        checkMap(options.map);
+    UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
+    std::signal(SIGINT, requestStop);
+    std::signal(SIGTERM, requestStop);
+    pfArenaInfo info;
+    {
+        const RootPtr root = makeRoot();
+        DisInput input(*root, options.input, printNotice);
+        runFrames(options, *root, receiver, input);
+    }
+    pfGetArenaInfo(&info);
+    if (info.blocksInUse != 0)
+        throw std::logic_error(std::to_string(info.blocksInUse) + " blocks of the shared arena were not released");
+}
+
+} // namespace
+
+void addRunCommand(CLI::App &app, int &exitCode)
+{
+    const auto options = std::make_shared<RunOptions>();
+    CLI::App *const command =
+        app.add_subcommand("run", "Run the frame loop: show entities that DIS reports, move them");
+    command->add_option("--duration", options->duration, "Seconds to run; 0 runs until interrupted")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    command->add_option("--frames", options->frames, "Frames to run; 0 sets no limit")->capture_default_str();
+    command->add_option("--rate", options->rate, "Frames per second (default: 25, the options record's)")
+        ->check(CLI::Range(0.1, 10000.0));
+    command->add_option("--dis", options->dis, "Local address and UDP port to receive on, or a multicast group to join")
+        ->capture_default_str();
+    command->add_option("--interface", options->interface, "Address of the interface for a multicast group");
+    command->add_option("--exercise", options->input.exercise, "Exercise to listen to, 1 to 255; 0 takes all")
+        ->check(CLI::Range(0, 255))
+        ->capture_default_str();
+    command->add_option("--site", options->input.site, "Own site, whose packets are dropped")->capture_default_str();
+    command->add_option("--application", options->input.application, "Own application, whose packets are dropped")
+        ->capture_default_str();
+    command->add_option("--max-entities", options->input.maxEntities, "Entities to keep at most")
+        ->check(CLI::Range(1, 1000000))
+        ->capture_default_str();
+    command->add_option("--map", options->map, "Write a map of the tracks to this SVG file at the end");
+    command->add_flag("--quiet", options->quiet, "Print no line per second, only the tables at the end");
+    command->callback(
+        [options, &exitCode]
+        {
+            try
+            {
+                run(*options);
+            }
+            catch (const std::logic_error &error)
+            {
+                std::fprintf(stderr, "Error: %s\n", error.what());
+                exitCode = 1;
+            }
+            catch (const std::exception &error)
+            {
+                std::fprintf(stderr, "Error: %s\n", error.what());
+                exitCode = 2;
+            }
+        });
+}
+
+} // namespace tolvin

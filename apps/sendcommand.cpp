@@ -1,1 +1,669 @@
 #include "sendcommand.h"
+
+#include "dispdu.h"
+#include "geodesy.h"
+#include "motion.h"
+#include "udp.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <cinttypes>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <numeric>
+#include <optional>
+#include <queue>
+#include <random>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace tolvin
+{
+
+namespace
+{
+
+using Nanoseconds = std::int64_t; // since the start of sending, unless a name says otherwise
+
+constexpr Nanoseconds kSecond = 1'000'000'000;
+constexpr Nanoseconds kNever = std::numeric_limits<Nanoseconds>::max();
+constexpr std::size_t kBundleBytes = 1400;       // stays below the usual 1500 with all headers
+constexpr std::uint32_t kDeactivated = 1u << 23; // of the appearance
+
+struct SendOptions
+{
+    std::string to = "127.0.0.1:3000";
+    std::string interface;
+    int timeToLive = 1;
+    bool bundle = false;
+
+    int version = 7;
+    int exercise = 1;
+    std::uint16_t site = 1;
+    std::uint16_t application = 2;
+    std::uint32_t entities = 1;
+    std::uint32_t firstEntity = 1;
+    std::string marking = "T";
+    bool leave = false;
+
+    std::vector<std::string> motions = {"circle"};
+    std::vector<std::string> algorithms = {"4"};
+    std::string origin = "47,8,500";
+    Motion pattern;
+
+    double rate = 5.0;
+    double duration = 0.0;
+    double jitter = 0.0;
+    double loss = 0.0;
+    std::string stamp = "relative";
+    double clockOffset = 0.0;
+    double clockDrift = 0.0;
+    std::uint32_t seed = 1;
+    bool quiet = false;
+};
+
+[[noreturn]] void refuse(const std::string &option, const std::string &value, const std::string &expected)
+{
+    throw std::runtime_error(option + " " + value + ": expected " + expected);
+}
+
+// Reads a number at the start of text and removes it from there.
+template<typename Number>
+std::optional<Number> takeNumber(std::string_view &text)
+{
+    Number value{};
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc())
+    {
+        return std::nullopt;
+    }
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    return value;
+}
+
+bool takeCharacter(std::string_view &text, char character)
+{
+    const bool found = text.starts_with(character);
+    text.remove_prefix(found ? 1 : 0);
+    return found;
+}
+
+// Algorithm numbers and ranges of them, such as 2, 4 and 6-9.
+std::vector<std::uint8_t> parseAlgorithms(const std::vector<std::string> &items)
+{
+    std::vector<std::uint8_t> algorithms;
+    for (const std::string &item : items)
+    {
+        std::string_view rest = item;
+        const int first = takeNumber<int>(rest).value_or(0);
+        const int last = takeCharacter(rest, '-') ? takeNumber<int>(rest).value_or(0) : first;
+        if (!rest.empty() || first < 1 || last < first || last > 9)
+        {
+            refuse("--algorithm", item, "numbers from 1 to 9 or ranges such as 2-5");
+        }
+        for (int algorithm = first; algorithm <= last; ++algorithm)
+        {
+            algorithms.push_back(static_cast<std::uint8_t>(algorithm));
+        }
+    }
+    return algorithms;
+}
+
+std::vector<MotionKind> parseMotions(const std::vector<std::string> &items)
+{
+    std::vector<MotionKind> kinds;
+    for (const std::string &item : items)
+    {
+        if (item == "all")
+        {
+            kinds.insert(kinds.end(), std::begin(kMotionKinds), std::end(kMotionKinds));
+        }
+        else if (const auto kind = motionKindNamed(item))
+        {
+            kinds.push_back(*kind);
+        }
+        else
+        {
+            refuse("--motion", item, "static, line, accelerate, circle, helix, weave or all");
+        }
+    }
+    return kinds;
+}
+
+Geodetic parseOrigin(const std::string &text)
+{
+    std::string_view rest = text;
+    const auto latitude = takeNumber<double>(rest);
+    const bool second = takeCharacter(rest, ',');
+    const auto longitude = takeNumber<double>(rest);
+    const auto height = takeCharacter(rest, ',') ? takeNumber<double>(rest) : 0.0;
+    // Written so that a NaN fails as well.
+    if (!(latitude && second && longitude && height && rest.empty() && std::abs(*latitude) <= 90.0 &&
+          std::abs(*longitude) <= 360.0 && std::abs(*height) <= 1e6))
+    {
+        refuse("--origin", text, "LAT,LON[,HEIGHT] in degrees (-90 to 90, -360 to 360) and metres (to 1000 km)");
+    }
+    return {*latitude, *longitude, *height};
+}
+
+struct SimulatedEntity
+{
+    Motion motion;
+    std::uint8_t algorithm;
+    vuEntityId id;
+    vuMarking marking;
+};
+
+vuMarking markingOf(const std::string &prefix, std::uint32_t number)
+{
+    vuMarking marking{};
+    marking.characterSet = 1;
+    const std::string digits = std::to_string(number);
+    const std::string text = prefix.substr(0, sizeof marking.text - digits.size()) + digits;
+    std::copy(text.begin(), text.end(), marking.text);
+    return marking;
+}
+
+std::vector<SimulatedEntity> makeEntities(const SendOptions &options)
+{
+    if (options.firstEntity + options.entities - 1 > 65534)
+    {
+        refuse("--first-entity", std::to_string(options.firstEntity), "the last entity number to be 65534 or less");
+    }
+    const std::vector<MotionKind> kinds = parseMotions(options.motions);
+    const std::vector<std::uint8_t> algorithms = parseAlgorithms(options.algorithms);
+    const std::size_t cycle = std::lcm(kinds.size(), algorithms.size());
+    std::vector<SimulatedEntity> entities(options.entities);
+    for (std::size_t i = 0; i < entities.size(); ++i)
+    {
+        const auto number = static_cast<std::uint16_t>(options.firstEntity + i);
+        Motion pattern = options.pattern;
+        pattern.kind = kinds[i % kinds.size()];
+        entities[i].motion = spreadMotion(pattern, i, entities.size());
+        // One step further each time both lists are through together, so that every motion meets every algorithm.
+        entities[i].algorithm = algorithms[(i + i / cycle) % algorithms.size()];
+        entities[i].id = {options.site, options.application, number};
+        entities[i].marking = markingOf(options.marking, number);
+    }
+    return entities;
+}
+
+// The wall clock as the sender believes it to be.
+class SkewedClock
+{
+public:
+    SkewedClock(double offset, double driftPpm)
+        : start_(
+              std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+                  .count() +
+              std::llround(offset * 1e9)),
+          drift_(driftPpm * 1e-6)
+    {
+    }
+
+    // Nanoseconds since 1970.
+    std::int64_t at(Nanoseconds time) const
+    {
+        return start_ + time + std::llround(static_cast<double>(time) * drift_);
+    }
+
+private:
+    std::int64_t start_;
+    double drift_;
+};
+
+// Blocks SIGINT and SIGTERM, so that none is lost between a test and a wait.
+class StopSignals
+{
+public:
+    StopSignals()
+    {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, SIGINT);
+        sigaddset(&signals_, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals_, &former_);
+    }
+
+    ~StopSignals()
+    {
+        while (arrive(0))
+        {
+        }
+        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
+    }
+
+    StopSignals(const StopSignals &) = delete;
+    StopSignals &operator=(const StopSignals &) = delete;
+
+    // Waits for that long, or until one arrives: true then.
+    bool arrive(Nanoseconds wait)
+    {
+        const timespec timeout = {static_cast<std::time_t>(wait / kSecond), static_cast<long>(wait % kSecond)};
+        return sigtimedwait(&signals_, nullptr, &timeout) > 0;
+    }
+
+private:
+    sigset_t signals_;
+    sigset_t former_;
+};
+
+// Time since the start, and waiting for it.
+class Pace
+{
+public:
+    Nanoseconds now() const
+    {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start_).count();
+    }
+
+    // False when a signal asked to stop.
+    bool waitUntil(Nanoseconds time)
+    {
+        do
+        {
+            // In steps, since the seconds of a wait have 32 bits on i386.
+            if (stop_.arrive(std::clamp<Nanoseconds>(time - now(), 0, 3600 * kSecond)))
+            {
+                return false;
+            }
+        } while (now() < time);
+        return true;
+    }
+
+private:
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    StopSignals stop_;
+};
+
+// Gathers reports into datagrams and sends them.
+class Outbox
+{
+public:
+    Outbox(const asio::ip::udp::endpoint &to, const asio::ip::address_v4 &interface, int timeToLive, bool bundle)
+        : sender_(to, interface, timeToLive),
+          name_(textOf(to)),
+          capacity_(bundle ? kBundleBytes : kEntityStateSize)
+    {
+    }
+
+    void add(const vuEntityState &report)
+    {
+        if (size_ + kEntityStateSize > capacity_)
+        {
+            flush();
+        }
+        size_ += encodeEntityState(report, std::span(bytes_).subspan(size_));
+    }
+
+    void flush()
+    {
+        if (size_ == 0)
+        {
+            return;
+        }
+        const std::uint64_t reports = size_ / kEntityStateSize;
+        const std::error_code error = sender_.send(std::span(bytes_).first(size_));
+        size_ = 0;
+        (error ? failed_ : sent_) += reports;
+        if (error && sent_ == 0)
+        {
+            throw std::runtime_error(name_ + ": " + error.message());
+        }
+        if (error && failed_ == reports)
+        {
+            std::fprintf(stderr, "Warning: %s: %s; going on\n", name_.c_str(), error.message().c_str());
+        }
+    }
+
+    std::uint64_t sent() const
+    {
+        return sent_;
+    }
+
+    std::uint64_t failed() const
+    {
+        return failed_;
+    }
+
+private:
+    UdpSender sender_;
+    std::string name_;
+    std::size_t capacity_;
+    std::size_t size_ = 0;
+    std::array<std::uint8_t, kBundleBytes> bytes_;
+    std::uint64_t sent_ = 0;
+    std::uint64_t failed_ = 0;
+};
+
+// A report that waits for its delay to pass.
+struct Due
+{
+    Nanoseconds send;
+    Nanoseconds made;
+    std::size_t entity;
+
+    auto operator<=>(const Due &) const = default;
+};
+
+// Round after round, each of one interval, every entity makes one report. They are spread evenly over the round, those
+// that share a datagram together.
+class Schedule
+{
+public:
+    Schedule(std::size_t entities, double rate, std::size_t group)
+        : entities_(entities),
+          group_(group),
+          groups_((entities + group - 1) / group),
+          interval_(1e9 / rate)
+    {
+    }
+
+    Nanoseconds timeOf(std::uint64_t report) const
+    {
+        const auto place = static_cast<double>(report % entities_ / group_) / static_cast<double>(groups_);
+        return std::llround((static_cast<double>(report / entities_) + place) * interval_);
+    }
+
+    Nanoseconds interval() const
+    {
+        return std::llround(interval_);
+    }
+
+private:
+    std::size_t entities_;
+    std::size_t group_;
+    std::size_t groups_;
+    double interval_; // nanoseconds
+};
+
+// A line that is kept current on a terminal, nothing elsewhere.
+class Progress
+{
+public:
+    explicit Progress(bool quiet) : next_(!quiet && isatty(STDERR_FILENO) ? kSecond : kNever)
+    {
+    }
+
+    ~Progress()
+    {
+        if (next_ != kNever)
+        {
+            std::fputs("\r\033[K", stderr);
+        }
+    }
+
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    Nanoseconds next() const
+    {
+        return next_;
+    }
+
+    void show(Nanoseconds now, std::uint64_t reports)
+    {
+        if (now >= next_)
+        {
+            std::fprintf(stderr, "\r%" PRId64 " s, %" PRIu64 " reports", now / kSecond, reports);
+            next_ = (now / kSecond + 1) * kSecond;
+        }
+    }
+
+private:
+    Nanoseconds next_;
+};
+
+class Generator
+{
+public:
+    explicit Generator(const SendOptions &options)
+        : options_(options),
+          entities_(makeEntities(options)),
+          frame_(parseOrigin(options.origin)),
+          schedule_(entities_.size(), options.rate, groupSize(options)),
+          outbox_(parseEndpoint(options.to), parseInterface(options.interface), options.timeToLive, options.bundle),
+          random_(options.seed),
+          end_(options.duration > 0.0 ? std::llround(options.duration * 1e9) : kNever),
+          clock_(options.clockOffset, options.clockDrift)
+    {
+    }
+
+    // Sends until the end or a signal.
+    void run()
+    {
+        Progress progress(options_.quiet);
+        Nanoseconds now;
+        do
+        {
+            now = pace_.now();
+            makeReports(now);
+            sendReports(now);
+            progress.show(now, outbox_.sent());
+        } while (nextWork(now) != kNever && pace_.waitUntil(std::min(nextWork(now), progress.next())));
+        if (options_.leave)
+        {
+            leave();
+        }
+    }
+
+    void printSummary() const
+    {
+        const double seconds = static_cast<double>(pace_.now()) * 1e-9;
+        std::printf("%zu entities, %" PRIu64 " reports sent, %" PRIu64 " dropped on purpose, %" PRIu64
+                    " skipped for being late, %" PRIu64 " failed, %.1f s, %.1f reports/s\n",
+                    entities_.size(), outbox_.sent(), dropped_, skipped_, outbox_.failed(), seconds,
+                    static_cast<double>(outbox_.sent()) / seconds);
+    }
+
+private:
+    static std::size_t groupSize(const SendOptions &options)
+    {
+        return options.bundle ? kBundleBytes / kEntityStateSize : 1;
+    }
+
+    // From 0 to 1. The distributions of the standard library differ from one library to the other.
+    double random()
+    {
+        return static_cast<double>(random_()) * 0x1p-32;
+    }
+
+    void makeReports(Nanoseconds now)
+    {
+        for (Nanoseconds made; (made = schedule_.timeOf(next_)) <= now && made < end_; ++next_)
+        {
+            const bool lost = random() * 100.0 < options_.loss;
+            const Nanoseconds delay = std::llround(random() * options_.jitter * 1e9);
+            if (now - made >= schedule_.interval())
+            {
+                ++skipped_; // its successor is due already: after a pause nobody wants all that was missed
+            }
+            else if (lost)
+            {
+                ++dropped_;
+            }
+            else
+            {
+                waiting_.push({made + delay, made, static_cast<std::size_t>(next_ % entities_.size())});
+            }
+        }
+    }
+
+    void sendReports(Nanoseconds now)
+    {
+        for (; !waiting_.empty() && waiting_.top().send <= now; waiting_.pop())
+        {
+            outbox_.add(reportAt(waiting_.top().entity, waiting_.top().made));
+        }
+        outbox_.flush();
+    }
+
+    // Until the end there is always something to wait for; after it only what was delayed.
+    Nanoseconds nextWork(Nanoseconds now) const
+    {
+        const Nanoseconds made = now < end_ ? std::min(schedule_.timeOf(next_), end_) : kNever;
+        return waiting_.empty() ? made : std::min(made, waiting_.top().send);
+    }
+
+    // The state belongs to the time that the stamp says, which is a little before the time asked for.
+    vuEntityState reportAt(std::size_t index, Nanoseconds time) const
+    {
+        const SimulatedEntity &entity = entities_[index];
+        const Stamp stamp = options_.stamp == "zero" ? Stamp{} : stampOf(clock_.at(time));
+        vuEntityState report =
+            reportOf(entity.motion, static_cast<double>(time - stamp.remainder) * 1e-9, frame_, entity.algorithm);
+        report.timestamp = stamp.word | (options_.stamp == "absolute" ? 1u : 0u);
+        report.protocolVersion = static_cast<std::uint8_t>(options_.version);
+        report.exerciseId = static_cast<std::uint8_t>(options_.exercise);
+        report.entityId = entity.id;
+        report.marking = entity.marking;
+        return report;
+    }
+
+    // Every entity says that it leaves. Neither loss nor delay is simulated here, and nobody who stopped the program waits
+    // longer than a second.
+    void leave()
+    {
+        const Nanoseconds start = pace_.now();
+        const Nanoseconds step = std::min(schedule_.interval(), kSecond) / static_cast<Nanoseconds>(entities_.size());
+        for (std::size_t i = 0; i < entities_.size(); ++i)
+        {
+            if (i % groupSize(options_) == 0)
+            {
+                pace_.waitUntil(start + static_cast<Nanoseconds>(i) * step);
+            }
+            vuEntityState report = reportAt(i, pace_.now());
+            report.appearance |= kDeactivated;
+            outbox_.add(report);
+        }
+        outbox_.flush();
+    }
+
+    const SendOptions &options_;
+    std::vector<SimulatedEntity> entities_;
+    LocalFrame frame_;
+    Schedule schedule_;
+    Outbox outbox_;
+    std::mt19937 random_;
+    Nanoseconds end_;
+    std::uint64_t next_ = 0; // report to make
+    std::uint64_t dropped_ = 0;
+    std::uint64_t skipped_ = 0;
+    std::priority_queue<Due, std::vector<Due>, std::greater<>> waiting_;
+    SkewedClock clock_;
+    Pace pace_;
+};
+
+int runSend(const SendOptions &options)
+{
+    try
+    {
+        Generator generator(options);
+        generator.run();
+        if (!options.quiet)
+        {
+            generator.printSummary();
+        }
+        return 0;
+    }
+    catch (const std::runtime_error &error)
+    {
+        std::fprintf(stderr, "Error: %s\n", error.what());
+        return 2;
+    }
+}
+
+// Unlike CLI::Range this refuses a NaN.
+CLI::Validator within(double least, double most)
+{
+    std::ostringstream range;
+    range << least << " to " << most;
+    const auto check = [least, most, text = range.str()](const std::string &item)
+    {
+        double value = 0.0;
+        const bool good = CLI::detail::lexical_cast(item, value) && value >= least && value <= most;
+        return good ? std::string() : item + ": expected " + text;
+    };
+    return CLI::Validator(check, range.str());
+}
+
+void addNetworkOptions(CLI::App &command, SendOptions &o)
+{
+    command.add_option("--to", o.to, "ADDRESS[:PORT] to send to: unicast, broadcast or multicast");
+    command.add_option("--interface", o.interface, "address of the local interface to send from");
+    command.add_option("--ttl", o.timeToLive, "hops that a multicast may take")->check(within(0, 255));
+    command.add_flag("--bundle", o.bundle, "put reports due together into datagrams of up to 1400 bytes");
+    command.add_option("--loss", o.loss, "percent of the reports to drop")->check(within(0.0, 100.0));
+    command.add_option("--jitter", o.jitter, "longest random delay of a report, seconds")->check(within(0.0, 60.0));
+}
+
+void addIdentityOptions(CLI::App &command, SendOptions &o)
+{
+    command.add_option("--version", o.version, "DIS protocol version")->check(within(5, 7));
+    command.add_option("--exercise", o.exercise, "exercise number")->check(within(1, 255));
+    command.add_option("--site", o.site, "site number")->check(within(0, 65534));
+    command.add_option("--application", o.application, "application number")->check(within(0, 65534));
+    command.add_option("--entities", o.entities, "number of entities")->check(within(1, 65534));
+    command.add_option("--first-entity", o.firstEntity, "number of the first entity")->check(within(1, 65534));
+    command.add_option("--marking", o.marking, "start of the markings, before the entity number");
+    command.add_flag("--leave", o.leave, "let every entity say at the end that it leaves");
+}
+
+void addMotionOptions(CLI::App &command, SendOptions &o)
+{
+    command
+        .add_option("--motion", o.motions,
+                    "motions to give to the entities in turn: static, line, accelerate, circle, "
+                    "helix, weave, or all")
+        ->delimiter(',');
+    command
+        .add_option("--algorithm", o.algorithms,
+                    "dead-reckoning algorithms to give to the entities in turn, such as "
+                    "2,4 or 1-9")
+        ->delimiter(',');
+    command.add_option("--origin", o.origin, "LAT,LON[,HEIGHT] in the middle of all entities, degrees and metres");
+    command.add_option("--speed", o.pattern.speed, "m/s")->check(within(0.0, 10000.0));
+    command.add_option("--radius", o.pattern.radius, "of circle and helix, metres")->check(within(1.0, 1e6));
+    command.add_option("--acceleration", o.pattern.acceleration, "of accelerate, m/s^2")->check(within(0.0, 1000.0));
+    command.add_option("--climb", o.pattern.climbRate, "of helix, m/s upwards")->check(within(-1000.0, 1000.0));
+}
+
+void addTimeOptions(CLI::App &command, SendOptions &o)
+{
+    command.add_option("--rate", o.rate, "reports per second of each entity")->check(within(0.001, 1000.0));
+    command.add_option("--duration", o.duration, "seconds, 0 for no end")->check(within(0.0, 1e9));
+    command.add_option("--stamp", o.stamp, "relative, absolute or zero time stamps")
+        ->check(CLI::IsMember({"relative", "absolute", "zero"}));
+    command.add_option("--clock-offset", o.clockOffset, "seconds by which the sender's clock is fast")
+        ->check(within(-1e6, 1e6));
+    command.add_option("--clock-drift", o.clockDrift, "seconds in a million that it gains")->check(within(-1e5, 1e5));
+    command.add_option("--seed", o.seed, "of the random loss and delay");
+    command.add_flag("--quiet", o.quiet, "print no summary");
+}
+
+} // namespace
+
+void addSendCommand(CLI::App &app, int &exitCode)
+{
+    CLI::App *command = app.add_subcommand("send", "send DIS reports of entities on given motions");
+    command->option_defaults()->always_capture_default();
+    command->get_formatter()->column_width(40);
+    const auto options = std::make_shared<SendOptions>();
+    addNetworkOptions(*command, *options);
+    addIdentityOptions(*command, *options);
+    addMotionOptions(*command, *options);
+    addTimeOptions(*command, *options);
+    command->callback([options, &exitCode] { exitCode = runSend(*options); });
+}
+
+} // namespace tolvin

@@ -1,0 +1,26 @@
+# What `cmake --install` puts in place: libraries, headers, the CMake package, tolvin.pc, the application.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS tolvin pf EXPORT tolvin-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+set_target_properties(tolvin pf PROPERTIES INSTALL_RPATH "$ORIGIN")
+if(TOLVIN_APPS)
+  install(TARGETS tolvin_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  set_target_properties(tolvin_command PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+endif()
+foreach(folder kernel performer)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin
+    FILES_MATCHING PATTERN "*.h")
+endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/docs/man/tolvin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvin)
+install(EXPORT tolvin-targets NAMESPACE tolvin:: DESTINATION ${package_folder})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvinConfig.cmake.in ${PROJECT_BINARY_DIR}/tolvinConfig.cmake
+  INSTALL_DESTINATION ${package_folder})
+# Before 1.0 a minor version may change the interface.
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/tolvinConfig.cmake ${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake
+  DESTINATION ${package_folder})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvin.pc.in ${PROJECT_BINARY_DIR}/tolvin.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tolvin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -253,29 +253,39 @@ TOLVIN_API void entityRemove(vuScene *scene, vuEntity *entity);
  */
 TOLVIN_API vuEntity *entityFindNamed(vuScene *scene, const char *name);
 
-/* First entity whose definition has that model file name; null when there is none, without a message. */
+/*
+ * First entity in list order whose definition has that model file name (exact, case-sensitive); null when there is none,
+ * without a message. Neither argument may be null.
+ */
 TOLVIN_API vuEntity *entityFindFilename(vuScene *scene, const char *fileName);
 
 /*
  * Report network reception (one "Notice" for DIS, one for UDP, and bit 1 of the root's receiveFlags) and give the entity
  * its variables record of the size that its definition names: from the shared arena for keys below VU_SHM_FIRST_KEY
  * (vars null when there is no room, without a message), else by entityAttachToSharedMemory. Without definition, layout or
- * size there is no record.
+ * size there is no record. A former record is not released: call entityReleaseSharedMem before. Neither argument may be
+ * null.
  */
 TOLVIN_API void entityAllocVars(struct vuRootNode *root, vuEntity *entity);
 
 /*
  * Find or create (mode 0666) the System V segment of the entity's key and attach it to vars. shmCreated tells whether
- * this process created it: that process removes it. Returns 1 on success and when the entity has no variables; 0 when a
- * segment is attached already (nothing changes), when the segment can be neither found nor created, for example
- * because an existing one is too small, and when it cannot be attached (vars is then null). The last two print an
- * "Error".
+ * this process created it: that process removes it. Two programs that look for the segment in the same instant can both
+ * count as its creator; each then removes it, and who is attached keeps it until the detach. A private key (0,
+ * IPC_PRIVATE) always creates a segment.
+ *
+ * Returns 1 on success and when the entity has no variables. Returns 0 when shmId names a segment already (nothing
+ * changes); with an "Error" when the segment can be neither found nor created, for example because an existing one is
+ * too small (shmId is then -1); and with an "Error" when it cannot be attached, or when the entity has no variables and
+ * vars holds what shmat returns on failure, all bits set (vars is then null, and shmId keeps the segment: release it
+ * before the next try). entity must not be null.
  */
 TOLVIN_API int entityAttachToSharedMemory(vuEntity *entity);
 
 /*
  * Release the variables record: pfFree for the arena, detach for a segment, which is also removed when this process
- * created it. Afterwards vars is null and shmId -1. Safe on an entity without variables.
+ * created it. Afterwards vars is null and shmId -1; shmCreated keeps its value. Safe on an entity without variables and
+ * after a failed attach, where it removes the segment if this process created it. entity must not be null.
  */
 TOLVIN_API void entityReleaseSharedMem(vuEntity *entity);
 

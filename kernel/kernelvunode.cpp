@@ -1,1 +1,171 @@
 #include "kernelvunode.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "../performer/pf.h"
+#include "kernelutil.h"
+
+namespace
+{
+constexpr char kModule[] = "kernelvunode";
+
+// Repair of a list whose ends were found wrong. The walks follow only links that agree in both directions: those visit
+// no node twice before they come back to the start, so they end whatever state the list is in. A ring is opened there.
+vunode *makeHead(vunode *start)
+{
+    vunode *head = start;
+    while (head->prev != nullptr && head->prev != start && head->prev->next == head)
+    {
+        head = head->prev;
+    }
+    head->prev = nullptr;
+    if (start->next == head)
+    {
+        start->next = nullptr;
+    }
+    return head;
+}
+
+vunode *makeTail(vunode *start)
+{
+    vunode *tail = start;
+    while (tail->next != nullptr && tail->next != start && tail->next->prev == tail)
+    {
+        tail = tail->next;
+    }
+    tail->next = nullptr;
+    if (start->prev == tail)
+    {
+        start->prev = nullptr;
+    }
+    return tail;
+}
+} // namespace
+
+vuminnode *vuminnodeInit(vuminnode *node)
+{
+    node->next = nullptr;
+    node->prev = nullptr;
+    return node;
+}
+
+void vunodeInit(vunode *node, const char *name)
+{
+    *node = {};
+    if (name != nullptr)
+    {
+        const size_t bytes = strlen(name) + 1;
+        node->name = static_cast<char *>(pfMalloc(bytes, pfGetSharedArena()));
+        if (node->name != nullptr)
+        {
+            memcpy(node->name, name, bytes);
+        }
+    }
+}
+
+void vulistInit(vulist *list)
+{
+    list->first = nullptr;
+    list->last = nullptr;
+}
+
+void vunodeAppend(vulist *list, vunode *node)
+{
+    if (list->first == nullptr)
+    {
+        list->first = node;
+    }
+    if (list->last != nullptr)
+    {
+        list->last->next = node;
+    }
+    node->prev = list->last;
+    list->last = node;
+    node->next = nullptr;
+}
+
+void vunodeRemove(vulist *list, vunode *node)
+{
+    if (list == nullptr)
+    {
+        vuMessage("Debug", kModule, 263, "List NULL");
+        return;
+    }
+    if (node == nullptr)
+    {
+        vuMessage("Debug", kModule, 267, "Node NULL");
+        return;
+    }
+    const bool isFirst = list->first == node;
+    const bool isLast = list->last == node;
+    if (isFirst && node->prev != nullptr)
+    {
+        vuMessage(nullptr, kModule, 284, "Mismatch Head Node");
+    }
+    if (isLast && node->next != nullptr)
+    {
+        vuMessage(nullptr, kModule, 299, "Mismatch Tail Node");
+    }
+
+    // A node that was appended twice in a row is its own neighbour; the list must not keep it.
+    vunode *const prev = node->prev != node ? node->prev : nullptr;
+    vunode *const next = node->next != node ? node->next : nullptr;
+    node->prev = nullptr;
+    node->next = nullptr;
+    if (prev != nullptr)
+    {
+        prev->next = next;
+    }
+    if (next != nullptr)
+    {
+        next->prev = prev;
+    }
+    if (isFirst)
+    {
+        list->first = prev != nullptr ? makeHead(prev) : next;
+    }
+    if (isLast)
+    {
+        list->last = next != nullptr ? makeTail(next) : prev;
+    }
+    if (isFirst && list->first == nullptr)
+    {
+        list->last = nullptr;
+    }
+}
+
+void vunodeDelete(vulist *list, vunode *node)
+{
+    vunodeRemove(list, node);
+    if (node != nullptr)
+    {
+        pfFree(node->name);
+        node->name = nullptr;
+    }
+}
+
+vunode *vunodeListFindNamed(const vulist *list, const char *name)
+{
+    vunode *node = list->first;
+    while (node != nullptr && (node->name == nullptr || strcmp(node->name, name) != 0))
+    {
+        node = node->next;
+    }
+    return node;
+}
+
+int vunodesCount(const vulist *list)
+{
+    if (list == nullptr)
+    {
+        fprintf(stderr, "%s:%d: Warning: NULL List\n", kModule, 451);
+        return 0;
+    }
+    int count = 0;
+    for (const vunode *node = list->first; node != nullptr; node = node->next)
+    {
+        ++count;
+    }
+    return count;
+}

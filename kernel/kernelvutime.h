@@ -8,7 +8,7 @@
  * 2415020.0). 2000 January 1.5, the epoch J2000, is 36525.0. Years before Christ are negative and there is no year 0.
  * Dates up to 1582 October 4 are Julian, from 1582 October 15 on Gregorian.
  *
- * Not thread-safe: the two MJD conversions keep their last result in process-wide caches.
+ * No pointer may be null. Not thread-safe: the two MJD conversions keep their last result in process-wide caches.
  */
 #ifndef TOLVIN_KERNEL_KERNELVUTIME_H
 #define TOLVIN_KERNEL_KERNELVUTIME_H
@@ -60,10 +60,10 @@ typedef struct vutime
     vutimeval sim;        /* the simulation clock; the current time of dead reckoning */
     vutimeval animStart;  /* wall clock when the animation clock was last reset */
     vutimeTM simTM;       /* calendar form of `sim`, UTC; read by updateSimtime */
-    vutimeTM animTM;      /* hours, minutes, seconds, microseconds since animStart */
+    vutimeTM animTM;      /* hours (modulo 65536), minutes, seconds, microseconds since animStart */
     uint8_t reserved[40]; /* not touched by the library */
     double animSeconds;   /* seconds since animStart; kept by the application */
-    int32_t j2000;        /* 2000-01-01 12:00:00 in the process's time zone, seconds since 1970 */
+    int32_t j2000;        /* 2000-01-01 12:00:00, standard time of the process's time zone, seconds since 1970 */
 } vutime;
 #pragma pack(pop)
 
@@ -82,8 +82,9 @@ VU_SIZE_ANY(vutime, 124);
 TOLVIN_API void vutimeTMInit(vutimeTM *tm);
 
 /*
- * Set tm to the current date and time of day in UTC, microseconds 0. A clock that cannot be read is reported ("timeofday
- * failed") and what was read is used; tm is left unchanged when the seconds have no calendar form.
+ * Set tm to the current date and time of day in UTC, microseconds 0. Years before 1970 come out 100 too high. A clock
+ * that cannot be read is reported ("timeofday failed") and counts as 1970-01-01 00:00 where the failed reading wrote
+ * nothing; tm is left unchanged when the seconds have no calendar form.
  */
 TOLVIN_API void vutimeTMSetLocal(vutimeTM *tm);
 
@@ -93,8 +94,9 @@ TOLVIN_API void vutimeTMCopy(vutimeTM *dst, const vutimeTM *src);
 /*
  * Add seconds and microseconds (each may be negative) to tm, taken as local time: a step across a change of daylight
  * saving counts real seconds, and the C library decides which side of the change tm lies on. Whole seconds in a
- * positive number of microseconds are carried into the seconds; tm->usec plus the rest is not carried further. tm is
- * left unchanged when the result has no calendar form.
+ * positive number of microseconds are carried into the seconds; tm->usec plus the rest is not carried further and
+ * saturates at 32 bits. tm is left unchanged when it or the result has no calendar form: the year leaves 32 bits or the
+ * seconds since 1970 leave time_t, which on a target with a 32-bit time_t ends in 2038.
  */
 TOLVIN_API void vutimeTMAdd(vutimeTM *tm, int32_t seconds, int32_t microseconds);
 
@@ -102,26 +104,38 @@ TOLVIN_API void vutimeTMAdd(vutimeTM *tm, int32_t seconds, int32_t microseconds)
 TOLVIN_API int vutimeTMloweqThen(const vutimeTM *a, const vutimeTM *b);
 
 /*
- * Start all clocks from the system clock. animSeconds and the reserved bytes are not set. A clock that cannot be read is
- * reported ("timeofday failed") and what was read is used. Returns time->j2000.
+ * Start all clocks from the system clock; seconds beyond 32 bits are clamped. animSeconds and the reserved bytes are not
+ * set. A clock that cannot be read, as past 2038 with a 32-bit time_t, is reported ("timeofday failed", once); the words
+ * that the failed reading did not write keep their values, and the other clocks start from those. Returns time->j2000.
  */
 TOLVIN_API int32_t vutimeInit(vutime *time);
 
-/* Restart the animation clock: animStart from the system clock, every field of animTM 0, animSeconds 0. */
+/*
+ * Restart the animation clock: animStart from the system clock (kept when that cannot be read), every field of animTM 0,
+ * month and day too, animSeconds 0.
+ */
 TOLVIN_API void vutimeAnimReset(vutime *time);
 
 /*
- * Derive hour, minute, second and microsecond of animTM from animSeconds; year, month and day are not touched. Prints
- * one "Debug" line on every call.
+ * Derive hour, minute, second and microsecond of animTM from animSeconds; year, month and day are not touched. Negative
+ * seconds give negative or zero parts, which the unsigned fields hold modulo 65536. Seconds beyond 32 bits count as the
+ * nearest whole second within, NaN as 0. Prints one "Debug" line on every call.
  */
 TOLVIN_API void vutimeCalcAnimTMFromAnimTime(vutime *time);
 
 /*
- * MJD of a calendar date. day carries the time of day as its fraction (1.5 is noon of the first). Any input is accepted.
+ * MJD of a calendar date. day carries the time of day as its fraction (1.5 is noon of the first). Any input is accepted:
+ * days outside the month count on from its ends, the ten days dropped in October 1582 are Julian, year 0 is year -1.
+ * For months outside 1 to 12 the result has no meaning, and for (0.0, 0, 0), what the cache starts with, it depends on
+ * the call before.
  */
 TOLVIN_API double vutimeGetMJD(double day, uint16_t month, int32_t year);
 
-/* Calendar date of an MJD: day of month with fraction, month 1 to 12, year (never 0). No pointer may be null. */
+/*
+ * Calendar date of an MJD: day of month with fraction, month 1 to 12, year (never 0). Any input is accepted: an MJD
+ * whose year does not fit 32 bits gives the first or last date whose year does; an infinite one gives the same month and
+ * year, and NaN those of the first date, with NaN as the day.
+ */
 TOLVIN_API void vutimeReverseMJD(double mjd, double *day, uint16_t *month, int32_t *year);
 
 /* 1 when the day exists in that month of the Gregorian calendar, else 0. */
@@ -130,7 +144,8 @@ TOLVIN_API int isvalidDayOfMonth(uint16_t month, uint16_t day, int32_t year);
 /*
  * Set the seconds of `sim` from simTM. The count is j2000 plus the seconds from 2000-01-01 12:00:00 to simTM in the
  * Gregorian calendar, so that `sim` minus j2000 is the time since J2000 whatever the process's time zone. Microseconds
- * are not touched. Months outside 1 to 12 count as the nearest valid one; a result beyond 32 bits is clamped. Returns 1.
+ * are not touched. Months outside 1 to 12 count as the nearest valid one, days, hours, minutes and seconds beyond their
+ * range are counted on; a result beyond 32 bits is clamped. Returns 1.
  */
 TOLVIN_API int updateSimtime(vutime *time);
 

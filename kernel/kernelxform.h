@@ -50,7 +50,7 @@ TOLVIN_API void setupDR(vuDeadReckoning *dr);
 TOLVIN_API void setupES(vuEntityState *es);
 
 /* Motion model at rest with the DRIVE acceleration and top speed, no model in force, es by setupES. Not null. */
-TOLVIN_API void initXForm(xform *xform);
+TOLVIN_API void initXForm(xform *model);
 
 #ifdef __cplusplus
 }

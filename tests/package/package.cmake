@@ -1,0 +1,32 @@
+# The package as users meet it: exported names, headers on their own, an installed copy that other projects build against.
+
+foreach(library tolvin pf)
+  set(folder kernel)
+  if(library STREQUAL pf)
+    set(folder performer)
+  endif()
+  add_test(NAME package/exports_${library}
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/package/check_exports $<TARGET_FILE:${library}>
+      ${PROJECT_SOURCE_DIR}/${folder}/exports.txt)
+endforeach()
+
+# Every public header compiles alone, as C11 and as C++20; building this library is the test.
+file(GLOB public_headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/kernel/*.h ${PROJECT_SOURCE_DIR}/performer/*.h)
+set(header_sources)
+foreach(header ${public_headers})
+  string(MAKE_C_IDENTIFIER ${header} name)
+  foreach(language c cpp)
+    set(source ${PROJECT_BINARY_DIR}/header_checks/${name}.${language})
+    file(CONFIGURE OUTPUT ${source} CONTENT "#include <tolvin/${header}>\n")
+    list(APPEND header_sources ${source})
+  endforeach()
+endforeach()
+add_library(header_checks OBJECT ${header_sources})
+set_target_properties(header_checks PROPERTIES C_STANDARD 11 C_EXTENSIONS OFF CXX_STANDARD 20 CXX_EXTENSIONS OFF)
+target_compile_options(header_checks PRIVATE -Wall -Wextra -pedantic -Werror)
+target_link_libraries(header_checks PRIVATE pf)
+
+add_test(NAME package/install
+  COMMAND ${PROJECT_SOURCE_DIR}/tests/package/check_install ${CMAKE_COMMAND} ${PROJECT_BINARY_DIR}
+    ${CMAKE_C_COMPILER} ${CMAKE_CXX_COMPILER} ${CMAKE_C_FLAGS})

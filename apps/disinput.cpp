@@ -1,0 +1,196 @@
+#include "disinput.h"
+
+#include "reportclock.h"
+#include "reportrotation.h"
+
+#include <tolvin/performer/pf.h>
+
+#include <cmath>
+#include <cstring>
+#include <new>
+
+namespace tolvin
+{
+
+namespace
+{
+
+// A report that is this much older than its entity's last one is not late: the sender's clock was taken for another.
+constexpr double kLatestReport = 5.0; // seconds
+
+double clockSeconds(const vuRootNode &root)
+{
+    return root.time.sim.sec + root.time.sim.usec / 1e6;
+}
+
+double distance(const double *a, const double *b)
+{
+    return std::hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]);
+}
+
+vuScene *newScene(vuRootNode &root)
+{
+    auto *const scene = static_cast<vuScene *>(pfMalloc(sizeof(vuScene), pfGetSharedArena()));
+    if (scene == nullptr)
+        throw std::bad_alloc();
+    std::memset(scene, 0, sizeof *scene);
+    vunodeInit(&scene->node, "network");
+    vulistInit(&scene->entities);
+    vunodeAppend(&root.scenes, &scene->node);
+    return scene;
+}
+
+} // namespace
+
+DisInput::DisInput(vuRootNode &root, const DisInputOptions &options, NoticeSink notice)
+    : root_(root),
+      options_(options),
+      notice_(std::move(notice)),
+      scene_(newScene(root)),
+      table_(std::make_unique<EntityTable>(root, *scene_, options.maxEntities))
+{
+}
+
+DisInput::~DisInput()
+{
+    table_.reset();
+    vunodeDelete(&root_.scenes, &scene_->node);
+    pfFree(scene_);
+}
+
+void DisInput::fault(PduFault kind)
+{
+    ++counts_.malformed;
+    if (++counts_.faults[static_cast<std::size_t>(kind)] == 1)
+        notice_(std::string("dropped a malformed datagram: ") + faultText(kind) + " (further ones are only counted)");
+}
+
+void DisInput::take(std::span<const std::uint8_t> datagram, double arrival)
+{
+    ++counts_.datagrams;
+    PduReader reader(datagram);
+    Pdu pdu;
+    while (reader.next(pdu))
+    {
+        if (options_.exercise != 0 && pdu.header.exerciseId != options_.exercise)
+        {
+            ++counts_.otherExercise;
+            continue;
+        }
+        if (kindOf(pdu.header) != PduKind::EntityState)
+        {
+            ++counts_.otherPdus;
+            continue;
+        }
+        vuEntityState report;
+        const PduFault kind = decodeEntityState(pdu, report);
+        if (kind == PduFault::None)
+            takeEntityState(report, arrival);
+        else
+            fault(kind);
+    }
+    if (reader.fault() != PduFault::None)
+        fault(reader.fault());
+}
+
+void DisInput::takeEntityState(const vuEntityState &report, double arrival)
+{
+    if (report.entityId.site == options_.site && report.entityId.application == options_.application)
+    {
+        ++counts_.own;
+        return;
+    }
+    RemoteEntity *remote = table_->find(report.entityId);
+    if (leaves(report))
+    {
+        if (remote != nullptr && !remote->leaving)
+        {
+            remote->leaving = true;
+            ++counts_.left;
+        }
+        return;
+    }
+    if (remote == nullptr)
+    {
+        remote = table_->create(report.entityId);
+        if (remote == nullptr)
+        {
+            if (++counts_.refused == 1)
+                notice_("no room for another entity (further ones are only counted)");
+            return;
+        }
+        ++counts_.entered;
+    }
+    Sender &sender = *remote->sender;
+    const double latency = ageOnArrival(sender.clock, arrival, report.timestamp);
+    const double madeAt = arrival - latency;
+    ++sender.reports;
+    sender.latency.add(latency);
+    remote->heardAt = arrival;
+    remote->leaving = false;
+    if (madeAt < remote->madeAt && remote->madeAt - madeAt < kLatestReport)
+    {
+        ++counts_.late;
+        return;
+    }
+    remote->madeAt = madeAt;
+    remote->timeout = silenceLimit(report);
+    ++counts_.reports;
+    ++remote->pending;
+    reports_.push_back(report);
+    ages_.push_back(madeAt);
+    owners_.push_back(remote);
+}
+
+// Where each entity that is about to get a new report would have been shown, had the report not come.
+void DisInput::rememberExtrapolated()
+{
+    updated_.clear();
+    for (RemoteEntity *remote : owners_)
+    {
+        if (remote->pending == 0)
+            continue;
+        remote->pending = 0;
+        if (remote->leaving)
+            continue;
+        updated_.push_back(remote);
+        if (!remote->reported)
+            continue;
+        disDeadRecon(&root_, remote->entity, remote->entity->drState);
+        std::memcpy(remote->extrapolated.data(), remote->entity->position, sizeof remote->entity->position);
+    }
+}
+
+void DisInput::reportJumps(const JumpSink &jump)
+{
+    for (const RemoteEntity *remote : updated_)
+        if (remote->reported)
+            jump(remote->algorithm, distance(remote->extrapolated.data(), remote->entity->position));
+}
+
+void DisInput::frame(const JumpSink &jump)
+{
+    const double now = clockSeconds(root_);
+    rememberExtrapolated();
+    for (std::size_t i = 0; i < reports_.size(); ++i)
+    {
+        algorithms_.push_back(reports_[i].deadReckoning.algorithm);
+        ages_[i] = now - ages_[i];
+        conditionRotation(reports_[i]);
+    }
+    handOver(&root_, reports_, ages_);
+    updateEntityPositions(&root_);
+    reportJumps(jump);
+    for (std::size_t i = 0; i < reports_.size(); ++i)
+    {
+        owners_[i]->algorithm = algorithms_[i];
+        owners_[i]->reported = true;
+    }
+    reports_.clear();
+    ages_.clear();
+    algorithms_.clear();
+    owners_.clear();
+    table_->removeGone(now, [this](const RemoteEntity &remote) { counts_.silent += remote.leaving ? 0 : 1; });
+}
+
+} // namespace tolvin

@@ -1,0 +1,117 @@
+#include "runstatistics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace tolvin
+{
+
+namespace
+{
+
+constexpr std::array<const char *, 10> kAlgorithmNames{"other", "static", "FPW", "RPW", "RVW",
+                                                       "FVW",   "FPB",    "RPB", "RVB", "FVB"};
+
+// Metres, with the digits that matter at their size.
+std::string metres(double value)
+{
+    char text[32];
+    if (value < 10.0)
+        std::snprintf(text, sizeof text, "%.4f", value);
+    else
+        std::snprintf(text, sizeof text, "%.1f", value);
+    return text;
+}
+
+std::string milliseconds(double seconds)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", seconds * 1e3);
+    return text;
+}
+
+void printSender(std::FILE *out, const Sender &sender)
+{
+    char name[16];
+    std::snprintf(name, sizeof name, "%u:%u", unsigned{sender.site}, unsigned{sender.application});
+    std::fprintf(out, "%-13s %9llu %11s %11s %11s %16.4f %6llu\n", name,
+                 static_cast<unsigned long long>(sender.reports), milliseconds(sender.latency.quantile(0.5)).c_str(),
+                 milliseconds(sender.latency.quantile(0.95)).c_str(), milliseconds(sender.latency.greatest()).c_str(),
+                 sender.clock.offset, static_cast<unsigned long long>(sender.clock.jumps));
+}
+
+} // namespace
+
+void RunStatistics::addJump(std::uint8_t algorithm, double metres)
+{
+    jumps_.add(metres);
+    jumpsByAlgorithm_[algorithm].add(metres);
+}
+
+void RunStatistics::addFrame(double seconds)
+{
+    frames_.add(seconds);
+    allFrames_.add(seconds);
+}
+
+void RunStatistics::printLine(std::FILE *out, double time, double period, const DisCounts &counts, std::size_t entities)
+{
+    std::fprintf(out,
+                 "%6.1f s  frame %s ms (worst %s)  %zu entities  %.0f reports/s  %llu malformed  jump median %s m "
+                 "worst %s m\n",
+                 time, milliseconds(frames_.quantile(0.5)).c_str(), milliseconds(frames_.greatest()).c_str(), entities,
+                 static_cast<double>(counts.reports - last_.reports) / period,
+                 static_cast<unsigned long long>(counts.malformed), metres(jumps_.quantile(0.5)).c_str(),
+                 metres(jumps_.greatest()).c_str());
+    std::fflush(out);
+    last_ = counts;
+    jumps_.clear();
+    frames_.clear();
+}
+
+void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const EntityTable &entities) const
+{
+    std::fprintf(
+        out,
+        "\njump when a new report takes over, metres\nalgorithm      reports      median        95 %%       worst\n");
+    for (std::size_t algorithm = 0; algorithm < jumpsByAlgorithm_.size(); ++algorithm)
+    {
+        const LogHistogram &jumps = jumpsByAlgorithm_[algorithm];
+        if (jumps.count() == 0)
+            continue;
+        const char *name = algorithm < kAlgorithmNames.size() ? kAlgorithmNames[algorithm] : "unknown";
+        std::fprintf(out, "%3zu %-8s %9llu %11s %11s %11s\n", algorithm, name,
+                     static_cast<unsigned long long>(jumps.count()), metres(jumps.quantile(0.5)).c_str(),
+                     metres(jumps.quantile(0.95)).c_str(), metres(jumps.greatest()).c_str());
+    }
+
+    std::vector<const Sender *> senders;
+    entities.forEachSender([&](const Sender &sender) { senders.push_back(&sender); });
+    std::sort(senders.begin(), senders.end(), [](const Sender *a, const Sender *b) { return a->reports > b->reports; });
+    constexpr std::size_t kMostSenders = 20;
+    std::fprintf(out,
+                 "\nlatency beyond each sender's fastest report, milliseconds; local minus sender's clock, seconds\n"
+                 "sender          reports      median        95 %%       worst     clock offset  jumps\n");
+    for (std::size_t i = 0; i < std::min(senders.size(), kMostSenders); ++i)
+        printSender(out, *senders[i]);
+    if (senders.size() > kMostSenders)
+        std::fprintf(out, "... and %zu more\n", senders.size() - kMostSenders);
+
+    const auto count = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
+    std::fprintf(out,
+                 "\n%llu datagrams: %llu reports taken over, %llu malformed, %llu late, %llu own, %llu of other "
+                 "exercises, %llu other PDUs, %llu without room\n",
+                 count(counts.datagrams), count(counts.reports), count(counts.malformed), count(counts.late),
+                 count(counts.own), count(counts.otherExercise), count(counts.otherPdus), count(counts.refused));
+    for (std::size_t kind = 0; kind < counts.faults.size(); ++kind)
+        if (counts.faults[kind] != 0)
+            std::fprintf(out, "  malformed: %llu times %s\n", count(counts.faults[kind]),
+                         faultText(static_cast<PduFault>(kind)));
+    std::fprintf(out, "%llu entities came, %llu left, %llu fell silent; frames took %s ms (median), %s ms (worst)\n",
+                 count(counts.entered), count(counts.left), count(counts.silent),
+                 milliseconds(allFrames_.quantile(0.5)).c_str(), milliseconds(allFrames_.greatest()).c_str());
+}
+
+} // namespace tolvin

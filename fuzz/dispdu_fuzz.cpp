@@ -1,0 +1,72 @@
+// Walks any bytes as a datagram. What is decoded has to be usable for dead reckoning and to survive being sent on.
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include <tolvin/apps/dispdu.h>
+
+using namespace tolvin;
+
+static void require(bool condition)
+{
+    if (!condition)
+    {
+        std::abort();
+    }
+}
+
+template<class Number>
+static void requireWithin(const Number (&vector)[3], double limit)
+{
+    for (const Number component : vector)
+    {
+        require(std::isfinite(component) && std::abs(component) <= limit);
+    }
+}
+
+static void checkEntityState(const Pdu &pdu)
+{
+    vuEntityState state;
+    std::memset(&state, 0xA5, sizeof state);
+    const vuEntityState before = state;
+    if (decodeEntityState(pdu, state) != PduFault::None)
+    {
+        require(std::memcmp(&state, &before, sizeof state) == 0);
+        return;
+    }
+    requireWithin(state.velocity, 1e5);
+    requireWithin(state.location, 1e9);
+    requireWithin(state.orientation, 1e4);
+    requireWithin(state.deadReckoning.linearAcc, 1e6);
+    requireWithin(state.deadReckoning.angularVel, 1e4);
+
+    std::array<std::uint8_t, kEntityStateSize> wire;
+    require(encodeEntityState(state, wire) == wire.size());
+    PduReader reader(wire);
+    Pdu copy;
+    vuEntityState again;
+    require(reader.next(copy) && decodeEntityState(copy, again) == PduFault::None);
+    require(std::memcmp(&state, &again, sizeof state) == 0);
+    require(!reader.next(copy) && reader.fault() == PduFault::None);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    PduReader reader({data, size});
+    const std::uint8_t *unread = data;
+    for (Pdu pdu; reader.next(pdu);)
+    {
+        // PDUs lie one behind the other inside of the datagram, less than 8 bytes of padding apart.
+        require(pdu.bytes.data() >= unread && pdu.bytes.data() - unread < 8);
+        require(pdu.bytes.size() == pdu.header.length && pdu.bytes.size() >= kPduHeaderSize);
+        unread = pdu.bytes.data() + pdu.bytes.size();
+        require(unread <= data + size);
+        if (kindOf(pdu.header) == PduKind::EntityState)
+        {
+            checkEntityState(pdu);
+        }
+    }
+    require(reader.fault() != PduFault::None || data + size - unread < 8);
+    return 0;
+}

@@ -1,0 +1,226 @@
+#include "support/capture.h"
+
+#include <tolvin/apps/disinput.h>
+#include <tolvin/apps/dispdu.h>
+
+#include <tolvin/performer/pf.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace tolvin;
+
+namespace
+{
+
+using Datagram = std::vector<std::uint8_t>;
+
+// Stamp of a sender whose clock agrees with the simulation clock, in units of 3600 s / 2^31.
+std::uint32_t stampAt(double seconds)
+{
+    return static_cast<std::uint32_t>(std::fmod(seconds, 3600.0) / 3600.0 * 2147483648.0) << 1;
+}
+
+// A platform of that domain, at x = 100 m/s times its clock, reported with algorithm 2.
+vuEntityState reportOf(std::uint16_t entity, double seconds, std::uint8_t version = 6, std::uint8_t domain = 2)
+{
+    vuEntityState report;
+    setupES(&report);
+    report.protocolVersion = version;
+    report.timestamp = stampAt(seconds);
+    report.entityId = {7, 8, entity};
+    report.entityType.domain = domain;
+    report.deadReckoning.algorithm = VU_DR_FPW;
+    report.velocity[0] = 100.0f;
+    report.location[0] = 4e6 + 100.0 * seconds;
+    return report;
+}
+
+Datagram datagramOf(const vuEntityState &report)
+{
+    Datagram datagram(kEntityStateSize);
+    EXPECT_EQ(encodeEntityState(report, datagram), datagram.size());
+    return datagram;
+}
+
+// An initialised root node with an input, whose clock the tests move; everything is released at the end.
+class DisInputTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        capturedStderr([this] { initRootNode(&root); });
+        root.time.sim = {7200, 0};
+        restart({});
+    }
+
+    void TearDown() override
+    {
+        capturedStderr([this] { input.reset(); });
+        pfArenaInfo info;
+        pfGetArenaInfo(&info);
+        EXPECT_EQ(info.blocksInUse, 0u);
+        EXPECT_EQ(vunodesCount(&root.scenes), 0);
+    }
+
+    void restart(const DisInputOptions &options)
+    {
+        input = std::make_unique<DisInput>(root, options, [this](const std::string &line) { notices.push_back(line); });
+    }
+
+    double now() const
+    {
+        return root.time.sim.sec + root.time.sim.usec / 1e6;
+    }
+
+    // The kernel announces each new receiver on standard error, which is no matter here.
+    void take(const Datagram &datagram)
+    {
+        capturedStderr([&] { input->take(datagram, now()); });
+    }
+
+    void frameAt(double seconds)
+    {
+        root.time.sim.sec = static_cast<std::int32_t>(std::floor(seconds));
+        root.time.sim.usec = static_cast<std::int32_t>(std::lround((seconds - std::floor(seconds)) * 1e6));
+        input->frame([this](std::uint8_t, double metres) { jumps.push_back(metres); });
+    }
+
+    vuRootNode root{};
+    std::unique_ptr<DisInput> input;
+    std::vector<std::string> notices;
+    std::vector<double> jumps;
+};
+
+} // namespace
+
+TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
+{
+    const Datagram good = datagramOf(reportOf(1, now()));
+    for (std::size_t size = 0; size < good.size(); ++size)
+        take(Datagram(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)));
+    EXPECT_EQ(input->counts().malformed, good.size());
+
+    std::mt19937 random(20);
+    for (int i = 0; i < 2000; ++i)
+    {
+        Datagram noise(random() % 2000);
+        for (std::uint8_t &byte : noise)
+            byte = static_cast<std::uint8_t>(random());
+        take(noise);
+    }
+    vuEntityState nowhere = reportOf(1, now());
+    nowhere.location[1] = std::numeric_limits<double>::quiet_NaN();
+    take(datagramOf(nowhere));
+
+    const DisCounts &counts = input->counts();
+    EXPECT_EQ(counts.datagrams, good.size() + 2001);
+    EXPECT_GE(counts.malformed + counts.otherExercise + counts.otherPdus, counts.datagrams);
+    EXPECT_EQ(counts.reports, 0u);
+    EXPECT_EQ(input->entities().size(), 0u);
+    std::size_t kinds = 0;
+    for (const std::uint64_t count : counts.faults)
+        kinds += count != 0;
+    EXPECT_EQ(notices.size(), kinds); // one line for each kind, however many came
+}
+
+TEST_F(DisInputTest, ChoosesByExerciseTypeAndIdentity)
+{
+    vuEntityState other = reportOf(1, now());
+    other.exerciseId = 9;
+    vuEntityState own = reportOf(1, now());
+    own.entityId = {1, 1000, 5};
+    Datagram fire = datagramOf(reportOf(1, now()));
+    fire[2] = 2; // another PDU type
+    take(datagramOf(other));
+    take(datagramOf(own));
+    take(fire);
+    EXPECT_EQ(input->counts().otherExercise, 1u);
+    EXPECT_EQ(input->counts().own, 1u);
+    EXPECT_EQ(input->counts().otherPdus, 1u);
+    EXPECT_EQ(input->entities().size(), 0u);
+
+    DisInputOptions options;
+    options.exercise = 0;
+    options.maxEntities = 2;
+    input.reset();
+    restart(options);
+    take(datagramOf(other));
+    for (const std::uint16_t entity : {1, 2, 3, 4})
+        take(datagramOf(reportOf(entity, now())));
+    EXPECT_EQ(input->entities().size(), 2u);
+    EXPECT_EQ(input->counts().refused, 2u);
+    EXPECT_EQ(notices.size(), 1u);
+    frameAt(now());
+    EXPECT_EQ(input->counts().reports, 3u);
+}
+
+TEST_F(DisInputTest, MovesAnEntityFromReportToReportWithoutAJump)
+{
+    double reported = 7200.0;
+    for (double time = 7200.0; time < 7204.0; time += 0.04)
+    {
+        frameAt(time);
+        if (time >= reported)
+        {
+            take(datagramOf(reportOf(1, time)));
+            reported += 0.5;
+        }
+    }
+    frameAt(7204.02);
+    ASSERT_EQ(input->entities().size(), 1u);
+    const RemoteEntity *remote = input->entities().find({7, 8, 1});
+    ASSERT_NE(remote, nullptr);
+    EXPECT_NEAR(remote->entity->position[0], 4e6 + 100.0 * 7204.02, 0.001); // stamps are good to 2 microseconds
+    EXPECT_STREQ(remote->entity->node.name, "7:8:1");
+    ASSERT_EQ(jumps.size(), 7u); // all but the first report
+    for (const double jump : jumps)
+        EXPECT_LT(jump, 0.001);
+
+    // An overtaken report must not take the entity back.
+    take(datagramOf(reportOf(1, 7201.0)));
+    frameAt(7204.06);
+    EXPECT_EQ(input->counts().late, 1u);
+    EXPECT_NEAR(input->entities().find({7, 8, 1})->entity->position[0], 4e6 + 100.0 * 7204.06, 0.001);
+}
+
+TEST_F(DisInputTest, RemovesEntitiesThatLeaveOrFallSilent)
+{
+    take(datagramOf(reportOf(1, 7200.0, 6, 1)));
+    take(datagramOf(reportOf(2, 7200.0, 7, 2))); // air
+    take(datagramOf(reportOf(3, 7200.0, 7, 1))); // land
+    take(datagramOf(reportOf(4, 7200.0, 7, 0))); // no domain
+    take(datagramOf(reportOf(5, 7200.0)));
+    frameAt(7200.04);
+    EXPECT_EQ(input->entities().size(), 5u);
+
+    vuEntityState leaving = reportOf(5, 7200.1);
+    leaving.appearance = 1u << 23;
+    take(datagramOf(leaving));
+    take(datagramOf(leaving));
+    frameAt(7200.12);
+    EXPECT_EQ(input->entities().find({7, 8, 5}), nullptr);
+    EXPECT_EQ(input->counts().left, 1u);
+
+    const struct
+    {
+        double time;
+        std::size_t entities;
+    } steps[] = {{7211.99, 4}, {7212.01, 2}, {7331.9, 2}, {7332.1, 1}, {7343.9, 1}, {7344.1, 0}};
+    for (const auto &step : steps)
+    {
+        frameAt(step.time);
+        EXPECT_EQ(input->entities().size(), step.entities) << step.time;
+    }
+    EXPECT_EQ(input->counts().silent, 4u);
+
+    take(datagramOf(reportOf(1, now()))); // back again
+    frameAt(now() + 0.04);
+    EXPECT_EQ(input->entities().size(), 1u);
+    EXPECT_EQ(vunodesCount(&reinterpret_cast<vuScene *>(root.scenes.first)->entities), 1);
+}

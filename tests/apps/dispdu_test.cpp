@@ -1,0 +1,193 @@
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <tolvin/apps/dispdu.h>
+
+using namespace tolvin;
+
+namespace
+{
+
+using Bytes = std::vector<std::uint8_t>;
+using Lengths = std::vector<std::size_t>;
+
+// Laid by hand from the field tables of IEEE 1278.1: header, entity id, force, number of articulation parameters, types,
+const Bytes kPdu = {
+    6, 9, 1, 1, 0x12, 0x34, 0x56, 0x79, 0, 144, 0, 0, 1, 2, 3, 4, 5, 6, 2, 0, 1, 2, 0, 225, 3, 4, 5, 6, 7, 8, 1, 44, 9,
+    10, 11, 12,
+    // velocity 1.5, -2, 0.25, location 6378137, -4198023.5, 1, orientation 0.5, -1, 2, appearance,
+    0x3F, 0xC0, 0, 0, 0xC0, 0, 0, 0, 0x3E, 0x80, 0, 0, 0x41, 0x58, 0x54, 0xA6, 0x40, 0, 0, 0, 0xC1, 0x50, 0x03, 0xA1,
+    0xE0, 0, 0, 0, 0x3F, 0xF0, 0, 0, 0, 0, 0, 0, 0x3F, 0, 0, 0, 0xBF, 0x80, 0, 0, 0x40, 0, 0, 0, 0x80, 0x80, 0, 0x21,
+    // algorithm, parameters, acceleration 10, 0, -10, angular velocity 0.0625, 3, -0, marking, capabilities.
+    4, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 0x41, 0x20, 0, 0, 0, 0, 0, 0, 0xC1, 0x20, 0, 0, 0x3D, 0x80, 0,
+    0, 0x40, 0x40, 0, 0, 0x80, 0, 0, 0, 1, 'T', 'A', 'N', 'K', ' ', '1', 0, 0, 0, 0, 0xE9, 0xDE, 0xAD, 0xBE, 0xEF};
+
+const std::string kFieldWidths = // of the whole PDU, in bytes
+    "11114222221111211111121111444888444411111111111111114444441111111111114";
+
+// The bytes with some of them, from offset on, replaced by a big-endian number.
+Bytes with(Bytes bytes, std::size_t offset, std::uint64_t number, std::size_t width = 1)
+{
+    for (; width > 0; number >>= 8)
+    {
+        bytes.at(offset + --width) = static_cast<std::uint8_t>(number);
+    }
+    return bytes;
+}
+
+// A PDU of version 7 and of a type that is not decoded.
+Bytes other(std::size_t length)
+{
+    return with(Bytes(length, 7), 8, length, 2);
+}
+
+Bytes operator+(Bytes bytes, const Bytes &more)
+{
+    bytes.insert(bytes.end(), more.begin(), more.end());
+    return bytes;
+}
+
+struct Walk
+{
+    PduFault fault = PduFault::None; // of the walk, or else of the last Entity State PDU
+    Lengths lengths;
+    vuEntityState state{}; // of the last good Entity State PDU
+};
+
+Walk walk(const Bytes &datagram)
+{
+    const Bytes exact = datagram; // without spare capacity, so that an address sanitizer sees any step beyond it
+    PduReader reader(exact);
+    Walk result;
+    for (Pdu pdu; reader.next(pdu); result.lengths.push_back(pdu.bytes.size()))
+    {
+        result.fault = kindOf(pdu.header) == PduKind::EntityState ? decodeEntityState(pdu, result.state) : result.fault;
+    }
+    result.fault = reader.fault() == PduFault::None ? result.fault : reader.fault();
+    return result;
+}
+
+} // namespace
+
+TEST(DisPdu, DecodesEachVersion)
+{
+    for (const std::uint8_t version : {5, 6, 7})
+    {
+        // Version 7 has a status byte where the others have padding.
+        const vuEntityState state = walk(with(with(kPdu, 0, version), 10, version == 7 ? 0x5A : 0)).state;
+        EXPECT_EQ(state.location[1], -4198023.5);
+        EXPECT_EQ(state.deadReckoning.angularVel[0], 0.0625f);
+        // On a little-endian machine the record is the PDU with the bytes of each field turned round.
+        Bytes host = with(kPdu, 0, version);
+        auto field = host.begin();
+        for (const char width : kFieldWidths)
+        {
+            std::reverse(field, field + (width - '0'));
+            field += width - '0';
+        }
+        EXPECT_EQ(std::memcmp(host.data(), &state, 144), 0);
+    }
+    EXPECT_TRUE(leaves(walk(with(kPdu, 84, 0x00800000, 4)).state));
+    EXPECT_FALSE(leaves(walk(with(kPdu, 84, 0xFF7FFFFF, 4)).state));
+}
+
+TEST(DisPdu, KeepsEveryBitOfRandomRecords)
+{
+    std::mt19937 random(1);
+    int accepted = 0;
+    for (int i = 0; i < 20000; ++i)
+    {
+        Bytes wire = with(kPdu, 0, 5 + i % 3);
+        std::generate(wire.begin() + 12, wire.end(), [&] { return static_cast<std::uint8_t>(random()); });
+        wire[19] = 0;
+        for (const int at : {36, 40, 44, 48, 56, 64, 72, 76, 80, 104, 108, 112, 116, 120, 124})
+        {
+            wire[at] &= random() % 16 == 0 ? 0xFF : 0xBF; // without this bit a number is below 2
+        }
+        Walk result = walk(wire);
+        if (result.fault == PduFault::None)
+        {
+            ++accepted;
+            // What the record says of its own form does not count.
+            result.state.pduType = result.state.protocolFamily = result.state.numArticulParam = 2;
+            result.state.length = result.state.padding = 0xFFFF;
+            Bytes encoded(144);
+            ASSERT_EQ(encodeEntityState(result.state, std::span(encoded).first(143)), 0u);
+            ASSERT_EQ(encodeEntityState(result.state, encoded), 144u);
+            ASSERT_EQ(encoded, wire);
+        }
+    }
+    EXPECT_GT(accepted, 5000);
+}
+
+TEST(DisPdu, RefusesEveryPrefix)
+{
+    for (std::size_t size = 0; size < kPdu.size(); ++size)
+    {
+        const Bytes cut(kPdu.begin(), kPdu.begin() + size);
+        EXPECT_EQ(walk(cut).fault, size < 12 ? PduFault::ShorterThanHeader : PduFault::LengthBeyondDatagram) << size;
+        // The same with a length field that admits it.
+        EXPECT_TRUE(size < 12 || walk(with(cut, 8, size, 2)).fault == PduFault::BodyTooShort) << size;
+    }
+}
+
+TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
+{
+    const Bytes two = kPdu + kPdu, articulated = with(kPdu, 19, 10);
+    const Bytes mixed = other(13) + Bytes(3) + kPdu + other(28) + Bytes(4) + other(28) + kPdu + other(17);
+    const Lengths whole = {13, 144, 28, 28, 144, 17};
+    const std::tuple<Bytes, PduFault, Lengths> cases[] = {
+        {mixed, PduFault::None, whole},
+        {mixed + Bytes(3), PduFault::None, whole},
+        {mixed + Bytes(4), PduFault::TrailingBytes, whole}, // padding goes up to 8 only
+        {mixed + Bytes{0, 5}, PduFault::TrailingBytes, whole},
+        {with(two, 0, 4), PduFault::UnknownVersion, {}},
+        {with(two, 0, 8), PduFault::UnknownVersion, {}},
+        {with(two, 144, 8), PduFault::TrailingBytes, {144}},
+        {with(two, 8, 11, 2), PduFault::LengthBelowHeader, {}},
+        {with(two, 8, 289, 2), PduFault::LengthBeyondDatagram, {}},
+        {with(two, 144 + 8, 145, 2), PduFault::LengthBeyondDatagram, {144}},
+        {with(articulated, 8, 304, 2) + Bytes(160), PduFault::None, {304}}, // 304 = 144 + 10 * 16
+        {with(articulated, 8, 303, 2) + Bytes(159), PduFault::BodyTooShort, {303}},
+        {other(65507), PduFault::None, {65507}},
+        {with(other(65507), 8, 65508, 2), PduFault::LengthBeyondDatagram, {}},
+    };
+    for (const auto &[datagram, fault, lengths] : cases)
+    {
+        const Walk result = walk(datagram);
+        EXPECT_EQ(result.fault, fault) << &datagram - &std::get<0>(cases[0]);
+        EXPECT_EQ(result.lengths, lengths);
+    }
+    // Neither the type without its family nor the family without its type makes an Entity State PDU.
+    EXPECT_EQ(walk(with(kPdu, 2, 2) + with(kPdu, 3, 2)).state.timestamp, 0u);
+}
+
+TEST(DisPdu, RefusesNumbersThatMoveNowhere)
+{
+    const std::pair<double, PduFault> numbers[] = {{1, PduFault::None},
+                                                   {1.000001, PduFault::Implausible},
+                                                   {HUGE_VAL, PduFault::NonFinite},
+                                                   {NAN, PduFault::NonFinite}};
+    const std::tuple<int, int, double> vectors[] = {
+        {36, 4, 1e5}, {48, 8, 1e9}, {72, 4, 1e4}, {104, 4, 1e6}, {116, 4, 1e4}};
+    for (int test = 0; test < 5 * 3 * 4 * 2; ++test)
+    {
+        const auto [offset, width, limit] = vectors[test % 5];
+        const auto [factor, fault] = numbers[test / 5 % 4];
+        const double number = std::copysign(limit * factor, test / 20 % 2 - 0.5);
+        const int at = offset + test / 40 * width;
+        const auto bits = width == 8 ? std::bit_cast<std::uint64_t>(number)
+                                     : std::bit_cast<std::uint32_t>(static_cast<float>(number));
+        const Walk result = walk(with(kPdu, at, bits, width));
+        EXPECT_EQ(result.fault, fault) << number << " at " << at;
+        EXPECT_EQ(result.state.length, fault == PduFault::None ? 144 : 0); // untouched when refused
+    }
+}
