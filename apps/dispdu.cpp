@@ -19,7 +19,7 @@ constexpr std::size_t kPduAlignment = 8;
 constexpr double kMaxLocation = 1e9;        // m: more than twice the way to the moon
 constexpr double kMaxVelocity = 1e5;        // m/s: ten times what a spacecraft needs to leave the earth
 constexpr double kMaxAcceleration = 1e6;    // m/s^2: above what a shell undergoes in the barrel
-constexpr double kMaxAngularVelocity = 1e4; // rad/s: several times the spin of a shell
+constexpr double kMaxAngularVelocity = 1e5; // rad/s: a few times the spin of a rifle bullet
 constexpr double kMaxAngle = 1e4;           // rad: a float holds greater ones to no better than a milliradian
 
 constexpr std::uint32_t kDeactivated = 1u << 23; // appearance bit that all kinds of entity share

@@ -140,7 +140,10 @@ void followEnvelope(SenderClock &clock, double arrival, double offset)
     if (below > kStep)
     {
         shiftEnvelope(clock, -below);
-        clock.jumps += below > kLate && clock.pointCount > 1; // before, it may be the first reports that were late
+        if (below > kLate && clock.pointCount > 1) // before, it may be the first reports that were late
+        {
+            ++clock.jumps;
+        }
     }
     ++clock.stretchReports;
     ClockPoint &last = clock.points[clock.pointCount - 1];
@@ -207,8 +210,8 @@ bool acceptRival(SenderClock &clock, double arrival, double &offset)
     if (!agrees)
     {
         clock.rival = {arrival, offset};
-        clock.rivalCount = 0;
         clock.rivalLeast = offset;
+        clock.rivalCount = 0;
     }
     else
     {
@@ -277,12 +280,13 @@ bool timeReport(SenderClock &clock, double arrival, std::uint32_t stamp, double 
         return isSet;
     }
     const double expected = envelopeAt(clock, arrival);
-    offset = expected + std::remainder(offset - expected, kHour);
-    if (!isSet && std::abs(offset - expected) > kLate)
+    const double late = std::remainder(offset - expected, kHour);
+    offset = expected + late;
+    if (!isSet && (late < 0 || late > kLate))
     {
         return false;
     }
-    if (std::abs(offset - expected) > kJump)
+    if (std::abs(late) > kJump)
     {
         return acceptRival(clock, arrival, offset);
     }

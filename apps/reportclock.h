@@ -72,8 +72,8 @@ struct SenderClock
 // -0.05 to 2 s of the local clock; other absolute stamps are read as relative ones. The turn of the hour, on either
 // clock, changes nothing.
 //
-// A report whose stamp makes no sense counts as made on arrival (0) and leaves the estimate alone: one stamp for more
-// than 0.25 s, and all stamps more than 1 s off the envelope. When the latter agree with one another for 0.5 s, or when
+// A report whose stamp makes no sense counts as made on arrival (0) and leaves the estimate alone: a stamp that was
+// never set, one stamp for more than 0.25 s, and stamps more than 1 s off the envelope. When the latter agree with one another for 0.5 s, or when
 // all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope moves there at once.
 double ageOnArrival(SenderClock &clock, double arrival, std::uint32_t stamp);
 

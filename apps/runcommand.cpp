@@ -197,7 +197,7 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
         {
             if (!options.quiet)
                 statistics->printLine(stdout, time, time - lineTime, input.counts(), input.entities().size());
-            lineTime = time;
+            lineTime = time - std::fmod(time, 1.0);
         }
     }
     statistics->printTables(stdout, input.counts(), input.entities());

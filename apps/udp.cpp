@@ -249,9 +249,12 @@ std::uint16_t UdpReceiver::localPort() const
     return socket_.local_endpoint().port();
 }
 
-// Hands over one batch of waiting datagrams. Returns their number, 0 when none waits.
-std::size_t UdpReceiver::receiveBatch(const Handler &handler, std::int64_t &lastArrival)
+// Hands over one batch of waiting datagrams. Returns their number, 0 when none waits. waitedSince is when the last of them
+// arrived, 0 if it may have come only now. That is also what a datagram looks like that arrived before stamping, which
+// takes a moment to start after a socket asked for it, had begun: the kernel then stamps it when it is read.
+std::size_t UdpReceiver::receiveBatch(const Handler &handler, std::int64_t &waitedSince)
 {
+    const std::int64_t asked = wallClock();
     const int received = batch_->receive(socket_.native_handle());
     if (received < 0)
     {
@@ -265,9 +268,10 @@ std::size_t UdpReceiver::receiveBatch(const Handler &handler, std::int64_t &last
     for (std::size_t i = 0; i < count; ++i)
     {
         const auto time = batch_->ancillary<KernelTime>(i, SO_TIMESTAMPNS_NEW);
-        lastArrival = time ? time->seconds * 1'000'000'000 + time->nanoseconds : wallClock();
+        const std::int64_t arrival = time ? time->seconds * 1'000'000'000 + time->nanoseconds : asked;
+        waitedSince = arrival <= asked ? arrival : 0;
         dropped_ = batch_->ancillary<std::uint32_t>(i, SO_RXQ_OVFL).value_or(dropped_);
-        handler(batch_->datagram(i), lastArrival);
+        handler(batch_->datagram(i), arrival);
     }
     return count;
 }
@@ -292,7 +296,6 @@ bool UdpReceiver::waitUntil(std::chrono::steady_clock::time_point deadline)
 std::size_t UdpReceiver::receiveUntil(std::chrono::steady_clock::time_point deadline, const Handler &handler)
 {
     std::size_t total = 0;
-    std::int64_t lastArrival = 0;
     std::optional<std::int64_t> end; // on the wall clock, once the deadline has passed
     while (true)
     {
@@ -300,10 +303,11 @@ std::size_t UdpReceiver::receiveUntil(std::chrono::steady_clock::time_point dead
         {
             end = wallClock();
         }
-        const std::size_t count = receiveBatch(handler, lastArrival);
+        std::int64_t waitedSince = 0;
+        const std::size_t count = receiveBatch(handler, waitedSince);
         total += count;
         const bool drained = count == 0;
-        if (end ? drained || lastArrival >= *end : drained && !waitUntil(deadline))
+        if (end ? drained || waitedSince >= *end : drained && !waitUntil(deadline))
         {
             return total;
         }

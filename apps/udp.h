@@ -75,7 +75,7 @@ public:
 private:
     struct Batch;
 
-    std::size_t receiveBatch(const Handler &handler, std::int64_t &lastArrival);
+    std::size_t receiveBatch(const Handler &handler, std::int64_t &waitedSince);
     bool waitUntil(std::chrono::steady_clock::time_point deadline);
 
     asio::io_context context_;

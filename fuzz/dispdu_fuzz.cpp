@@ -39,7 +39,7 @@ static void checkEntityState(const Pdu &pdu)
     requireWithin(state.location, 1e9);
     requireWithin(state.orientation, 1e4);
     requireWithin(state.deadReckoning.linearAcc, 1e6);
-    requireWithin(state.deadReckoning.angularVel, 1e4);
+    requireWithin(state.deadReckoning.angularVel, 1e5);
 
     std::array<std::uint8_t, kEntityStateSize> wire;
     require(encodeEntityState(state, wire) == wire.size());

@@ -103,7 +103,9 @@ void vunodeRemove(vulist *list, vunode *node)
     {
         vuMessage(nullptr, kModule, 284, "Mismatch Head Node");
     }
-    if (isLast && node->next != nullptr)
+    // A head without a predecessor is taken off as the head, whatever its other end is like.
+    const bool soundHead = isFirst && node->prev == nullptr;
+    if (isLast && node->next != nullptr && !soundHead)
     {
         vuMessage(nullptr, kModule, 299, "Mismatch Tail Node");
     }

@@ -244,18 +244,18 @@ bool giveBack(Arena &arena, Block *block)
         return false;
     }
     // A process that dies before the next setPhase takes the block with it, counted like all that it still held.
-    const uint32_t now = 1 - inForce(arena);
+    const uint32_t after = 1 - inForce(arena);
     State &next = nextState(arena);
     --next.info.blocksInUse;
     next.info.bytesInUse -= block->bytes;
     if (positionOf(arena, block) < next.heap)
     {
-        setPhase(arena, now); // a block of a heap that was given up
+        setPhase(arena, after); // a block of a heap that was given up
         return true;
     }
-    setPhase(arena, now | kChanging);
+    setPhase(arena, after | kChanging);
     reinterpret_cast<Heap *>(at(arena, next.heap))->deallocate(block);
-    setPhase(arena, now);
+    setPhase(arena, after);
     return true;
 }
 
@@ -277,10 +277,9 @@ Block *findBlock(const char *function, const void *pointer)
         return nullptr;
     }
     const Arena *arena = madeArena.load(std::memory_order_acquire);
-    const size_t position = isIn(arena, pointer) ? positionOf(*arena, pointer) : SIZE_MAX;
     const uintptr_t address = reinterpret_cast<uintptr_t>(pointer);
-    const bool possible =
-        address % kAlignment == 0 && address >= kLowestAddress && position >= sizeof(Arena) + sizeof(Block);
+    const bool onArenaHeader = isIn(arena, pointer) && positionOf(*arena, pointer) < sizeof(Arena) + sizeof(Block);
+    const bool possible = address % kAlignment == 0 && address >= kLowestAddress && !onArenaHeader;
     Block *block = reinterpret_cast<Block *>(address - sizeof(Block));
     if (!possible || std::atomic_ref(block->check).load(std::memory_order_relaxed) != liveCheck(block))
     {

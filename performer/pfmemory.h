@@ -3,11 +3,15 @@
  *
  * The arena is one shared mapping, made on first use and inherited across fork, so that a parent and all processes it
  * forks afterwards see the same blocks at the same addresses. Any of them may allocate and release at any time; a
- * process killed in the middle of an allocation does not stop the others (pfmemory.cpp tells how).
+ * process killed in the middle of an allocation does not stop the others (pfmemory.cpp tells how). If it dies while
+ * it changes the arena, all blocks stay valid, but nothing more is allocated below the highest block handed out so far.
  *
  * Every block carries a reference count, 0 at first. pfFree releases a block whatever its count; pfDelete only when
  * nobody holds a reference. All functions may be called from several threads and processes at once, save that the first
- * use of the arena must come before the first fork for the processes to share it.
+ * use of the arena must come before the first fork for the processes to share it; but not from signal handlers.
+ *
+ * A pointer into the arena that is not a live block is reported on standard error and otherwise ignored. So is one to
+ * anywhere else, provided that the 32 bytes before it can be read.
  */
 #ifndef TOLVIN_PERFORMER_PFMEMORY_H
 #define TOLVIN_PERFORMER_PFMEMORY_H
@@ -36,8 +40,8 @@ typedef struct pfArenaInfo
 } pfArenaInfo;
 
 /*
- * Set the size of the arena, in bytes, before its first use. Returns 1; 0 and no effect, with a line on standard error,
- * when the arena exists already or the size is below 64 KiB.
+ * Set the size of the arena, in bytes (rounded up to whole pages), before its first use. Returns 1; 0 and no effect, with
+ * a line on standard error, when the arena exists already or the size is below 64 KiB or above PTRDIFF_MAX.
  */
 PF_API int pfSharedArenaSize(size_t bytes);
 
@@ -54,29 +58,26 @@ PF_API void pfGetArenaInfo(pfArenaInfo *info);
  * Allocate a block of the given size (0 counts as 1), aligned to 16 bytes, contents unspecified, reference count 0.
  *
  * arena   result of pfGetSharedArena, or null for the heap of this process.
- * Returns null when there is no room, without a message. Released with pfFree or pfDelete, by any process for a block of
- * the arena.
+ * Returns null when there is no room, without a message; with one when arena is something else. Released with pfFree or
+ * pfDelete, by any process for a block of the arena.
  */
 PF_API void *pfMalloc(size_t bytes, void *arena);
 
-/*
- * Release a block of pfMalloc, whatever its reference count. Null is ignored. A pointer that is not a live block is
- * reported on standard error and ignored, as far as that can be told.
- */
+/* Release a block of pfMalloc, whatever its reference count. Null is ignored. */
 PF_API void pfFree(void *block);
 
-/* Add a reference to a block. Returns the new count, -1 for null. */
+/* Add a reference to a block. Returns the new count, -1 for null or no live block. */
 PF_API int pfRef(void *object);
 
-/* Take a reference away, without releasing the block. Returns the new count, never below 0; -1 for null. */
+/* Take a reference away, without releasing the block. Returns the new count, never below 0; -1 for null or no live block. */
 PF_API int pfUnref(void *object);
 
-/* Reference count of a block; -1 for null. */
+/* Reference count of a block; -1 for null or no live block. */
 PF_API int pfGetRef(const void *object);
 
 /*
  * Release an object if nobody holds a reference to it. Returns 1 when it was released, 0 when references remain and
- * nothing happened, -1 for null or a pointer that is not a live block.
+ * nothing happened, -1 for null or no live block.
  */
 PF_API int pfDelete(void *object);
 

@@ -183,7 +183,7 @@ TEST_F(DisInputTest, MovesAnEntityFromReportToReportWithoutAJump)
         EXPECT_LT(jump, 0.001);
 
     // An overtaken report must not take the entity back.
-    take(datagramOf(reportOf(1, 7201.0)));
+    take(datagramOf(reportOf(1, 7203.3)));
     frameAt(7204.06);
     EXPECT_EQ(input->counts().late, 1u);
     EXPECT_NEAR(input->entities().find({7, 8, 1})->entity->position[0], 4e6 + 100.0 * 7204.06, 0.001);

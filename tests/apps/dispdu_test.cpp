@@ -177,7 +177,7 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
                                                    {HUGE_VAL, PduFault::NonFinite},
                                                    {NAN, PduFault::NonFinite}};
     const std::tuple<int, int, double> vectors[] = {
-        {36, 4, 1e5}, {48, 8, 1e9}, {72, 4, 1e4}, {104, 4, 1e6}, {116, 4, 1e4}};
+        {36, 4, 1e5}, {48, 8, 1e9}, {72, 4, 1e4}, {104, 4, 1e6}, {116, 4, 1e5}};
     for (int test = 0; test < 5 * 3 * 4 * 2; ++test)
     {
         const auto [offset, width, limit] = vectors[test % 5];

@@ -1,0 +1,72 @@
+// Any bytes as a sequence of datagrams and frames, through the whole road from the network to moved entities.
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+
+#include <tolvin/apps/disinput.h>
+#include <tolvin/performer/pf.h>
+
+using namespace tolvin;
+
+static vuRootNode &root()
+{
+    static const auto node = []
+    {
+        auto made = std::make_unique<vuRootNode>();
+        initRootNode(made.get());
+        return made;
+    }();
+    return *node;
+}
+
+// No entity is anywhere but where a plausible report can have taken it.
+static void requireSomewhere(EntityTable &entities)
+{
+    entities.forEach(
+        [](const RemoteEntity &remote)
+        {
+            for (const double component : remote.entity->position)
+                if (!(std::abs(component) < 1e13))
+                    std::abort();
+            for (const float angle : remote.entity->orientation)
+                if (!std::isfinite(angle))
+                    std::abort();
+        });
+}
+
+// Each datagram follows a head of three bytes: its length, and by how many 10 ms the clock moves on before a frame.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    {
+        DisInputOptions options;
+        options.exercise = 0;
+        options.maxEntities = 8;
+        DisInput input(root(), options, [](const std::string &) {});
+        std::span<const std::uint8_t> rest(data, size);
+        std::int64_t clock = 7199900000; // microseconds; the hour turns soon
+        while (rest.size() >= 3)
+        {
+            const std::size_t length = std::min<std::size_t>(rest[0] << 8 | rest[1], rest.size() - 3);
+            const std::uint8_t wait = rest[2];
+            input.take(rest.subspan(3, length), static_cast<double>(clock) * 1e-6);
+            rest = rest.subspan(3 + length);
+            if (wait == 0)
+                continue;
+            clock += wait * 10000;
+            root().time.sim = {static_cast<std::int32_t>(clock / 1000000), static_cast<std::int32_t>(clock % 1000000)};
+            input.frame(
+                [](std::uint8_t, double metres)
+                {
+                    if (!(metres >= 0.0))
+                        std::abort();
+                });
+            requireSomewhere(input.entities());
+        }
+    }
+    pfArenaInfo info;
+    pfGetArenaInfo(&info);
+    if (info.blocksInUse != 0)
+        std::abort();
+    return 0;
+}
