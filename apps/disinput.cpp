@@ -32,7 +32,9 @@ vuScene *newScene(vuRootNode &root)
 {
     auto *const scene = static_cast<vuScene *>(pfMalloc(sizeof(vuScene), pfGetSharedArena()));
     if (scene == nullptr)
+    {
         throw std::bad_alloc();
+    }
     std::memset(scene, 0, sizeof *scene);
     vunodeInit(&scene->node, "network");
     vulistInit(&scene->entities);
@@ -62,7 +64,9 @@ void DisInput::fault(PduFault kind)
 {
     ++counts_.malformed;
     if (++counts_.faults[static_cast<std::size_t>(kind)] == 1)
+    {
         notice_(std::string("dropped a malformed datagram: ") + faultText(kind) + " (further ones are only counted)");
+    }
 }
 
 void DisInput::take(std::span<const std::uint8_t> datagram, double arrival)
@@ -85,12 +89,18 @@ void DisInput::take(std::span<const std::uint8_t> datagram, double arrival)
         vuEntityState report;
         const PduFault kind = decodeEntityState(pdu, report);
         if (kind == PduFault::None)
+        {
             takeEntityState(report, arrival);
+        }
         else
+        {
             fault(kind);
+        }
     }
     if (reader.fault() != PduFault::None)
+    {
         fault(reader.fault());
+    }
 }
 
 void DisInput::takeEntityState(const vuEntityState &report, double arrival)
@@ -116,7 +126,9 @@ void DisInput::takeEntityState(const vuEntityState &report, double arrival)
         if (remote == nullptr)
         {
             if (++counts_.refused == 1)
+            {
                 notice_("no room for another entity (further ones are only counted)");
+            }
             return;
         }
         ++counts_.entered;
@@ -149,13 +161,19 @@ void DisInput::rememberExtrapolated()
     for (RemoteEntity *remote : owners_)
     {
         if (remote->pending == 0)
+        {
             continue;
+        }
         remote->pending = 0;
         if (remote->leaving)
+        {
             continue;
+        }
         updated_.push_back(remote);
         if (!remote->reported)
+        {
             continue;
+        }
         disDeadRecon(&root_, remote->entity, remote->entity->drState);
         std::memcpy(remote->extrapolated.data(), remote->entity->position, sizeof remote->entity->position);
     }
@@ -164,8 +182,12 @@ void DisInput::rememberExtrapolated()
 void DisInput::reportJumps(const JumpSink &jump)
 {
     for (const RemoteEntity *remote : updated_)
+    {
         if (remote->reported)
+        {
             jump(remote->algorithm, distance(remote->extrapolated.data(), remote->entity->position));
+        }
+    }
 }
 
 void DisInput::frame(const JumpSink &jump)

@@ -51,9 +51,13 @@ double silenceLimit(const vuEntityState &report)
 {
     const vuEntityType &type = report.entityType;
     if (report.protocolVersion < 7 || type.kind == kKindMunition)
+    {
         return kHeartbeats * kShortHeartbeat;
+    }
     if (type.kind != kKindPlatform)
+    {
         return kHeartbeats * kOtherHeartbeat;
+    }
     switch (type.domain)
     {
     case kDomainAir:
@@ -89,7 +93,9 @@ EntityTable::EntityTable(vuRootNode &root, vuScene &scene, std::size_t maxEntiti
 EntityTable::~EntityTable()
 {
     for (auto &[key, remote] : entities_)
+    {
         release(remote);
+    }
 }
 
 RemoteEntity *EntityTable::find(const vuEntityId &id)
@@ -103,11 +109,17 @@ Sender *EntityTable::senderOf(const vuEntityId &id)
     const std::uint64_t key = std::uint64_t{id.site} << 16 | id.application;
     const auto it = senders_.find(key);
     if (it != senders_.end())
+    {
         return &it->second;
+    }
     if (senders_.size() >= kMaxSenders)
+    {
         std::erase_if(senders_, [](const auto &entry) { return entry.second.entities == 0; });
+    }
     if (senders_.size() >= kMaxSenders)
+    {
         return nullptr;
+    }
     Sender &sender = senders_[key];
     sender.site = id.site;
     sender.application = id.application;
@@ -117,10 +129,14 @@ Sender *EntityTable::senderOf(const vuEntityId &id)
 RemoteEntity *EntityTable::create(const vuEntityId &id)
 {
     if (entities_.size() >= maxEntities_)
+    {
         return nullptr;
+    }
     Sender *const sender = senderOf(id);
     if (sender == nullptr)
+    {
         return nullptr;
+    }
     void *const arena = pfGetSharedArena();
     auto *const report = static_cast<vuEntityState *>(pfMalloc(sizeof(vuEntityState), arena));
     auto *const entity = static_cast<vuEntity *>(pfMalloc(sizeof(vuEntity), arena));

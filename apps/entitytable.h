@@ -94,7 +94,9 @@ public:
     void forEach(Visit visit)
     {
         for (auto &[key, remote] : entities_)
+        {
             visit(remote);
+        }
     }
 
     // Calls visit(const Sender &) for each sender heard.
@@ -102,7 +104,9 @@ public:
     void forEachSender(Visit visit) const
     {
         for (const auto &[key, sender] : senders_)
+        {
             visit(sender);
+        }
     }
 
 private:

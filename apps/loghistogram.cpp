@@ -9,7 +9,9 @@ namespace tolvin
 void LogHistogram::add(double value)
 {
     if (!(value >= 0.0))
+    {
         return;
+    }
     std::size_t bin = 0;
     if (value >= std::exp2(kFirstOctave))
     {

@@ -80,29 +80,23 @@ Path pathAt(const Motion &m, double time)
     return path;
 }
 
-// Heading and pitch of the nose with their rates.
 struct Nose
 {
     double heading;
-    double pitch = 0.0;
-    double headingRate = 0.0;
-    double pitchRate = 0.0;
+    double pitch; // the same at all times: no motion here changes its climb
+    double headingRate;
 };
 
 Nose noseAlong(const Path &path, double restHeading)
 {
     const auto [east, north, up] = path.velocity;
-    const auto [eastRate, northRate, upRate] = path.acceleration;
     const double horizontal = std::hypot(east, north);
-    Nose nose{.heading = restHeading};
+    Nose nose = {restHeading, std::atan2(up, horizontal), 0.0};
     if (horizontal > 0.0)
     {
-        const double horizontalRate = (east * eastRate + north * northRate) / horizontal;
         nose.heading = std::atan2(east, north);
-        nose.headingRate = (eastRate * north - northRate * east) / (horizontal * horizontal);
-        nose.pitchRate = (upRate * horizontal - up * horizontalRate) / (horizontal * horizontal + up * up);
+        nose.headingRate = (path.acceleration[0] * north - path.acceleration[1] * east) / (horizontal * horizontal);
     }
-    nose.pitch = std::atan2(up, horizontal);
     return nose;
 }
 
@@ -166,9 +160,8 @@ MotionState stateAt(const Motion &motion, double time)
     state.velocity = path.velocity;
     state.acceleration = path.acceleration;
     state.attitude = attitudeOf(nose);
-    // Rates of heading and pitch about the body axes, with no roll.
-    state.angularVelocity = {-nose.headingRate * std::sin(nose.pitch), nose.pitchRate,
-                             nose.headingRate * std::cos(nose.pitch)};
+    // The heading turns about the vertical.
+    state.angularVelocity = {-nose.headingRate * std::sin(nose.pitch), 0.0, nose.headingRate * std::cos(nose.pitch)};
     // The nose lies along the velocity: in body axes only the speed is left, and only it changes.
     const Vector3 forward = {state.attitude[0], state.attitude[3], state.attitude[6]};
     state.bodyVelocity = {length(path.velocity), 0.0, 0.0};

@@ -60,7 +60,9 @@ RootPtr makeRoot()
 {
     RootPtr root(static_cast<vuRootNode *>(pfMalloc(sizeof(vuRootNode), pfGetSharedArena())));
     if (root == nullptr)
+    {
         throw std::bad_alloc();
+    }
     std::memset(root.get(), 0, sizeof *root);
     initRootNode(root.get());
     return root;
@@ -130,13 +132,17 @@ public:
                 tracks_.emplace_back();
             }
             if (remote->track != SIZE_MAX)
+            {
                 tracks_[remote->track].reported.add(asPosition(remote->entity->drState->location));
+            }
         }
         input.entities().forEach(
             [this](const RemoteEntity &remote)
             {
                 if (remote.track != SIZE_MAX)
+                {
                     tracks_[remote.track].extrapolated.add(asPosition(remote.entity->position));
+                }
             });
     }
 
@@ -164,7 +170,9 @@ void writeMap(const std::string &file, const Tracks &tracks, double seconds)
     char title[96];
     std::snprintf(title, sizeof title, "%zu entities in %.0f seconds", tracks.all().size(), seconds);
     if (!writeTrackMap(file, tracks.all(), title))
+    {
         throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
+    }
 }
 
 // Frames until the duration, the frame count or a signal ends them.
@@ -181,28 +189,38 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
     for (std::uint64_t frame = 0; stopRequested == 0; ++frame)
     {
         if ((options.frames != 0 && frame >= options.frames) || (options.duration > 0.0 && time >= options.duration))
+        {
             break;
+        }
         due += period;
         while (stopRequested == 0 && SteadyClock::now() < due)
+        {
             receiver.receiveUntil(due, [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
                                   { input.take(datagram, clock.ofWall(arrival)); });
+        }
         const SteadyClock::time_point begin = SteadyClock::now();
         due = std::max(due, begin - period); // frames that were missed are not made up for
         time = clock.advance();
         input.frame([&](std::uint8_t algorithm, double metres) { statistics->addJump(algorithm, metres); });
         if (!options.map.empty())
+        {
             tracks.addFrame(input);
+        }
         statistics->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin).count());
         if (time - lineTime >= 1.0)
         {
             if (!options.quiet)
+            {
                 statistics->printLine(stdout, time, time - lineTime, input.counts(), input.entities().size());
+            }
             lineTime = time - std::fmod(time, 1.0);
         }
     }
     statistics->printTables(stdout, input.counts(), input.entities());
     if (!options.map.empty())
+    {
         writeMap(options.map, tracks, time);
+    }
 }
 
 // An hour's run should not end with a map that cannot be written.
@@ -210,14 +228,18 @@ void checkMap(const std::string &file)
 {
     std::FILE *const map = std::fopen(file.c_str(), "a");
     if (map == nullptr)
+    {
         throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
+    }
     std::fclose(map);
 }
 
 void run(const RunOptions &options)
 {
     if (!options.map.empty())
+    {
         checkMap(options.map);
+    }
     UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
@@ -229,7 +251,9 @@ void run(const RunOptions &options)
     }
     pfGetArenaInfo(&info);
     if (info.blocksInUse != 0)
+    {
         throw std::logic_error(std::to_string(info.blocksInUse) + " blocks of the shared arena were not released");
+    }
 }
 
 } // namespace

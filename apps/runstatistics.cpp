@@ -19,9 +19,13 @@ std::string metres(double value)
 {
     char text[32];
     if (value < 10.0)
+    {
         std::snprintf(text, sizeof text, "%.4f", value);
+    }
     else
+    {
         std::snprintf(text, sizeof text, "%.1f", value);
+    }
     return text;
 }
 
@@ -80,7 +84,9 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
     {
         const LogHistogram &jumps = jumpsByAlgorithm_[algorithm];
         if (jumps.count() == 0)
+        {
             continue;
+        }
         const char *name = algorithm < kAlgorithmNames.size() ? kAlgorithmNames[algorithm] : "unknown";
         std::fprintf(out, "%3zu %-8s %9llu %11s %11s %11s\n", algorithm, name,
                      static_cast<unsigned long long>(jumps.count()), metres(jumps.quantile(0.5)).c_str(),
@@ -95,9 +101,13 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
                  "\nlatency beyond each sender's fastest report, milliseconds; local minus sender's clock, seconds\n"
                  "sender          reports      median        95 %%       worst     clock offset  jumps\n");
     for (std::size_t i = 0; i < std::min(senders.size(), kMostSenders); ++i)
+    {
         printSender(out, *senders[i]);
+    }
     if (senders.size() > kMostSenders)
+    {
         std::fprintf(out, "... and %zu more\n", senders.size() - kMostSenders);
+    }
 
     const auto count = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
     std::fprintf(out,
@@ -106,9 +116,13 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
                  count(counts.datagrams), count(counts.reports), count(counts.malformed), count(counts.late),
                  count(counts.own), count(counts.otherExercise), count(counts.otherPdus), count(counts.refused));
     for (std::size_t kind = 0; kind < counts.faults.size(); ++kind)
+    {
         if (counts.faults[kind] != 0)
+        {
             std::fprintf(out, "  malformed: %llu times %s\n", count(counts.faults[kind]),
                          faultText(static_cast<PduFault>(kind)));
+        }
+    }
     std::fprintf(out, "%llu entities came, %llu left, %llu fell silent; frames took %s ms (median), %s ms (worst)\n",
                  count(counts.entered), count(counts.left), count(counts.silent),
                  milliseconds(allFrames_.quantile(0.5)).c_str(), milliseconds(allFrames_.greatest()).c_str());

@@ -61,15 +61,21 @@ LocalFrame planeAtCentre(const std::vector<MapTrack> &tracks)
     Vector3 sum{};
     double count = 0.0;
     for (const MapTrack &track : tracks)
+    {
         for (const Vector3 &position : track.reported.positions())
         {
             for (std::size_t axis = 0; axis < 3; ++axis)
+            {
                 sum[axis] += position[axis];
+            }
             count += 1.0;
         }
+    }
     Geodetic centre;
     if (count > 0.0)
+    {
         centre = geodeticOf({sum[0] / count, sum[1] / count, sum[2] / count});
+    }
     centre.height = 0.0;
     return LocalFrame(centre);
 }
@@ -91,13 +97,17 @@ Frame frameAround(const std::vector<Path> &paths)
     Bounds east;
     Bounds north;
     for (const Path &path : paths)
+    {
         for (const Point &point : path)
         {
             east.cover(point.east);
             north.cover(point.north);
         }
+    }
     if (!(east.low <= east.high))
+    {
         return {-50.0, -50.0, 100.0};
+    }
     const double extent = 1.08 * std::max({east.high - east.low, north.high - north.low, 1.0});
     return {(east.low + east.high - extent) / 2.0, (north.low + north.high - extent) / 2.0, extent};
 }
@@ -108,8 +118,12 @@ double tickStep(double extent)
     const double rough = extent / 10.0;
     const double power = std::pow(10.0, std::floor(std::log10(rough)));
     for (const double factor : {1.0, 2.0, 5.0})
+    {
         if (factor * power >= rough)
+        {
             return factor * power;
+        }
+    }
     return 10.0 * power;
 }
 
@@ -117,6 +131,7 @@ std::string escaped(const std::string &text)
 {
     std::string result;
     for (const char c : text)
+    {
         switch (c)
         {
         case '&':
@@ -131,6 +146,7 @@ std::string escaped(const std::string &text)
         default:
             result += c;
         }
+    }
     return result;
 }
 
@@ -139,15 +155,19 @@ void drawAxes(std::FILE *out, const Frame &frame)
     const double step = tickStep(frame.extent);
     std::fputs("<g stroke='#d8dde3' stroke-width='1' font-size='12' fill='#444'>\n", out);
     for (double east = std::ceil(frame.west / step) * step; east <= frame.west + frame.extent; east += step)
+    {
         std::fprintf(out,
                      "<path d='M%.1f %.1fv%.1f'/><text x='%.1f' y='%.1f' text-anchor='middle' stroke='none'>%.10g"
                      "</text>\n",
                      frame.x(east), kTop, kSize, frame.x(east), kTop + kSize + 18.0, east + 0.0);
+    }
     for (double north = std::ceil(frame.south / step) * step; north <= frame.south + frame.extent; north += step)
+    {
         std::fprintf(out,
                      "<path d='M%.1f %.1fh%.1f'/><text x='%.1f' y='%.1f' text-anchor='end' stroke='none'>%.10g"
                      "</text>\n",
                      kLeft, frame.y(north), kSize, kLeft - 8.0, frame.y(north) + 4.0, north + 0.0);
+    }
     std::fprintf(out,
                  "</g>\n<rect x='%.1f' y='%.1f' width='%.1f' height='%.1f' fill='none' stroke='#444'/>\n"
                  "<g font-size='14' text-anchor='middle' fill='#222'><text x='%.1f' y='%.1f'>metres east of the centre"
@@ -164,7 +184,9 @@ Path pixels(const Frame &frame, const Path &path)
         const Point pixel{frame.x(point.east), frame.y(point.north)};
         if (result.empty() ||
             std::hypot(pixel.east - result.back().east, pixel.north - result.back().north) >= kThinnest)
+        {
             result.push_back(pixel);
+        }
     }
     return result;
 }
@@ -190,8 +212,12 @@ void drawPoints(std::FILE *out, const Frame &frame, const std::vector<Path> &pat
 {
     std::fputs("<g fill='#e4572e'>\n", out);
     for (const Path &path : paths)
+    {
         for (const Point &pixel : pixels(frame, path))
+        {
             std::fprintf(out, "<circle cx='%.1f' cy='%.1f' r='1.7'/>\n", pixel.east, pixel.north);
+        }
+    }
     std::fputs("</g>\n", out);
 }
 
@@ -216,12 +242,16 @@ void drawHead(std::FILE *out, const std::string &title)
 void SampledTrack::add(const Vector3 &position)
 {
     if (++skipped_ < stride_)
+    {
         return;
+    }
     skipped_ = 0;
     if (positions_.size() == kMost)
     {
         for (std::size_t i = 0; i < kMost / 2; ++i)
+        {
             positions_[i] = positions_[2 * i];
+        }
         positions_.resize(kMost / 2);
         stride_ *= 2;
     }
@@ -242,7 +272,9 @@ bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks,
 
     std::FILE *const out = std::fopen(file.c_str(), "w");
     if (out == nullptr)
+    {
         return false;
+    }
     drawHead(out, title);
     drawAxes(out, frame);
     std::fprintf(out, "<clipPath id='area'><rect x='%.1f' y='%.1f' width='%.1f' height='%.1f'/></clipPath>\n", kLeft,
@@ -252,8 +284,10 @@ bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks,
     drawPoints(out, frame, reported);
     std::fputs("</g>\n", out);
     if (tracks.empty())
+    {
         std::fprintf(out, "<text x='%.1f' y='%.1f' font-size='18' text-anchor='middle'>no entity was heard</text>\n",
                      kLeft + kSize / 2.0, kTop + kSize / 2.0);
+    }
     std::fputs("</svg>\n", out);
     const bool written = std::ferror(out) == 0;
     return std::fclose(out) == 0 && written;

@@ -9,6 +9,14 @@
 
 using namespace tolvin;
 
+static void require(bool condition)
+{
+    if (!condition)
+    {
+        std::abort();
+    }
+}
+
 static vuRootNode &root()
 {
     static const auto node = []
@@ -27,11 +35,13 @@ static void requireSomewhere(EntityTable &entities)
         [](const RemoteEntity &remote)
         {
             for (const double component : remote.entity->position)
-                if (!(std::abs(component) < 1e13))
-                    std::abort();
+            {
+                require(std::abs(component) < 1e13);
+            }
             for (const float angle : remote.entity->orientation)
-                if (!std::isfinite(angle))
-                    std::abort();
+            {
+                require(std::isfinite(angle));
+            }
         });
 }
 
@@ -52,7 +62,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             input.take(rest.subspan(3, length), static_cast<double>(clock) * 1e-6);
             rest = rest.subspan(3 + length);
             if (wait == 0)
+            {
                 continue;
+            }
             clock += wait * 10000;
             root().time.sim = {static_cast<std::int32_t>(clock / 1000000), static_cast<std::int32_t>(clock % 1000000)};
             input.frame(
@@ -66,7 +78,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
     pfArenaInfo info;
     pfGetArenaInfo(&info);
-    if (info.blocksInUse != 0)
-        std::abort();
+    require(info.blocksInUse == 0);
     return 0;
 }

@@ -103,7 +103,9 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
 {
     const Datagram good = datagramOf(reportOf(1, now()));
     for (std::size_t size = 0; size < good.size(); ++size)
+    {
         take(Datagram(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)));
+    }
     EXPECT_EQ(input->counts().malformed, good.size());
 
     std::mt19937 random(20);
@@ -111,7 +113,9 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
     {
         Datagram noise(random() % 2000);
         for (std::uint8_t &byte : noise)
+        {
             byte = static_cast<std::uint8_t>(random());
+        }
         take(noise);
     }
     vuEntityState nowhere = reportOf(1, now());
@@ -125,7 +129,9 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
     EXPECT_EQ(input->entities().size(), 0u);
     std::size_t kinds = 0;
     for (const std::uint64_t count : counts.faults)
+    {
         kinds += count != 0;
+    }
     EXPECT_EQ(notices.size(), kinds); // one line for each kind, however many came
 }
 
@@ -152,7 +158,9 @@ TEST_F(DisInputTest, ChoosesByExerciseTypeAndIdentity)
     restart(options);
     take(datagramOf(other));
     for (const std::uint16_t entity : {1, 2, 3, 4})
+    {
         take(datagramOf(reportOf(entity, now())));
+    }
     EXPECT_EQ(input->entities().size(), 2u);
     EXPECT_EQ(input->counts().refused, 2u);
     EXPECT_EQ(notices.size(), 1u);
@@ -180,7 +188,9 @@ TEST_F(DisInputTest, MovesAnEntityFromReportToReportWithoutAJump)
     EXPECT_STREQ(remote->entity->node.name, "7:8:1");
     ASSERT_EQ(jumps.size(), 7u); // all but the first report
     for (const double jump : jumps)
+    {
         EXPECT_LT(jump, 0.001);
+    }
 
     // An overtaken report must not take the entity back.
     take(datagramOf(reportOf(1, 7203.3)));

@@ -100,12 +100,14 @@ TEST(EulerAngles, MatchTheKernelAndComeBack)
     }
 }
 
-// Level bodies where the equator meets longitude 0: up is x, east is y, north is z.
-TEST(EulerAngles, OfLevelBodies)
+// Bodies where the equator meets longitude 0: up is x, east is y, north is z.
+TEST(EulerAngles, OfKnownBodies)
 {
     const EulerAngles east = eulerAnglesOf({0, 0, -1, 1, 0, 0, 0, -1, 0});
     expectNear({east.psi, east.theta, east.phi}, {kQuarter, 0, -kQuarter}, 1e-15);
-    const EulerAngles north = eulerAnglesOf({0, 0, -1, 0, 1, 0, 1, 0, 0}); // nose along the Earth's axis
-    EXPECT_NEAR(north.theta, -kQuarter, 1e-15);
-    EXPECT_NEAR(std::remainder(north.psi + north.phi, 4 * kQuarter), 0, 1e-15);
+    const Matrix3 north = {0, 0, -1, 0, 1, 0, 1, 0, 0}; // nose along the Earth's axis, theta exactly -90 degrees
+    const Matrix3 northBanked = {0, 1, 0, 0, 0, 1, 1, 0, 0};
+    EXPECT_NEAR(eulerAnglesOf(north).theta, -kQuarter, 1e-15);
+    expectNearMatrix(rotationOf(eulerAnglesOf(north)), north, 1e-15);
+    expectNearMatrix(rotationOf(eulerAnglesOf(northBanked)), northBanked, 1e-15);
 }

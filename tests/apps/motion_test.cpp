@@ -117,6 +117,7 @@ TEST(Motion, SpreadOverTheMap)
     for (std::size_t i = 0; i < 60; ++i)
     {
         const Motion a = spreadMotion(Motion{}, i, 60);
+        EXPECT_EQ(a.radius, i % 2 == 0 ? 1000 : -1000) << "turns right and left in turn";
         EXPECT_LE(std::max(std::abs(a.start[0]), std::abs(a.start[1])), 7500 + 1e-9);
         for (std::size_t j = 0; j < i; ++j)
         {

@@ -137,6 +137,18 @@ TEST(Send, DriftAndZeroStamps)
     EXPECT_EQ(trafficOf("--duration 0.1 --stamp zero").reports.at(0).report.timestamp, 0u);
 }
 
+// At 10 km/s a unit of the stamp is 17 mm.
+TEST(Send, StateBelongsToTheStamp)
+{
+    const auto reports = trafficOf("--rate 2 --duration 1 --motion line --speed 10000").reports;
+    ASSERT_EQ(reports.size(), 2u);
+    const vuEntityState &a = reports[0].report;
+    const vuEntityState &b = reports[1].report;
+    const double distance = std::hypot(b.location[0] - a.location[0], b.location[1] - a.location[1], //
+                                       b.location[2] - a.location[2]);
+    EXPECT_NEAR(distance, (b.timestamp - a.timestamp) / 2 * (3600.0 / 2147483648.0) * 10000, 1e-4);
+}
+
 // Both signals end an endless run in good order: the entities still leave.
 TEST(Send, EndsOnSignals)
 {
@@ -171,8 +183,9 @@ TEST(Send, ExplainsMistakes)
     for (const auto &[arguments, text] : cases)
     {
         int exitCode = 0;
-        const std::string said = capturedStderr([&] { exitCode = sendWith(arguments + " --duration 0.1"); });
-        EXPECT_EQ(exitCode, 2) << arguments;
+        const std::string call = arguments + " --duration 0.1";
+        const std::string said = capturedStderr([&] { exitCode = sendWith(call); });
+        EXPECT_EQ(exitCode, 2) << call;
         EXPECT_NE(said.find(text), std::string::npos) << said;
     }
     for (const char *arguments : {"--rate 0", "--rate nan", "--loss 101", "--version 8", "--stamp never", "--ttl 256"})

@@ -29,7 +29,9 @@ std::size_t occurrences(const std::string &text, const std::string &part)
 {
     std::size_t count = 0;
     for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+    {
         ++count;
+    }
     return count;
 }
 
@@ -39,13 +41,17 @@ TEST(SampledTrack, StaysBoundedAndEven)
 {
     SampledTrack track;
     for (int i = 0; i < 100000; ++i)
+    {
         track.add({double(i), 0.0, 0.0});
+    }
     const auto &positions = track.positions();
     ASSERT_LE(positions.size(), SampledTrack::kMost);
     ASSERT_GE(positions.size(), SampledTrack::kMost / 2);
     const double step = positions[1][0] - positions[0][0];
     for (std::size_t i = 1; i < positions.size(); ++i)
+    {
         ASSERT_EQ(positions[i][0] - positions[i - 1][0], step);
+    }
     EXPECT_GT(positions.back()[0], 100000 - 2 * step);
 }
 
@@ -55,7 +61,9 @@ TEST(TrackMap, DrawsEastToTheRightAndNorthUp)
     const double radius = 6378137.0;
     MapTrack track;
     for (const double east : {-1000.0, 1000.0})
+    {
         track.reported.add({radius, east, 500.0 * east / 1000.0});
+    }
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_map_" + std::to_string(getpid()) + ".svg");
     ASSERT_TRUE(writeTrackMap(file, {track}, "A & B <c>"));
     const std::string svg = contentOf(file);
@@ -91,13 +99,17 @@ TEST(LogHistogram, KnowsQuantilesWithinItsBins)
     LogHistogram histogram;
     EXPECT_EQ(histogram.quantile(0.5), 0.0);
     for (int i = 1; i <= 10000; ++i)
+    {
         histogram.add(i * 1e-3);
+    }
     histogram.add(-1.0);
     histogram.add(std::nan(""));
     EXPECT_EQ(histogram.count(), 10000u);
     EXPECT_EQ(histogram.greatest(), 10.0);
     for (const double fraction : {0.05, 0.5, 0.95})
+    {
         EXPECT_NEAR(histogram.quantile(fraction), 10.0 * fraction, 10.0 * fraction * 0.011);
+    }
     histogram.add(1e30); // beyond the bins
     EXPECT_EQ(histogram.quantile(1.0), 1e30);
     histogram.clear();

@@ -26,9 +26,15 @@ inline void calcMatrices(vuEntity *e, const vuEntityState *s)
     const double cpsi = static_cast<float>(std::cos(psi)), spsi = static_cast<float>(std::sin(psi));
     const double cth = static_cast<float>(std::cos(theta)), sth = static_cast<float>(std::sin(theta));
     const double cphi = static_cast<float>(std::cos(phi)), sphi = static_cast<float>(std::sin(phi));
-    const double m[9] = {
-        cth * cpsi,  sphi * sth * cpsi - cphi * spsi, sth * cphi * cpsi + sphi * spsi, cth * spsi,
-        sphi * sth * spsi + cphi * cpsi, spsi * sth * cphi - cpsi * sphi, -sth, sphi * cth, cth * cphi};
+    const double m[9] = {cth * cpsi,
+                         sphi * sth * cpsi - cphi * spsi,
+                         sth * cphi * cpsi + sphi * spsi,
+                         cth * spsi,
+                         sphi * sth * spsi + cphi * cpsi,
+                         spsi * sth * cphi - cpsi * sphi,
+                         -sth,
+                         sphi * cth,
+                         cth * cphi};
     const double w[3] = {s->deadReckoning.angularVel[0], s->deadReckoning.angularVel[1],
                          s->deadReckoning.angularVel[2]};
     for (int i = 0; i < 9; ++i)
@@ -95,8 +101,8 @@ inline void deadRecon(vuRootNode *root, vuEntity *e, vuEntityState *s)
         {
             for (int j = 0; j < 3; ++j)
             {
-                n[3 * i + j] = q[3 * i] * e->drMatrix[j] + q[3 * i + 1] * e->drMatrix[3 + j] +
-                               q[3 * i + 2] * e->drMatrix[6 + j];
+                n[3 * i + j] =
+                    q[3 * i] * e->drMatrix[j] + q[3 * i + 1] * e->drMatrix[3 + j] + q[3 * i + 2] * e->drMatrix[6 + j];
             }
         }
         if (a >= 6)
@@ -134,8 +140,8 @@ inline void deadRecon(vuRootNode *root, vuEntity *e, vuEntityState *s)
         case 7:
         case 8:
         case 9:
-            e->position[j] = s->location[j] +
-                             (e->drInverse[j] * b[0] + e->drInverse[3 + j] * b[1] + e->drInverse[6 + j] * b[2]);
+            e->position[j] =
+                s->location[j] + (e->drInverse[j] * b[0] + e->drInverse[3 + j] * b[1] + e->drInverse[6 + j] * b[2]);
             break;
         default:
             e->position[j] = s->location[j];
