@@ -73,18 +73,13 @@ struct SenderClock
 // clock, changes nothing.
 //
 // A report whose stamp makes no sense counts as made on arrival (0) and leaves the estimate alone: a stamp that was
-// never set, one stamp for more than 0.25 s, and stamps more than 1 s off the envelope. When the latter agree with one another for 0.5 s, or when
-// all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope moves there at once.
+// never set, one stamp for more than 0.25 s, and stamps more than 1 s off the envelope. When the latter agree with one
+// another for 0.5 s, or when all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope
+// moves there at once.
 double ageOnArrival(SenderClock &clock, double arrival, std::uint32_t stamp);
 
 // Difference of the clocks (local minus sender's, with the least delay in it), -1800 to 1800 s; 0 without timed reports.
 double clockOffset(const SenderClock &clock);
-
-// Times the sender's clock was set.
-inline std::uint32_t clockJumps(const SenderClock &clock)
-{
-    return clock.jumps;
-}
 
 // Stamp that the kernel reads as (now mod 3600) + age, to 0.9 microseconds, bit 0 clear. A sum outside 0 to 3600 cannot
 // be expressed and gives the nearer end; handOver() deals with those.

@@ -43,7 +43,7 @@ void printSender(std::FILE *out, const Sender &sender)
     std::fprintf(out, "%-13s %9llu %11s %11s %11s %16.4f %6llu\n", name,
                  static_cast<unsigned long long>(sender.reports), milliseconds(sender.latency.quantile(0.5)).c_str(),
                  milliseconds(sender.latency.quantile(0.95)).c_str(), milliseconds(sender.latency.greatest()).c_str(),
-                 sender.clock.offset, static_cast<unsigned long long>(sender.clock.jumps));
+                 clockOffset(sender.clock), static_cast<unsigned long long>(sender.clock.jumps));
 }
 
 } // namespace

@@ -20,7 +20,6 @@ static_assert((kShmMode & (SHM_RDONLY | SHM_RND | SHM_REMAP | SHM_EXEC)) == 0);
 constexpr uint16_t kDefaultFlags = 128;
 constexpr uint16_t kSmoothLength = 16;
 constexpr vuProbe kDownProbe = {.pos = {0.0F, 0.0F, 0.0F}, .dir = {0.0F, 0.0F, -1.0F}, .length = 5.0F};
-constexpr uint32_t kReceptionNeeded = 1; // bit of vuRootNode.receiveFlags
 
 uint32_t etid = 0;
 
@@ -59,12 +58,12 @@ void reportReception(vuRootNode *root, const vuEntity *entity)
     if ((entity->receive & VU_RECEIVE_DIS) != 0)
     {
         vuMessage("Notice", kModule, 728, "receive DIS");
-        root->receiveFlags |= kReceptionNeeded;
+        root->receiveFlags |= VU_RECEPTION_NEEDED;
     }
     if ((entity->receive & VU_RECEIVE_UDP) != 0)
     {
         vuMessage("Notice", kModule, 732, "receive UDP");
-        root->receiveFlags |= kReceptionNeeded;
+        root->receiveFlags |= VU_RECEPTION_NEEDED;
     }
 }
 

@@ -260,11 +260,11 @@ TOLVIN_API vuEntity *entityFindNamed(vuScene *scene, const char *name);
 TOLVIN_API vuEntity *entityFindFilename(vuScene *scene, const char *fileName);
 
 /*
- * Report network reception (one "Notice" for DIS, one for UDP, and bit 1 of the root's receiveFlags) and give the entity
- * its variables record of the size that its definition names: from the shared arena for keys below VU_SHM_FIRST_KEY
- * (vars null when there is no room, without a message), else by entityAttachToSharedMemory. Without definition, layout or
- * size there is no record. A former record is not released: call entityReleaseSharedMem before. Neither argument may be
- * null.
+ * Report network reception (one "Notice" for DIS, one for UDP, and VU_RECEPTION_NEEDED in the root's receiveFlags) and
+ * give the entity its variables record of the size that its definition names: from the shared arena for keys below
+ * VU_SHM_FIRST_KEY (vars null when there is no room, without a message), else by entityAttachToSharedMemory. Without
+ * definition, layout or size there is no record. A former record is not released: call entityReleaseSharedMem before.
+ * Neither argument may be null.
  */
 TOLVIN_API void entityAllocVars(struct vuRootNode *root, vuEntity *entity);
 

@@ -2,7 +2,8 @@
  * Root node and options: the one record that ties a run of the kernel together.
  *
  * The application owns exactly one root node, initialises it before any other kernel call, fills its lists and passes it
- * to everything that works on all of something. Effect plug-ins get the same pointer. The library never frees it.
+ * to everything that works on all of something. Effect plug-ins get the same pointer. The library never frees it, and the
+ * application may place data of its own behind it. It has 900 bytes, with fixed offsets, on the 32-bit target.
  */
 #ifndef TOLVIN_KERNEL_KERNELGENERIC_H
 #define TOLVIN_KERNEL_KERNELGENERIC_H
@@ -17,6 +18,11 @@ extern "C" {
 #endif
 
 struct vuEntity;
+
+enum
+{
+    VU_RECEPTION_NEEDED = 1 /* value in vuRootNode.receiveFlags */
+};
 
 /* Configuration for the application; no kernel operation reads it. */
 typedef struct vuOptions
@@ -43,7 +49,7 @@ VU_SIZE_ANY(vuOptions, 84);
 typedef struct vuRootNode
 {
     uint16_t version[4];   /* 1, 2, 2, 4261 */
-    uint32_t receiveFlags; /* bit 1: some entity receives DIS or UDP (entityAllocVars); 0 */
+    uint32_t receiveFlags; /* VU_RECEPTION_NEEDED when some entity receives DIS or UDP (entityAllocVars); 0 */
     vulist lists0;         /* empty; not used by the library */
     vulist scenes;         /* the scenes (kernelentity.h) */
     vulist lists1[6];      /* empty; not used by the library */
@@ -128,9 +134,10 @@ VU_SIZE(vuRootNode, 900);
 TOLVIN_API void initOptions(vuOptions *options);
 
 /*
- * Give the root node its start values, once, before any other kernel call; root counts as raw memory of which the
- * reserved ranges, simSeconds and frameDelta stay untouched. Reads the system clock (vutimeInit) and prints one "Debug"
- * line, "NO_FORK_X". root must not be null.
+ * Give the root node its start values, once, before any other kernel call. root must not be null and counts as raw memory,
+ * of which these stay untouched: the reserved ranges, simSeconds, frameDelta, time.animSeconds, and what lies behind the
+ * terminating NUL of suffix and text1B0. Reads the system clock (vutimeInit, which reports a clock that cannot be read)
+ * and prints one "Debug" line, "NO_FORK_X".
  */
 TOLVIN_API void initRootNode(vuRootNode *root);
 

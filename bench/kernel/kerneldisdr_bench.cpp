@@ -60,7 +60,7 @@ public:
             }
             s->deadReckoning.algorithm = static_cast<uint8_t>(algorithm == kMixed ? 1 + random() % 9 : algorithm);
             e->recvTime = 1000000 - 2 * (1 + double{any(random)});
-            plain::calcMatrices(e, s);
+            disCalcDRMatrices(e, s);
         }
     }
 

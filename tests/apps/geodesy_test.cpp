@@ -1,12 +1,11 @@
 #include <tolvin/apps/geodesy.h>
+#include <tolvin/kernel/kerneldisdr.h>
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 
 #include <gtest/gtest.h>
-
-#include <tolvin/kernel/kerneldisdr.h>
 
 using namespace tolvin;
 
@@ -15,17 +14,10 @@ namespace
 
 constexpr double kQuarter = std::numbers::pi / 2;
 
-void expectNear(const Vector3 &a, const Vector3 &b, double tolerance)
+template<std::size_t N>
+void expectNear(const std::array<double, N> &a, const std::array<double, N> &b, double tolerance)
 {
-    for (int i = 0; i < 3; ++i)
-    {
-        EXPECT_NEAR(a[i], b[i], tolerance) << "component " << i;
-    }
-}
-
-void expectNearMatrix(const Matrix3 &a, const Matrix3 &b, double tolerance)
-{
-    for (int i = 0; i < 9; ++i)
+    for (std::size_t i = 0; i < N; ++i)
     {
         EXPECT_NEAR(a[i], b[i], tolerance) << "element " << i;
     }
@@ -36,25 +28,17 @@ void expectNearMatrix(const Matrix3 &a, const Matrix3 &b, double tolerance)
 // The axes of WGS 84 (NIMA TR8350.2) and the worked example of EPSG guidance note 7-2 for method 9602.
 TEST(Geodesy, GeocentricOfKnownPlaces)
 {
-    const double exampleLatitude = 53 + 48 / 60.0 + 33.82 / 3600;
-    const double exampleLongitude = 2 + 7 / 60.0 + 46.38 / 3600;
-    const struct
+    const Geodetic example = {53 + 48 / 60.0 + 33.82 / 3600, 2 + 7 / 60.0 + 46.38 / 3600, 73};
+    const std::tuple<Geodetic, Vector3, double> cases[] = {{{0, 0, 0}, {6378137, 0, 0}, 1e-6},
+                                                           {{0, 90, 100}, {0, 6378237, 0}, 1e-6},
+                                                           {{-90, 0, 0}, {0, 0, -6356752.3142}, 1e-4},
+                                                           {example, {3771793.968, 140253.342, 5124304.349}, 1e-3}};
+    for (const auto &[place, geocentric, tolerance] : cases)
     {
-        Geodetic place;
-        Vector3 geocentric;
-        double tolerance;
-    } cases[] = {
-        {{0, 0, 0}, {6378137, 0, 0}, 1e-6},
-        {{0, 90, 100}, {0, 6378237, 0}, 1e-6},
-        {{-90, 0, 0}, {0, 0, -6356752.3142}, 1e-4},
-        {{exampleLatitude, exampleLongitude, 73}, {3771793.968, 140253.342, 5124304.349}, 1e-3},
-    };
-    for (const auto &c : cases)
-    {
-        expectNear(geocentricOf(c.place), c.geocentric, c.tolerance);
-        const Geodetic back = geodeticOf(geocentricOf(c.place));
-        expectNear({back.latitude, back.longitude, back.height}, {c.place.latitude, c.place.longitude, c.place.height},
-                   1e-8);
+        expectNear(geocentricOf(place), geocentric, tolerance);
+        const Geodetic back = geodeticOf(geocentricOf(place));
+        expectNear(Vector3{back.latitude, back.longitude, back.height},
+                   Vector3{place.latitude, place.longitude, place.height}, 1e-8);
     }
 }
 
@@ -66,36 +50,33 @@ TEST(Geodesy, LocalFrame)
     expectNear(frame.toLocal(geocentric), {-189013.869, -128642.040, -4220.171}, 1e-3);
     expectNear(frame.toGeocentric(frame.toLocal(geocentric)), geocentric, 1e-8);
     // At longitude 90 on the equator east is -x, north is z and up is y.
-    expectNearMatrix(LocalFrame({0, 90, 0}).rotation(), {-1, 0, 0, 0, 0, 1, 0, 1, 0}, 1e-15);
+    expectNear(LocalFrame({0, 90, 0}).rotation(), {-1, 0, 0, 0, 0, 1, 0, 1, 0}, 1e-15);
 }
 
 TEST(EulerAngles, MatchTheKernelAndComeBack)
 {
-    for (const double psi : {-3.0, -0.4, 0.0, 2.5})
+    for (const EulerAngles &angles : {EulerAngles{-3, -kQuarter, 2},
+                                      {-0.4, -1.570796, -2.9},
+                                      {2.5, -0.7, 0.3},
+                                      {0, 0, 0},
+                                      {-3, 1.2, 3.1},
+                                      {1, kQuarter, 0.3}})
     {
-        for (const double theta : {-kQuarter, -1.570796, -0.7, 0.0, 1.2, kQuarter})
+        const Matrix3 rotation = rotationOf(angles);
+        vuEntityState report{};
+        vuEntity entity{};
+        report.orientation[0] = static_cast<float>(angles.psi);
+        report.orientation[1] = static_cast<float>(angles.theta);
+        report.orientation[2] = static_cast<float>(angles.phi);
+        disCalcDRMatrices(&entity, &report);
+        Matrix3 kernel;
+        std::ranges::copy(entity.drMatrix, kernel.begin());
+        expectNear(rotation, kernel, 1e-6);
+        const EulerAngles back = eulerAnglesOf(rotation);
+        expectNear(rotationOf(back), rotation, 1e-15);
+        if (std::abs(angles.theta) < 1.5)
         {
-            for (const double phi : {-2.9, 0.0, 0.3, 3.1})
-            {
-                SCOPED_TRACE(testing::Message() << psi << ' ' << theta << ' ' << phi);
-                const Matrix3 rotation = rotationOf({psi, theta, phi});
-                vuEntityState report{};
-                vuEntity entity{};
-                report.orientation[0] = static_cast<float>(psi);
-                report.orientation[1] = static_cast<float>(theta);
-                report.orientation[2] = static_cast<float>(phi);
-                disCalcDRMatrices(&entity, &report);
-                Matrix3 kernel;
-                std::copy(std::begin(entity.drMatrix), std::end(entity.drMatrix), kernel.begin());
-                expectNearMatrix(rotation, kernel, 1e-6);
-
-                const EulerAngles back = eulerAnglesOf(rotation);
-                expectNearMatrix(rotationOf(back), rotation, 1e-15);
-                if (std::abs(theta) < 1.5)
-                {
-                    expectNear({back.psi, back.theta, back.phi}, {psi, theta, phi}, 1e-14);
-                }
-            }
+            expectNear(Vector3{back.psi, back.theta, back.phi}, Vector3{angles.psi, angles.theta, angles.phi}, 1e-14);
         }
     }
 }
@@ -104,10 +85,11 @@ TEST(EulerAngles, MatchTheKernelAndComeBack)
 TEST(EulerAngles, OfKnownBodies)
 {
     const EulerAngles east = eulerAnglesOf({0, 0, -1, 1, 0, 0, 0, -1, 0});
-    expectNear({east.psi, east.theta, east.phi}, {kQuarter, 0, -kQuarter}, 1e-15);
-    const Matrix3 north = {0, 0, -1, 0, 1, 0, 1, 0, 0}; // nose along the Earth's axis, theta exactly -90 degrees
-    const Matrix3 northBanked = {0, 1, 0, 0, 0, 1, 1, 0, 0};
-    EXPECT_NEAR(eulerAnglesOf(north).theta, -kQuarter, 1e-15);
-    expectNearMatrix(rotationOf(eulerAnglesOf(north)), north, 1e-15);
-    expectNearMatrix(rotationOf(eulerAnglesOf(northBanked)), northBanked, 1e-15);
+    expectNear(Vector3{east.psi, east.theta, east.phi}, Vector3{kQuarter, 0, -kQuarter}, 1e-15);
+    // Noses along the Earth's axis, theta exactly -90 degrees.
+    for (const Matrix3 &north : {Matrix3{0, 0, -1, 0, 1, 0, 1, 0, 0}, Matrix3{0, 1, 0, 0, 0, 1, 1, 0, 0}})
+    {
+        EXPECT_NEAR(eulerAnglesOf(north).theta, -kQuarter, 1e-15);
+        expectNear(rotationOf(eulerAnglesOf(north)), north, 1e-15);
+    }
 }
