@@ -5,7 +5,13 @@ install(TARGETS tolvin pf EXPORT tolvin-targets LIBRARY DESTINATION ${CMAKE_INST
 set_target_properties(tolvin pf PROPERTIES INSTALL_RPATH "$ORIGIN")
 if(TOLVIN_APPS)
   install(TARGETS tolvin_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  set_target_properties(tolvin_command PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  set(command_rpath "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  # 32-bit libraries are where scripts/setup has put them, not where the loader looks.
+  cmake_path(GET TOLVIN_GEOGRAPHICLIB PARENT_PATH library_folder)
+  if(NOT library_folder IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+    list(APPEND command_rpath ${library_folder})
+  endif()
+  set_target_properties(tolvin_command PROPERTIES INSTALL_RPATH "${command_rpath}")
 endif()
 foreach(folder kernel performer)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin

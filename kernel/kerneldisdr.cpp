@@ -18,7 +18,7 @@ constexpr size_t kLine = 64; // bytes of a cache line
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kSecondsPerHour = 3600.0;
 constexpr double kNegligibleOmega = 0.00001; // rad/s
-constexpr double kVerticalCosine = 0.000001; // cosine of the pitch, up to here heading and roll are not told apart
+constexpr double kVerticalCosine = 0.000001; // of the pitch; up to here heading and roll cannot be told apart
 
 vuEntity *entityOf(vunode *node)
 {
@@ -195,7 +195,7 @@ constexpr double kHalfPiLow = 6.077100506506192e-11;
 constexpr double kReducible = 1048576;  // 2^20
 constexpr double kToInteger = 0x1.8p52; // added to a number, leaves its nearest integer in the low bits
 
-// Both of x, which holds floats.
+// Sine and cosine of x, whose lanes hold floats.
 INLINE void sineCosine(Pair x, Pair &sine, Pair &cosine)
 {
     const Pair shifted = x * (2 / kPi) + kToInteger;
@@ -271,8 +271,8 @@ unsigned stepsOf(uint8_t algorithm)
 
 INLINE Pair advance(Pair location, Pair velocity, Pair acceleration, double age, unsigned steps)
 {
-    const auto first = (PairBits)_mm_set1_epi32(steps & kFirstOrder ? -1 : 0);
-    const auto second = (PairBits)_mm_set1_epi32(steps & kSecondOrder ? -1 : 0);
+    const auto first = reinterpret_cast<PairBits>(_mm_set1_epi32(steps & kFirstOrder ? -1 : 0));
+    const auto second = reinterpret_cast<PairBits>(_mm_set1_epi32(steps & kSecondOrder ? -1 : 0));
     const Pair moved = location + velocity * age;
     return choose(second, moved + acceleration * (0.5 * age * age), choose(first, moved, location));
 }
@@ -287,17 +287,21 @@ INLINE Pair third(const float *v)
     return _mm_cvtps_pd(_mm_load_ss(v + 2));
 }
 
-// Position and orientation of the algorithms that do not rotate, without branches on the algorithm, which in a mixed
-// list would not be predicted.
-INLINE void extrapolateStraight(vuEntity *e, const vuEntityState *s, double age, unsigned steps)
+// Without branches on the algorithm, which in a mixed list would not be predicted.
+INLINE void moveStraight(vuEntity *e, const vuEntityState *s, double age, unsigned steps)
 {
     const float *v = s->velocity, *a = s->deadReckoning.linearAcc;
     _mm_storeu_pd(e->position, advance(_mm_loadu_pd(s->location), firstTwo(v), firstTwo(a), age, steps));
     _mm_store_sd(e->position + 2, advance(_mm_load_sd(s->location + 2), third(v), third(a), age, steps));
+}
+
+INLINE void keepAttitude(vuEntity *e, const vuEntityState *s)
+{
     std::memcpy(e->orientation, s->orientation, sizeof e->orientation);
 }
 
-// Rotating entities that take the same steps, waiting for each other.
+// Rotating entities that take the same steps, waiting for each other. Their results are written once, as others may
+// read them at any time.
 constexpr int kBatch = 32;
 constexpr int kBatchPairs = kBatch / 2;
 
@@ -420,12 +424,16 @@ void turnAttitudes(const Batch &batch, int pairs, const Spin *spins)
         const Pair phi = negateWhere(n.n7 < 0.0, arcCosine(n.n8 / level[p]));
         for (int i = 0; i < 2; ++i)
         {
-            if (level[p][i] > kVerticalCosine) // else the reported angles stay; also when it is not a number
+            vuEntity *e = batch.entity[2 * p + i];
+            if (level[p][i] > kVerticalCosine)
             {
-                float *orientation = batch.entity[2 * p + i]->orientation;
-                orientation[0] = static_cast<float>(psi[i]);
-                orientation[1] = static_cast<float>(theta[p][i]);
-                orientation[2] = static_cast<float>(phi[i]);
+                e->orientation[0] = static_cast<float>(psi[i]);
+                e->orientation[1] = static_cast<float>(theta[p][i]);
+                e->orientation[2] = static_cast<float>(phi[i]);
+            }
+            else // or it is not a number
+            {
+                keepAttitude(e, batch.state[2 * p + i]);
             }
         }
     }
@@ -446,7 +454,8 @@ INLINE void dropNegligible(Batch &batch)
         else
         {
             s->deadReckoning.algorithm = VU_DR_FPW;
-            extrapolateStraight(e, s, batch.age[i], kFirstOrder);
+            moveStraight(e, s, batch.age[i], kFirstOrder);
+            keepAttitude(e, s);
         }
     }
     batch.count = kept;
@@ -455,6 +464,19 @@ INLINE void dropNegligible(Batch &batch)
 void finish(Batch &batch, unsigned steps)
 {
     dropNegligible(batch);
+    for (int i = 0; i < batch.count; ++i)
+    {
+        vuEntity *e = batch.entity[i];
+        const vuEntityState *s = batch.state[i];
+        if (!(steps & kBody))
+        {
+            moveStraight(e, s, batch.age[i], stepsOf(s->deadReckoning.algorithm));
+        }
+        if (!(steps & kAttitude))
+        {
+            keepAttitude(e, s);
+        }
+    }
     const int pairs = (batch.count + 1) / 2;
     if (batch.count % 2 != 0)
     {
@@ -492,8 +514,12 @@ INLINE void extrapolate(vuEntity *e, vuEntityState *s, double now, Batches &batc
 {
     const double age = now - e->recvTime - e->timeOffset;
     const unsigned steps = stepsOf(s->deadReckoning.algorithm);
-    extrapolateStraight(e, s, age, steps);
-    if (steps & kRotating)
+    if (!(steps & kRotating))
+    {
+        moveStraight(e, s, age, steps);
+        keepAttitude(e, s);
+    }
+    else
     {
         fetchLine(e->drMatrix, 0);
         fetchLine(e->drMatrix, kLine);
@@ -511,7 +537,7 @@ INLINE void extrapolate(vuEntity *e, vuEntityState *s, double now, Batches &batc
 
 void finishAll(Batches &batches)
 {
-    for (const unsigned steps : {+kBody, +kAttitude, kRotating})
+    for (unsigned steps = kBody; steps <= kRotating; steps += kBody)
     {
         finish(batches.batch[steps / kBody], steps);
     }
@@ -560,21 +586,21 @@ struct Place
 
 struct IdentityTable
 {
-    Place *places;
-    unsigned bits; // log2 of the number of places
-    uint64_t factor[2];
+    Place *places = nullptr;
+    unsigned bits = 0;                                               // log2 of the number of places
+    uint64_t factor[2] = {0x9E3779B97F4A7C15u, 0xD6E8FEB86659FD93u}; // odd
 };
 
-// Identities come from the network. Whoever chooses them to collide would have to know these numbers, which the system
-// draws for every process.
+// Identities come from the network. Whoever chooses them to collide in a big table has to know these numbers, which the
+// system draws for every process.
 void drawFactors(IdentityTable &table)
 {
-    if (const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)))
+    if (const auto *drawn = reinterpret_cast<const void *>(getauxval(AT_RANDOM)))
     {
-        std::memcpy(table.factor, random, sizeof table.factor);
+        std::memcpy(table.factor, drawn, sizeof table.factor);
+        table.factor[0] |= 1;
+        table.factor[1] |= 1;
     }
-    table.factor[0] |= 1;
-    table.factor[1] |= 1;
 }
 
 INLINE Place *homeOf(const IdentityTable &table, uint64_t key)
@@ -688,7 +714,7 @@ void disUpdateEntities(vuRootNode *root, const vuEntityState *states, size_t cou
     constexpr size_t kFew = 64;
     Place few[kFew];
     std::unique_ptr<Place, decltype(&std::free)> many(nullptr, &std::free);
-    IdentityTable table = {};
+    IdentityTable table;
 
     if (count > 1 && count < SIZE_MAX / 4)
     {
@@ -703,6 +729,7 @@ void disUpdateEntities(vuRootNode *root, const vuEntityState *states, size_t cou
         {
             many.reset(static_cast<Place *>(std::calloc(size, sizeof(Place))));
             table.places = many.get();
+            drawFactors(table);
         }
     }
     if (table.places == nullptr)
@@ -713,7 +740,6 @@ void disUpdateEntities(vuRootNode *root, const vuEntityState *states, size_t cou
         }
         return;
     }
-    drawFactors(table);
     findEntities(root, table, enterIdentities(table, states, count));
     takeOverAll(table, states, count, arrivalOf(root));
 }

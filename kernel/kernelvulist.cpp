@@ -253,16 +253,14 @@ int vuListOptimize(vuList *list)
         return list->optimized;
     }
     // The mark tells that the heap had room for all entries in one block; entries stay linked, so the block goes back.
-    void *block = reallocarray(nullptr, list->size, sizeof(vuListEntry));
+    const auto entries = static_cast<size_t>(list->size);
+    void *block = entries <= SIZE_MAX / sizeof(vuListEntry) ? malloc(entries * sizeof(vuListEntry)) : nullptr;
     if (block == nullptr)
     {
         return list->optimized;
     }
     free(block);
-    vuListGetFirst(list);
-    while (vuListGetNext(list) != nullptr)
-    {
-    }
+    vuListGetLast(list);
     list->optimized = 1;
     return 1;
 }

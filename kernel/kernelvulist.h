@@ -37,7 +37,7 @@ typedef struct vuList
     int32_t size;       /* number of entries */
     int32_t posi;       /* position of the cursor, -1 when empty */
     int16_t optimized;  /* 1 after vuListOptimize, 0 after any change */
-    int16_t reserved;
+    int16_t reserved;   /* never written */
 } vuList;
 
 VU_LAYOUT(vuList, first, 0, 4);
@@ -79,8 +79,8 @@ TOLVIN_API int vuListGetPosi(const vuList *list);
 
 /*
  * Add data before the cursor (Insert), after the cursor (Append) or at the tail (Add). The cursor stays on its entry;
- * in an empty list the new entry becomes the cursor. Returns the new size; 0 and no change for a null list, null data
- * or when the process heap is exhausted.
+ * in an empty list the new entry becomes the cursor. Returns the new size; 0 and no change for a null list or null data;
+ * 0 and no change but optimized 0 when the process heap is exhausted.
  */
 TOLVIN_API int vuListInsert(vuList *list, void *data);
 TOLVIN_API int vuListAppend(vuList *list, void *data);
@@ -109,7 +109,7 @@ TOLVIN_API void *vuListGetNext(vuList *list);
 TOLVIN_API void *vuListGetAt(vuList *list, int position);
 
 /*
- * Walk the list once, leaving the cursor on the last entry, and mark it optimized. Returns the value of optimized
+ * Leave the cursor on the last entry and mark the list optimized. Returns the value of optimized
  * afterwards: 1, also at once when it was 1 already; the unchanged value for an empty list or when the process heap
  * cannot hold a copy of the entries; 0 for a null list.
  */

@@ -10,8 +10,9 @@ namespace
 {
 constexpr char kModule[] = "kernelvunode";
 
-// Repair of a list whose ends were found wrong. The walks follow only links that agree in both directions: those visit
-// no node twice before they come back to the start, so they end whatever state the list is in. A ring is opened there.
+// Repair of a list whose ends were found wrong, from the end that is right. The walks follow only links that agree in both
+// directions: those stay among the nodes of the list even if one of them was appended to another list meanwhile, and they
+// visit no node twice before they come back to the start. A ring is opened there.
 vunode *makeHead(vunode *start)
 {
     vunode *head = start;
@@ -99,13 +100,14 @@ void vunodeRemove(vulist *list, vunode *node)
     }
     const bool isFirst = list->first == node;
     const bool isLast = list->last == node;
-    if (isFirst && node->prev != nullptr)
+    // A head without a predecessor is taken off as the head, whatever its other end is like.
+    const bool soundHead = isFirst && node->prev == nullptr;
+    const bool soundTail = isLast && node->next == nullptr;
+    if (isFirst && !soundHead)
     {
         vuMessage(nullptr, kModule, 284, "Mismatch Head Node");
     }
-    // A head without a predecessor is taken off as the head, whatever its other end is like.
-    const bool soundHead = isFirst && node->prev == nullptr;
-    if (isLast && node->next != nullptr && !soundHead)
+    if (isLast && !soundTail && !soundHead)
     {
         vuMessage(nullptr, kModule, 299, "Mismatch Tail Node");
     }
@@ -123,13 +125,22 @@ void vunodeRemove(vulist *list, vunode *node)
     {
         next->prev = prev;
     }
+
     if (isFirst)
     {
-        list->first = prev != nullptr ? makeHead(prev) : next;
+        list->first = soundHead ? next : nullptr;
     }
     if (isLast)
     {
-        list->last = next != nullptr ? makeTail(next) : prev;
+        list->last = soundTail ? prev : nullptr;
+    }
+    if (isFirst && !soundHead && list->last != nullptr)
+    {
+        list->first = makeHead(list->last);
+    }
+    if (isLast && !soundTail && list->first != nullptr)
+    {
+        list->last = makeTail(list->first);
     }
     if (isFirst && list->first == nullptr)
     {

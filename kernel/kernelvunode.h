@@ -81,9 +81,10 @@ TOLVIN_API void vunodeAppend(vulist *list, vunode *node);
 /*
  * Unlink node from list and clear its links; neither the node nor its name is released. Does not search the list: a
  * node in no list only has its links cleared. A null list or node is reported ("List NULL", "Node NULL") and nothing
- * changes. A first node that has a predecessor or a last node that has a successor is reported ("Mismatch Head Node",
- * "Mismatch Tail Node") and still unlinked from its neighbours, and the list's ends are then moved to those neighbours,
- * or to the ends of the chains they belong to; a ring is opened.
+ * changes. A first node that has a predecessor, or a last node that has a successor and is not the sound head, is
+ * reported ("Mismatch Head Node", "Mismatch Tail Node") and still unlinked from its neighbours; the wrong end of the list
+ * is then found again by walking from the other end. When both are wrong the list is left empty. Such lists come from
+ * appending a node to a second list: that list still has to be told to remove it.
  */
 TOLVIN_API void vunodeRemove(vulist *list, vunode *node);
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <climits>
 #include <cmath>
+#include <optional>
 #include <tuple>
 
 namespace
@@ -74,6 +75,49 @@ void setUTC(vutimeTM &tm, time_t seconds)
     const int64_t century = utc.tm_year > 69 ? 1900 : 2000;
     setDateAndTime(tm, saturate(century + utc.tm_year), utc);
     tm.usec = 0;
+}
+
+// Seconds since 1970 of a date and time with that daylight-saving flag (-1: let the C library choose), into which mktime
+// also turns the flag that holds then. None when there is no such time.
+std::optional<int64_t> secondsWithFlag(const vutimeTM &tm, int &daylightSaving)
+{
+    const int64_t sinceYear1900 = int64_t{tm.year} - 1900;
+    if (sinceYear1900 < INT_MIN)
+    {
+        return std::nullopt;
+    }
+    struct tm local = {};
+    local.tm_year = static_cast<int>(sinceYear1900);
+    local.tm_mon = tm.month - 1;
+    local.tm_mday = tm.day;
+    local.tm_hour = tm.hour;
+    local.tm_min = tm.min;
+    local.tm_sec = tm.sec;
+    local.tm_isdst = daylightSaving;
+    // mktime's failure, -1, is also the second before 1970; only success sets the day of the week.
+    local.tm_wday = -1;
+    const int64_t seconds = mktime(&local);
+    daylightSaving = local.tm_isdst;
+    return local.tm_wday < 0 ? std::nullopt : std::optional(seconds);
+}
+
+// Seconds since 1970 of a local date and time; where both flags are possible, with the preferred one.
+std::optional<int64_t> localSeconds(const vutimeTM &tm, int preferred)
+{
+    int daylightSaving = preferred;
+    const std::optional<int64_t> seconds = secondsWithFlag(tm, daylightSaving);
+    if (daylightSaving == preferred)
+    {
+        return seconds;
+    }
+    int any = -1;
+    return secondsWithFlag(tm, any);
+}
+
+bool toLocal(int64_t seconds, struct tm &local)
+{
+    const auto time = static_cast<time_t>(seconds);
+    return time == seconds && localtime_r(&time, &local) && local.tm_year <= INT_MAX - 1900;
 }
 
 bool isGregorian(double day, uint16_t month, int32_t year)
@@ -143,24 +187,12 @@ void vutimeTMCopy(vutimeTM *dst, const vutimeTM *src)
 void vutimeTMAdd(vutimeTM *tm, int32_t seconds, int32_t microseconds)
 {
     const int32_t carried = std::max(microseconds, 0) / kMicroseconds;
-    const int64_t sinceYear1900 = int64_t{tm->year} - 1900;
-    if (sinceYear1900 < INT_MIN)
-    {
-        return;
-    }
-    struct tm local = {};
-    local.tm_year = static_cast<int>(sinceYear1900);
-    local.tm_mon = tm->month - 1;
-    local.tm_mday = tm->day;
-    local.tm_hour = tm->hour;
-    local.tm_min = tm->min;
-    local.tm_sec = tm->sec;
-    local.tm_isdst = -1;
-    // mktime's failure, -1, is also the second before 1970; only success sets the day of the week.
-    local.tm_wday = -1;
-    const int64_t sum = int64_t{mktime(&local)} + seconds + carried;
-    const auto result = static_cast<time_t>(sum);
-    if (local.tm_wday < 0 || result != sum || !localtime_r(&result, &local) || local.tm_year > INT_MAX - 1900)
+    const int64_t step = int64_t{seconds} + carried;
+    // The hour that the end of daylight saving repeats is taken for the one that lies in the direction of the step, so
+    // that a clock which is moved in small steps gets past it.
+    const std::optional<int64_t> start = localSeconds(*tm, step < 0 ? 1 : 0);
+    struct tm local;
+    if (!start || !toLocal(*start + step, local))
     {
         return;
     }

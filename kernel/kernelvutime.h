@@ -93,10 +93,14 @@ TOLVIN_API void vutimeTMCopy(vutimeTM *dst, const vutimeTM *src);
 
 /*
  * Add seconds and microseconds (each may be negative) to tm, taken as local time: a step across a change of daylight
- * saving counts real seconds, and the C library decides which side of the change tm lies on. Whole seconds in a
- * positive number of microseconds are carried into the seconds; tm->usec plus the rest is not carried further and
- * saturates at 32 bits. tm is left unchanged when it or the result has no calendar form: the year leaves 32 bits or the
- * seconds since 1970 leave time_t, which on a target with a 32-bit time_t ends in 2038.
+ * saving counts real seconds. The record does not tell on which side of the end of daylight saving it lies, so the hour
+ * that is repeated then counts as standard time for a step forward and as daylight saving for a step back: repeated small
+ * steps get past it and leave out one of the two. Whole seconds in a positive number of microseconds are carried into the
+ * seconds; tm->usec plus the rest is not carried further and saturates at 32 bits.
+ *
+ * tm is left unchanged when it or the result has no calendar form: the year leaves 32 bits or the seconds since 1970
+ * leave time_t. A 32-bit time_t reaches from December 1901 to January 2038, so that nothing can be added there to a
+ * record fresh from vutimeTMInit, which lies in year 0.
  */
 TOLVIN_API void vutimeTMAdd(vutimeTM *tm, int32_t seconds, int32_t microseconds);
 
@@ -133,8 +137,8 @@ TOLVIN_API double vutimeGetMJD(double day, uint16_t month, int32_t year);
 
 /*
  * Calendar date of an MJD: day of month with fraction, month 1 to 12, year (never 0). Any input is accepted: an MJD
- * whose year does not fit 32 bits gives the first or last date whose year does; an infinite one gives the same month and
- * year, and NaN those of the first date, with NaN as the day.
+ * whose year does not fit 32 bits gives the first or last date whose year does. Infinities give that month and year and
+ * NaN as the day; NaN counts as minus infinity.
  */
 TOLVIN_API void vutimeReverseMJD(double mjd, double *day, uint16_t *month, int32_t *year);
 
@@ -143,8 +147,10 @@ TOLVIN_API int isvalidDayOfMonth(uint16_t month, uint16_t day, int32_t year);
 
 /*
  * Set the seconds of `sim` from simTM. The count is j2000 plus the seconds from 2000-01-01 12:00:00 to simTM in the
- * Gregorian calendar, so that `sim` minus j2000 is the time since J2000 whatever the process's time zone. Microseconds
- * are not touched. Months outside 1 to 12 count as the nearest valid one, days, hours, minutes and seconds beyond their
+ * Gregorian calendar, so that `sim` minus j2000 is the time since J2000 whatever the process's time zone. As j2000 is
+ * noon of the local standard time, `sim` lies off UTC by the zone's offset afterwards: even for an unchanged simTM it
+ * differs by that much from what vutimeInit has set, and so does the time past the hour in zones of half an hour.
+ * Microseconds are not touched. Months outside 1 to 12 count as the nearest valid one, days, hours, minutes and seconds beyond their
  * range are counted on; a result beyond 32 bits is clamped. Returns 1.
  */
 TOLVIN_API int updateSimtime(vutime *time);

@@ -42,8 +42,22 @@ TEST(Nodes, RemoveKeepsOrderAndRepairsEnds)
     EXPECT_EQ(remove("ABC", "CA", 'A'), head + "BC");
     EXPECT_EQ(remove("ABC", "CA", 'C'), tail + "AB");
     EXPECT_EQ(remove("AB", "BCCD", 'B'), tail + "ACD");
-    EXPECT_EQ(remove("A", "AB", 'A'), tail + "B");
-    EXPECT_EQ(remove("B", "ABBC", 'B'), head + tail + "AC");
+    EXPECT_EQ(remove("A", "AB", 'A'), "B");
+    EXPECT_EQ(remove("B", "ABBC", 'B'), head + tail);
+}
+
+TEST(Nodes, RemoveOfANodeThatWentToASecondListSavesTheFirst)
+{
+    vunode node[4] = {};
+    vulist list = {}, second = {};
+    for (vunode &each : node)
+    {
+        vunodeAppend(&each < node + 2 ? &list : &second, &each);
+    }
+    vunodeAppend(&second, &node[0]);
+    EXPECT_EQ(capturedStderr([&] { vunodeRemove(&list, &node[0]); }), "Mismatch Head Node\n");
+    EXPECT_TRUE(list.first == &node[1] && list.last == &node[1] && node[1].prev == nullptr && node[1].next == nullptr);
+    EXPECT_TRUE(second.first == &node[2] && node[2].next == &node[3] && node[3].next == nullptr);
 }
 
 TEST(Nodes, NamesNullsAndCount)
