@@ -244,13 +244,10 @@ INLINE Pair arcCosine(Pair x)
 }
 
 // What an algorithm computes.
-enum Step : unsigned
-{
-    kFirstOrder = 1,  // position with the velocity
-    kSecondOrder = 2, // and with the acceleration
-    kBody = 4,        // position by the integrated rotation
-    kAttitude = 8     // orientation
-};
+constexpr unsigned kFirstOrder = 1;  // position with the velocity
+constexpr unsigned kSecondOrder = 2; // and with the acceleration
+constexpr unsigned kBody = 4;        // position by the integrated rotation
+constexpr unsigned kAttitude = 8;    // orientation
 constexpr unsigned kRotating = kBody | kAttitude;
 
 constexpr uint8_t kSteps[] = {0,
@@ -300,9 +297,9 @@ INLINE void keepAttitude(vuEntity *e, const vuEntityState *s)
     std::memcpy(e->orientation, s->orientation, sizeof e->orientation);
 }
 
-// Rotating entities that take the same steps, waiting for each other. Their results are written once, as others may
-// read them at any time.
-constexpr int kBatch = 32;
+// Rotating entities that take the same steps, waiting for each other: few enough to stay in the cache meanwhile. Every
+// result is written once, with its final value, because other processes read them at any time.
+constexpr int kBatch = 16;
 constexpr int kBatchPairs = kBatch / 2;
 
 struct Batch
@@ -504,7 +501,7 @@ void finish(Batch &batch, unsigned steps)
     }
 }
 
-// The batches of the three combinations of kBody and kAttitude, by their bits; the first is not used.
+// A batch for each combination of kBody and kAttitude, at steps / kBody; the first is not used.
 struct Batches
 {
     Batch batch[kRotating / kBody + 1];
@@ -537,7 +534,7 @@ INLINE void extrapolate(vuEntity *e, vuEntityState *s, double now, Batches &batc
 
 void finishAll(Batches &batches)
 {
-    for (unsigned steps = kBody; steps <= kRotating; steps += kBody)
+    for (const unsigned steps : {kBody, kAttitude, kRotating})
     {
         finish(batches.batch[steps / kBody], steps);
     }

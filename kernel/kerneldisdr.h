@@ -34,7 +34,7 @@ extern "C" {
 /*
  * Take over a report: find the first entity of the root node's scenes that receives DIS and whose disId equals
  * state->entityId, note its times of report and reception, copy the report into its drState, and prepare the matrices
- * when the algorithm rotates. The caller's record is not changed. Without such an entity nothing happens; a matching
+ * when the algorithm rotates. The caller's record is not changed; it may be that drState itself. Without such an entity nothing happens; a matching
  * entity without drState is left unchanged. One walk over all entities per call: for many reports a frame use
  * disUpdateEntities. Neither argument may be null.
  */
@@ -42,21 +42,23 @@ TOLVIN_API void disUpdateEntity(vuRootNode *root, const vuEntityState *state);
 
 /*
  * Addition: take over count reports, with exactly the results of disUpdateEntity for each of them in order, in one walk
- * over the lists plus constant work per report. states may be null when count is 0. Falls back to the plain loop when
- * the process heap has no room for its look-up table, so the results are the same.
+ * over the lists plus constant work per report. states may be null when count is 0, and holds no record that a drState
+ * points to. Falls back to the plain loop when the process heap has no room for its look-up table, so the results are
+ * the same.
  */
 TOLVIN_API void disUpdateEntities(vuRootNode *root, const vuEntityState *states, size_t count);
 
 /*
  * Dead-reckon every entity in status VU_STATUS_MOVING that has a drState and either receives DIS or is the root node's
- * ownEntity, in list order. Results go to position and orientation of the entity. Entities must have distinct drState
- * records.
+ * ownEntity. Results go to position and orientation of the entity, each written once, in no fixed order. They are
+ * those of disDeadRecon to the last bit. Entities must have distinct drState records.
  */
 TOLVIN_API void updateEntityPositions(vuRootNode *root);
 
 /*
  * Extrapolate one entity from state to the current time, whatever its status. Reads the entity's times and matrices,
- * writes position, orientation and drR1, and may change state's algorithm to 2 (see above). No argument may be null.
+ * writes position, orientation and drR1, and may change state's algorithm to 2 (see above). The reported orientation
+ * stays where the pitch is vertical (its cosine at most 0.000001) or the matrices give none. No argument may be null.
  */
 TOLVIN_API void disDeadRecon(vuRootNode *root, vuEntity *entity, vuEntityState *state);
 

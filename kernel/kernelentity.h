@@ -272,7 +272,8 @@ TOLVIN_API void entityAllocVars(struct vuRootNode *root, vuEntity *entity);
  * Find or create (mode 0666) the System V segment of the entity's key and attach it to vars. shmCreated tells whether
  * this process created it: that process removes it. Two programs that look for the segment in the same instant can both
  * count as its creator; each then removes it, and who is attached keeps it until the detach. A private key (0,
- * IPC_PRIVATE) always creates a segment.
+ * IPC_PRIVATE) always creates a segment. A former record from the arena is not released: call entityReleaseSharedMem
+ * before.
  *
  * Returns 1 on success and when the entity has no variables. Returns 0 when shmId names a segment already (nothing
  * changes); with an "Error" when the segment can be neither found nor created, for example because an existing one is

@@ -150,8 +150,9 @@ TOLVIN_API int isvalidDayOfMonth(uint16_t month, uint16_t day, int32_t year);
  * Gregorian calendar, so that `sim` minus j2000 is the time since J2000 whatever the process's time zone. As j2000 is
  * noon of the local standard time, `sim` lies off UTC by the zone's offset afterwards: even for an unchanged simTM it
  * differs by that much from what vutimeInit has set, and so does the time past the hour in zones of half an hour.
- * Microseconds are not touched. Months outside 1 to 12 count as the nearest valid one, days, hours, minutes and seconds beyond their
- * range are counted on; a result beyond 32 bits is clamped. Returns 1.
+ *
+ * Microseconds are not touched. Months outside 1 to 12 count as the nearest valid one; days, hours, minutes and seconds
+ * beyond their range are counted on; a result beyond 32 bits is clamped. Returns 1.
  */
 TOLVIN_API int updateSimtime(vutime *time);
 

@@ -21,7 +21,7 @@ enum
 
 typedef struct xform
 {
-    int32_t kind;        /* model in force: 0 none, 2 drive, 3 fly; for the application */
+    int32_t kind;        /* model in force: 0 none, 2 drive, 3 fly (not VU_MOTION_*); for the application */
     float speed;         /* along the heading, world units per second; negative is reverse */
     float accel;         /* speed change per second while a button is held, default 20000 / 3 */
     float topSpeed;      /* limit of the speed in both directions, default 100 / 3.6 */
@@ -49,7 +49,7 @@ TOLVIN_API void setupDR(vuDeadReckoning *dr);
  */
 TOLVIN_API void setupES(vuEntityState *es);
 
-/* Motion model at rest with the DRIVE acceleration and top speed, no model in force, es by setupES. Not null. */
+/* Motion model at rest with the DRIVE acceleration and top speed, no model in force, es by setupES. model must not be null. */
 TOLVIN_API void initXForm(xform *model);
 
 #ifdef __cplusplus

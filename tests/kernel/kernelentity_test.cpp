@@ -164,9 +164,14 @@ TEST(EntityDeathTest, CountsFromZeroUntilTheArenaIsFull)
         pfSharedArenaSize(64 << 10);
         vuScene scene = {};
         uint32_t count = 0;
+        size_t bytes = 0;
         while (const vuEntity *entity = entityCreate(&scene))
         {
-            EXPECT_EQ(entity->id, count++);
+            EXPECT_TRUE(entity->id == count++ && entity->node.name == nullptr);
+            pfArenaInfo info;
+            pfGetArenaInfo(&info);
+            bytes += sizeof(vuEntity) + (entity->smooth != nullptr ? sizeof(vuSmooth) : 0);
+            EXPECT_EQ(info.bytesInUse, bytes);
         }
         EXPECT_GT(count, 10U);
         while (pfMalloc(1, pfGetSharedArena()) != nullptr)
