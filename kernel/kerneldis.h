@@ -3,7 +3,8 @@
  *
  * A DIS time stamp (IEEE 1278.1) is an unsigned 32-bit word: bits 31 to 1 hold the time past the current hour in units
  * of one hour divided by 2^31, bit 0 is 1 for an absolute stamp (the sender's clock is synchronised) and 0 for a
- * relative one. A DIS matrix is nine floats in row-major order: element i is row i / 3, column i mod 3.
+ * relative one. A DIS matrix is nine floats in row-major order: element i is row i / 3, column i mod 3. No argument may be
+ * null.
  */
 #ifndef TOLVIN_KERNEL_KERNELDIS_H
 #define TOLVIN_KERNEL_KERNELDIS_H
@@ -23,7 +24,8 @@ TOLVIN_API double disTimeSeconds(uint32_t timestamp);
 
 /*
  * Stamp for the wall clock's current time, relative (bit 0 clear) or absolute (bit 0 set). The time past the hour is
- * scaled by 596523, so that a stamp reads back about 0.4 millionths short.
+ * scaled by 596523, so that a stamp reads back about 0.4 millionths short. A clock that cannot be read, as past January
+ * 2038 with a 32-bit time_t, gives time 0, without a message.
  */
 TOLVIN_API uint32_t disMakeRelTime(void);
 TOLVIN_API uint32_t disMakeAbsTime(void);

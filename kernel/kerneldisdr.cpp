@@ -40,10 +40,9 @@ double clockOf(const vuRootNode *root)
     return root->time.sim.sec + root->time.sim.usec / 1000000.0;
 }
 
-// Requests the cache line at that place, wherever it is: the base may be null.
-INLINE void fetchLine(const void *base, size_t offset)
+INLINE void fetchLine(const void *record, size_t offset = 0)
 {
-    __builtin_prefetch(reinterpret_cast<const void *>(reinterpret_cast<uintptr_t>(base) + offset));
+    __builtin_prefetch(static_cast<const char *>(record) + offset);
 }
 
 // Walking the lists. Entities go through three blocks: into the first as the list is followed, when fetch requests the
@@ -299,18 +298,18 @@ INLINE void keepAttitude(vuEntity *e, const vuEntityState *s)
 
 // Rotating entities that take the same steps, waiting for each other: few enough to stay in the cache meanwhile. Every
 // result is written once, with its final value, because other processes read them at any time.
-constexpr int kBatch = 16;
-constexpr int kBatchPairs = kBatch / 2;
+constexpr size_t kBatch = 16;
+constexpr size_t kBatchPairs = kBatch / 2;
 
 struct Batch
 {
-    int count = 0;
+    size_t count = 0;
     vuEntity *entity[kBatch];
     vuEntityState *state[kBatch];
     double age[kBatch];
 };
 
-INLINE void put(Batch &batch, int at, vuEntity *e, vuEntityState *s, double age)
+INLINE void put(Batch &batch, size_t at, vuEntity *e, vuEntityState *s, double age)
 {
     batch.entity[at] = e;
     batch.state[at] = s;
@@ -334,12 +333,12 @@ INLINE Pair both(Record *const *records, Field field, int i)
     return _mm_cvtps_pd(_mm_unpacklo_ps(a, b));
 }
 
-void placeInBody(const Batch &batch, int pairs, const Spin *spins)
+void placeInBody(const Batch &batch, size_t pairs, const Spin *spins)
 {
-    for (int p = 0; p < pairs; ++p)
+    for (size_t p = 0; p < pairs; ++p)
     {
-        vuEntity *const *e = batch.entity + 2 * p;
-        vuEntityState *const *s = batch.state + 2 * p;
+        vuEntity *const *e = &batch.entity[2 * p];
+        vuEntityState *const *s = &batch.state[2 * p];
         const Spin &spin = spins[p];
         const Pair perOmega2 = spin.perOmega * spin.perOmega;
         const Pair s2 = roundToFloat(spin.sine * spin.perOmega);
@@ -394,16 +393,16 @@ INLINE Turned turnMatrices(vuEntity *const *e, const Spin &spin)
 
 // In three passes: one pair's chain of roots, quotients and polynomials is too long for the processor to begin the next
 // pair's before its end, that of one pass is not.
-void turnAttitudes(const Batch &batch, int pairs, const Spin *spins)
+void turnAttitudes(const Batch &batch, size_t pairs, const Spin *spins)
 {
     Turned turned[kBatchPairs];
-    for (int p = 0; p < pairs; ++p)
+    for (size_t p = 0; p < pairs; ++p)
     {
-        turned[p] = turnMatrices(batch.entity + 2 * p, spins[p]);
+        turned[p] = turnMatrices(&batch.entity[2 * p], spins[p]);
     }
 
     Pair theta[kBatchPairs], level[kBatchPairs];
-    for (int p = 0; p < pairs; ++p)
+    for (size_t p = 0; p < pairs; ++p)
     {
         // level is the cosine of the stored angle, which differs from the angle by the rounding to float: d.
         const Pair n6 = turned[p].n6;
@@ -414,12 +413,12 @@ void turnAttitudes(const Batch &batch, int pairs, const Spin *spins)
         level[p] = c * (1.0 - 0.5 * d * d) + n6 * d;
     }
 
-    for (int p = 0; p < pairs; ++p)
+    for (size_t p = 0; p < pairs; ++p)
     {
         const Turned &n = turned[p];
         const Pair psi = negateWhere(n.n3 < 0.0, arcCosine(n.n0 / level[p]));
         const Pair phi = negateWhere(n.n7 < 0.0, arcCosine(n.n8 / level[p]));
-        for (int i = 0; i < 2; ++i)
+        for (size_t i = 0; i < 2; ++i)
         {
             vuEntity *e = batch.entity[2 * p + i];
             if (level[p][i] > kVerticalCosine)
@@ -439,8 +438,8 @@ void turnAttitudes(const Batch &batch, int pairs, const Spin *spins)
 // Entities that turn too slowly go on straight, for good, and leave the batch.
 INLINE void dropNegligible(Batch &batch)
 {
-    int kept = 0;
-    for (int i = 0; i < batch.count; ++i)
+    size_t kept = 0;
+    for (size_t i = 0; i < batch.count; ++i)
     {
         vuEntity *e = batch.entity[i];
         vuEntityState *s = batch.state[i];
@@ -461,7 +460,7 @@ INLINE void dropNegligible(Batch &batch)
 void finish(Batch &batch, unsigned steps)
 {
     dropNegligible(batch);
-    for (int i = 0; i < batch.count; ++i)
+    for (size_t i = 0; i < batch.count; ++i)
     {
         vuEntity *e = batch.entity[i];
         const vuEntityState *s = batch.state[i];
@@ -474,16 +473,16 @@ void finish(Batch &batch, unsigned steps)
             keepAttitude(e, s);
         }
     }
-    const int pairs = (batch.count + 1) / 2;
+    const size_t pairs = (batch.count + 1) / 2;
     if (batch.count % 2 != 0)
     {
-        const int last = batch.count - 1; // is its own neighbour
+        const size_t last = batch.count - 1; // is its own neighbour
         put(batch, batch.count, batch.entity[last], batch.state[last], batch.age[last]);
     }
     batch.count = 0;
 
     Spin spins[kBatchPairs];
-    for (int p = 0; p < pairs; ++p)
+    for (size_t p = 0; p < pairs; ++p)
     {
         const Pair omega = {batch.entity[2 * p]->omega, batch.entity[2 * p + 1]->omega};
         Spin &spin = spins[p];
@@ -518,11 +517,11 @@ INLINE void extrapolate(vuEntity *e, vuEntityState *s, double now, Batches &batc
     }
     else
     {
-        fetchLine(e->drMatrix, 0);
+        fetchLine(e->drMatrix);
         fetchLine(e->drMatrix, kLine);
         fetchLine(e->drMatrix, 2 * kLine);
-        fetchLine(&e->drR1[8], 0);
-        fetchLine(&e->omega, 0);
+        fetchLine(&e->drR1[8]);
+        fetchLine(&e->omega);
         Batch &batch = batches.batch[steps / kBody];
         put(batch, batch.count++, e, s, age);
         if (batch.count == kBatch)
@@ -638,10 +637,10 @@ void findEntities(vuRootNode *root, IdentityTable &table, size_t missing)
         root,
         [](vuEntity *e)
         {
-            fetchLine(&e->receive, 0);
-            fetchLine(&e->disId, 0);
+            fetchLine(&e->receive);
+            fetchLine(&e->disId);
         },
-        [&](vuEntity *e) { fetchLine(homeOf(table, keyOf(e->disId)), 0); },
+        [&](vuEntity *e) { fetchLine(homeOf(table, keyOf(e->disId))); },
         [&](vuEntity *e)
         {
             if (receivesDis(e))
@@ -672,15 +671,15 @@ void takeOverAll(const IdentityTable &table, const vuEntityState *states, size_t
         e = i < count ? placeOf(table, keyOf(states[i].entityId))->entity : nullptr;
         if (e != nullptr)
         {
-            fetchLine(&e->drState, 0);
-            fetchLine(&e->timeOffset, 0);
+            fetchLine(&e->drState);
+            fetchLine(&e->timeOffset);
             fetchLine(e->drMatrix, kLine);
             fetchLine(e->drMatrix, 2 * kLine);
-            fetchLine(&e->omega, 0);
+            fetchLine(&e->omega);
         }
-        if (const vuEntity *next = ahead[(i + kAhead / 2) % kAhead]; next != nullptr)
+        if (const vuEntity *next = ahead[(i + kAhead / 2) % kAhead]; next != nullptr && next->drState != nullptr)
         {
-            fetchLine(next->drState, 0);
+            fetchLine(next->drState);
             fetchLine(next->drState, kLine);
             fetchLine(next->drState, sizeof(vuEntityState) - 1);
         }
@@ -749,17 +748,19 @@ void updateEntityPositions(vuRootNode *root)
         root,
         [](vuEntity *e)
         {
-            fetchLine(&e->position[2], 0);
-            fetchLine(&e->receive, 0);
-            fetchLine(&e->drState, 0);
-            fetchLine(&e->timeOffset, 0);
+            fetchLine(&e->position[2]);
+            fetchLine(&e->receive);
+            fetchLine(&e->drState);
+            fetchLine(&e->timeOffset);
         },
         [](vuEntity *e)
         {
-            // From velocity to the last of linearAcc, two or three lines.
-            fetchLine(e->drState, offsetof(vuEntityState, velocity));
-            fetchLine(e->drState, offsetof(vuEntityState, velocity) + kLine);
-            fetchLine(e->drState, offsetof(vuEntityState, deadReckoning.angularVel) - 1);
+            if (const vuEntityState *s = e->drState; s != nullptr)
+            {
+                fetchLine(s->velocity); // from there to the last of linearAcc are two or three lines
+                fetchLine(s->velocity, kLine);
+                fetchLine(&s->deadReckoning.linearAcc[2]);
+            }
         },
         [&](vuEntity *e)
         {

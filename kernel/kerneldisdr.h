@@ -34,9 +34,9 @@ extern "C" {
 /*
  * Take over a report: find the first entity of the root node's scenes that receives DIS and whose disId equals
  * state->entityId, note its times of report and reception, copy the report into its drState, and prepare the matrices
- * when the algorithm rotates. The caller's record is not changed; it may be that drState itself. Without such an entity nothing happens; a matching
- * entity without drState is left unchanged. One walk over all entities per call: for many reports a frame use
- * disUpdateEntities. Neither argument may be null.
+ * when the algorithm rotates. The caller's record is not changed; it may be that drState itself. Without such an entity
+ * nothing happens; a matching entity without drState is left unchanged. One walk over all entities per call: for many
+ * reports a frame use disUpdateEntities. Neither argument may be null.
  */
 TOLVIN_API void disUpdateEntity(vuRootNode *root, const vuEntityState *state);
 

@@ -57,9 +57,9 @@ VU_SIZE_ANY(vuEntityType, 8);
 
 typedef struct vuDeadReckoning
 {
-    uint8_t algorithm;      /* VU_DR_* */
+    uint8_t algorithm;      /* VU_DR_*; dead reckoning may change that of a stored report (kerneldisdr.h) */
     uint8_t parameters[15]; /* other parameters, zero */
-    float linearAcc[3];     /* m/s^2, world coordinates (body coordinates for algorithms 6 to 9) */
+    float linearAcc[3];     /* m/s^2, world coordinates; dead reckoning does not use it for algorithms 6 to 9 */
     float angularVel[3];    /* rad/s, body coordinates */
 } vuDeadReckoning;
 
