@@ -42,15 +42,16 @@ TEST(DisMatrix, DeterminantInverseAndPrint)
         vuDisMatrix m;
         double determinant;
         vuDisMatrix inverse;
-    } cases[] = {
-        {{2, 3, 1, 3, 4, 1, 3, 7, 2}, 2, {0.5, 0.5, -0.5, -1.5, 0.5, 0.5, 4.5, -2.5, -0.5}},
-        // 4097^2 and 4096 * 4098 differ by 1, which single precision does not see.
-        {{4097, 4096, 0, 4098, 4097, 0, 0, 0, 1}, 1, {4097, -4096, 0, -4098, 4097, 0, 0, 0, 1}},
-        {{-tiny, 0, 0, 0, 1, 0, 0, 0, 1}, -double{tiny}, {-2000, 0, 0, 0, 1, 0, 0, 0, 1}},
-        {{tiny, excess1, excess2, 1, 1, 0, 1, 0, 1},
-         0.0005,
-         {2000, -2000 * excess1, -2000 * excess2, -2000, 1, 2000 * excess2, -2000, 2000 * excess1, 1}},
-        {{std::nextafter(0.0005F, 0.0F), 0, 0, 0, 1, 0, 7, 0, 1}, double{0.0004F}, {1, 0, 0, 0, 1, 0, 0, 0, 1}}};
+    } cases[] = {{{2, 3, 1, 3, 4, 1, 3, 7, 2}, 2, {0.5, 0.5, -0.5, -1.5, 0.5, 0.5, 4.5, -2.5, -0.5}},
+                 // 4097^2 and 4096 * 4098 differ by 1, which single precision does not see.
+                 {{4097, 4096, 0, 4098, 4097, 0, 0, 0, 1}, 1, {4097, -4096, 0, -4098, 4097, 0, 0, 0, 1}},
+                 {{-tiny, 0, 0, 0, 1, 0, 0, 0, 1}, -double{tiny}, {-2000, 0, 0, 0, 1, 0, 0, 0, 1}},
+                 {{tiny, excess1, excess2, 1, 1, 0, 1, 0, 1},
+                  0.0005,
+                  {2000, -2000 * excess1, -2000 * excess2, -2000, 1, 2000 * excess2, -2000, 2000 * excess1, 1}},
+                 {{std::nextafter(0.0005F, 0.0F), 0, 0, 0, 1, 0, 7, 0, 1},
+                  double{std::nextafter(0.0005F, 0.0F)},
+                  {1, 0, 0, 0, 1, 0, 0, 0, 1}}};
     vuDisMatrix inverse;
     for (const auto &c : cases)
     {
