@@ -58,7 +58,7 @@ inline void turn(vuEntity *e, double dt, bool body, double *n)
 inline void deadRecon(vuRootNode *root, vuEntity *e, vuEntityState *s)
 {
     const double dt = now(root) - e->recvTime - e->timeOffset;
-    double n[9];
+    double n[9] = {};
     uint8_t &a = s->deadReckoning.algorithm;
     if (a == 3 || a == 4 || (a >= 6 && a <= 9))
     {
@@ -72,7 +72,7 @@ inline void deadRecon(vuRootNode *root, vuEntity *e, vuEntityState *s)
         }
     }
 
-    double b[3];
+    double b[3] = {};
     for (int j = 0; j < 3 && a >= 6 && a <= 9; ++j)
     {
         const double v[3] = {s->velocity[0], s->velocity[1], s->velocity[2]};
