@@ -7,7 +7,7 @@
 #include <cstring>
 #include <random>
 #include <string>
-#include <support/plaindr.h>
+#include <tolvin/bench/kernel/plaindr.h>
 #include <tolvin/performer/pf.h>
 #include <vector>
 

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <random>
-#include <support/plaindr.h>
+#include <tolvin/bench/kernel/plaindr.h>
 #include <vector>
 
 namespace
