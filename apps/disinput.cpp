@@ -5,6 +5,7 @@
 
 #include <tolvin/performer/pf.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -111,13 +112,26 @@ void DisInput::takeEntityState(const vuEntityState &report, double arrival)
         return;
     }
     RemoteEntity *remote = table_->find(report.entityId);
-    if (leaves(report))
+    const bool leaving = leaves(report);
+    if (remote == nullptr && leaving)
     {
-        if (remote != nullptr && !remote->leaving)
-        {
-            remote->leaving = true;
-            ++counts_.left;
-        }
+        ++counts_.leaves;
+        return;
+    }
+    Sender *const sender = table_->senderOf(report.entityId);
+    if (sender == nullptr)
+    {
+        refuse();
+        return;
+    }
+    const double latency = ageOnArrival(sender->clock, arrival, report.timestamp);
+    const double madeAt = arrival - latency;
+    const double known = remote != nullptr ? remote->madeAt : table_->leftAt(report.entityId);
+    ++sender->reports;
+    sender->latency.add(latency);
+    if (madeAt < known && known - madeAt < kLatestReport)
+    {
+        ++counts_.late;
         return;
     }
     if (remote == nullptr)
@@ -125,57 +139,68 @@ void DisInput::takeEntityState(const vuEntityState &report, double arrival)
         remote = table_->create(report.entityId);
         if (remote == nullptr)
         {
-            if (++counts_.refused == 1)
-            {
-                notice_("no room for another entity (further ones are only counted)");
-            }
+            refuse();
             return;
         }
         ++counts_.entered;
     }
-    Sender &sender = *remote->sender;
-    const double latency = ageOnArrival(sender.clock, arrival, report.timestamp);
-    const double madeAt = arrival - latency;
-    ++sender.reports;
-    sender.latency.add(latency);
     remote->heardAt = arrival;
-    remote->leaving = false;
-    if (madeAt < remote->madeAt && remote->madeAt - madeAt < kLatestReport)
+    remote->madeAt = madeAt;
+    remote->leaving = leaving;
+    if (leaving)
     {
-        ++counts_.late;
+        ++counts_.leaves;
         return;
     }
-    remote->madeAt = madeAt;
     remote->timeout = silenceLimit(report);
     ++counts_.reports;
-    ++remote->pending;
-    reports_.push_back(report);
-    ages_.push_back(madeAt);
-    owners_.push_back(remote);
+    ++counts_.byAlgorithm[report.deadReckoning.algorithm];
+    queue(*remote, report, madeAt);
+}
+
+void DisInput::refuse()
+{
+    if (++counts_.refused == 1)
+    {
+        notice_("no room for another entity (further ones are only counted)");
+    }
+}
+
+// A viewer sees no more than the last report of a frame, so that one is kept: a flood within a frame takes no memory.
+void DisInput::queue(RemoteEntity &remote, const vuEntityState &report, double madeAt)
+{
+    if (remote.pending == SIZE_MAX)
+    {
+        remote.pending = reports_.size();
+        reports_.emplace_back();
+        ages_.emplace_back();
+        algorithms_.emplace_back();
+        owners_.push_back(&remote);
+    }
+    reports_[remote.pending] = report;
+    ages_[remote.pending] = madeAt;
+    algorithms_[remote.pending] = report.deadReckoning.algorithm;
 }
 
 // Where each entity that is about to get a new report would have been shown, had the report not come.
-void DisInput::rememberExtrapolated()
+void DisInput::rememberExtrapolated(double now)
 {
     updated_.clear();
     for (RemoteEntity *remote : owners_)
     {
-        if (remote->pending == 0)
-        {
-            continue;
-        }
-        remote->pending = 0;
+        remote->pending = SIZE_MAX;
         if (remote->leaving)
         {
             continue;
         }
+        // However long its report has waited for this frame, it is not removed in it.
+        remote->heardAt = std::max(remote->heardAt, now - remote->timeout);
         updated_.push_back(remote);
-        if (!remote->reported)
+        if (remote->reported)
         {
-            continue;
+            disDeadRecon(&root_, remote->entity, remote->entity->drState);
+            std::memcpy(remote->extrapolated.data(), remote->entity->position, sizeof remote->entity->position);
         }
-        disDeadRecon(&root_, remote->entity, remote->entity->drState);
-        std::memcpy(remote->extrapolated.data(), remote->entity->position, sizeof remote->entity->position);
     }
 }
 
@@ -193,10 +218,9 @@ void DisInput::reportJumps(const JumpSink &jump)
 void DisInput::frame(const JumpSink &jump)
 {
     const double now = clockSeconds(root_);
-    rememberExtrapolated();
+    rememberExtrapolated(now);
     for (std::size_t i = 0; i < reports_.size(); ++i)
     {
-        algorithms_.push_back(reports_[i].deadReckoning.algorithm);
         ages_[i] = now - ages_[i];
         conditionRotation(reports_[i]);
     }
@@ -212,7 +236,7 @@ void DisInput::frame(const JumpSink &jump)
     ages_.clear();
     algorithms_.clear();
     owners_.clear();
-    table_->removeGone(now, [this](const RemoteEntity &remote) { counts_.silent += remote.leaving ? 0 : 1; });
+    table_->removeGone(now, [this](const RemoteEntity &remote) { ++(remote.leaving ? counts_.left : counts_.silent); });
 }
 
 } // namespace tolvin

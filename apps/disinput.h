@@ -39,9 +39,11 @@ struct DisCounts
     std::uint64_t late = 0;    // overtaken by a later report of the same entity
     std::uint64_t refused = 0; // no room for their entity
     std::uint64_t entered = 0; // entities created
-    std::uint64_t left = 0;    // entities that said so
+    std::uint64_t leaves = 0;  // reports that announced that their entity leaves
+    std::uint64_t left = 0;    // entities that were removed because they said so
     std::uint64_t silent = 0;  // entities that fell silent
     std::array<std::uint64_t, kPduFaultCount> faults{};
+    std::array<std::uint64_t, 256> byAlgorithm{}; // of the reports, as received
 };
 
 class DisInput
@@ -89,7 +91,9 @@ public:
 private:
     void takeEntityState(const vuEntityState &report, double arrival);
     void fault(PduFault kind);
-    void rememberExtrapolated();
+    void refuse();
+    void queue(RemoteEntity &remote, const vuEntityState &report, double madeAt);
+    void rememberExtrapolated(double now);
     void reportJumps(const JumpSink &jump);
 
     vuRootNode &root_;
@@ -99,7 +103,7 @@ private:
     std::unique_ptr<EntityTable> table_;
     DisCounts counts_;
 
-    // The frame's reports in order of arrival, column by column.
+    // The reports of the frame, the latest of each entity, column by column.
     std::vector<vuEntityState> reports_;
     std::vector<double> ages_;             // when each was made until the frame begins, then its age
     std::vector<std::uint8_t> algorithms_; // as received

@@ -3,6 +3,7 @@
 #include <tolvin/performer/pf.h>
 
 #include <cstring>
+#include <limits>
 #include <random>
 #include <string>
 
@@ -86,7 +87,8 @@ EntityTable::EntityTable(vuRootNode &root, vuScene &scene, std::size_t maxEntiti
       scene_(scene),
       maxEntities_(maxEntities),
       entities_(0, KeyHash{randomSeed()}),
-      senders_(0, KeyHash{randomSeed()})
+      senders_(0, KeyHash{randomSeed()}),
+      left_(0, KeyHash{randomSeed()})
 {
 }
 
@@ -102,6 +104,12 @@ RemoteEntity *EntityTable::find(const vuEntityId &id)
 {
     const auto it = entities_.find(keyOf(id));
     return it == entities_.end() ? nullptr : &it->second;
+}
+
+double EntityTable::leftAt(const vuEntityId &id) const
+{
+    const auto it = left_.find(keyOf(id));
+    return it == left_.end() ? -std::numeric_limits<double>::infinity() : it->second;
 }
 
 Sender *EntityTable::senderOf(const vuEntityId &id)
@@ -128,7 +136,7 @@ Sender *EntityTable::senderOf(const vuEntityId &id)
 
 RemoteEntity *EntityTable::create(const vuEntityId &id)
 {
-    if (entities_.size() >= maxEntities_)
+    if (entities_.size() >= maxEntities_ || left_.size() >= 4 * maxEntities_)
     {
         return nullptr;
     }

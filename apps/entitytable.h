@@ -34,7 +34,7 @@ struct RemoteEntity
     std::uint8_t algorithm = 0;           // of the latest report that was handed over, as received
     bool reported = false;                // a report was handed over
     bool leaving = false;                 // said that it leaves; removed at the end of the frame
-    std::size_t pending = 0;              // reports of this frame
+    std::size_t pending = SIZE_MAX;       // index of its report among those of this frame
     std::array<double, 3> extrapolated{}; // position from the former report in the frame of a new one
     std::size_t track = SIZE_MAX;         // index in the map's tracks
 };
@@ -48,6 +48,7 @@ class EntityTable
 {
 public:
     static constexpr std::size_t kMaxSenders = 1024;
+    static constexpr double kMemory = 5.0; // seconds, longer than reports overtake each other
 
     // root and scene must outlive the table; the scene hangs in the root node's list.
     EntityTable(vuRootNode &root, vuScene &scene, std::size_t maxEntities);
@@ -58,9 +59,16 @@ public:
     // The entity of that identity; null when it is not known.
     RemoteEntity *find(const vuEntityId &id);
 
+    // The sender of that identity's site and application; made when it is new. Null when kMaxSenders have entities here.
+    Sender *senderOf(const vuEntityId &id);
+
     // A new entity in the scene, receiving DIS and moving, with a zeroed report record. Null when the table, its senders
     // or the shared arena are full. The identity must not be known yet.
     RemoteEntity *create(const vuEntityId &id);
+
+    // When the entity of that identity said, within the last kMemory seconds, that it leaves: the time of that report; long
+    // ago otherwise. Reports from before come from an entity that is gone.
+    double leftAt(const vuEntityId &id) const;
 
     // Removes and releases the entities that leave and those silent for longer than their limit at time now. Returns
     // how many; calls dropped(entity) for each before it goes.
@@ -77,10 +85,15 @@ public:
                 continue;
             }
             dropped(remote);
+            if (remote.leaving)
+            {
+                left_[it->first] = remote.madeAt;
+            }
             release(remote);
             it = entities_.erase(it);
             ++removed;
         }
+        std::erase_if(left_, [now](const auto &entry) { return now - entry.second > kMemory; });
         return removed;
     }
 
@@ -117,7 +130,6 @@ private:
         std::size_t operator()(std::uint64_t key) const;
     };
 
-    Sender *senderOf(const vuEntityId &id);
     void release(RemoteEntity &remote);
 
     vuRootNode &root_;
@@ -125,6 +137,7 @@ private:
     std::size_t maxEntities_;
     std::unordered_map<std::uint64_t, RemoteEntity, KeyHash> entities_;
     std::unordered_map<std::uint64_t, Sender, KeyHash> senders_;
+    std::unordered_map<std::uint64_t, double, KeyHash> left_;
 };
 
 } // namespace tolvin

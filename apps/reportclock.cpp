@@ -30,8 +30,10 @@ constexpr double kDriftMargin = 20;
 constexpr double kStep = 0.005;
 
 constexpr double kJump = 1;
-constexpr double kRivalSpread = 0.25; // delays that still agree on one offset
-constexpr double kRivalTime = 0.5;    // longer than the spread: stamps that stand still never agree
+constexpr double kLatest = 3;          // a delay that is believed beyond kJump, when the clock is well known
+constexpr std::uint64_t kSettled = 16; // timed reports after which it is
+constexpr double kRivalSpread = 0.25;  // delays that still agree on one offset
+constexpr double kRivalTime = 0.5;     // longer than the spread: stamps that stand still never agree
 constexpr int kRivalReports = 4;
 
 // Time daemons step a clock by 0.128 s and more, so less than this is congestion of the network.
@@ -261,8 +263,9 @@ bool standsStill(SenderClock &clock, double arrival, std::uint32_t time)
     return !clock.stampMoves || arrival - clock.stampArrival > kFrozen;
 }
 
-// Offset of the report, in the turn of the hour that is nearest to the envelope; false when its stamp is of no use.
-bool timeReport(SenderClock &clock, double arrival, std::uint32_t stamp, double &offset)
+// Offset of the report, in the turn of the hour that is nearest to the envelope; false when its stamp is of no use. age
+// is then the one that the report has all the same.
+bool timeReport(SenderClock &clock, double arrival, std::uint32_t stamp, double &offset, double &age)
 {
     // A stamp of 0 was never set, unless it agrees with the others just at the turn of the hour.
     const bool isSet = stamp >> 1 != 0;
@@ -286,9 +289,16 @@ bool timeReport(SenderClock &clock, double arrival, std::uint32_t stamp, double 
     {
         return false;
     }
-    if (std::abs(late) > kJump)
+    const bool settled = clock.timed >= kSettled;
+    if (std::abs(late) > kJump || (late < -kLate && settled))
     {
-        return acceptRival(clock, arrival, offset);
+        if (acceptRival(clock, arrival, offset))
+        {
+            return true;
+        }
+        // Some seconds late may be true, and then the report is no news; more, or ahead of the others, is not.
+        age = settled && clock.doubt < kDoubtful && late > 0 && late <= kLatest ? late : 0;
+        return false;
     }
     clock.rivalCount = 0;
     const bool doubtful = clock.doubt >= kDoubtful;
@@ -300,11 +310,11 @@ bool timeReport(SenderClock &clock, double arrival, std::uint32_t stamp, double 
 
 double ageOnArrival(SenderClock &clock, double arrival, std::uint32_t stamp)
 {
-    double offset = 0;
-    if (!timeReport(clock, arrival, stamp, offset))
+    double offset = 0, untimedAge = 0;
+    if (!timeReport(clock, arrival, stamp, offset, untimedAge))
     {
         ++clock.untimed;
-        return clock.latency = 0;
+        return clock.latency = untimedAge;
     }
     arrival = std::max(arrival, clock.lastArrival);
     followEnvelope(clock, arrival, offset);

@@ -73,9 +73,10 @@ struct SenderClock
 // clock, changes nothing.
 //
 // A report whose stamp makes no sense counts as made on arrival (0) and leaves the estimate alone: a stamp that was
-// never set, one stamp for more than 0.25 s, and stamps more than 1 s off the envelope. When the latter agree with one
-// another for 0.5 s, or when all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope
-// moves there at once.
+// never set, one stamp for more than 0.25 s, stamps more than 1 s off the envelope, and, once 16 reports are known, stamps
+// more than 0.1 s ahead of it. Then, too, up to 3 s late is believed. When stamps off the envelope agree with one another
+// for 0.5 s, or when all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope moves
+// there at once.
 double ageOnArrival(SenderClock &clock, double arrival, std::uint32_t stamp);
 
 // Difference of the clocks (local minus sender's, with the least delay in it), -1800 to 1800 s; 0 without timed reports.

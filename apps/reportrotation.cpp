@@ -35,8 +35,13 @@ void bodyToWorld(float (&vector)[3], const float (&orientation)[3])
 void conditionRotation(vuEntityState &report)
 {
     vuDeadReckoning &motion = report.deadReckoning;
-    if (motion.algorithm < VU_DR_FPB || motion.algorithm > VU_DR_FVB || !isNegligible(motion.angularVel))
+    if (motion.algorithm < VU_DR_RVW || motion.algorithm > VU_DR_FVB || !isNegligible(motion.angularVel))
     {
+        return;
+    }
+    if (motion.algorithm <= VU_DR_FVW)
+    {
+        motion.algorithm = VU_DR_FVW;
         return;
     }
     const bool accelerates = motion.algorithm >= VU_DR_RVB;

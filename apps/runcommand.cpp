@@ -1,6 +1,7 @@
 #include "runcommand.h"
 
 #include "disinput.h"
+#include "optionrange.h"
 #include "runstatistics.h"
 #include "trackmap.h"
 #include "udp.h"
@@ -16,6 +17,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace tolvin
@@ -33,6 +35,7 @@ struct RunOptions
     double rate = 0.0; // frames per second, 0 for that of the options record
     std::string dis = "0.0.0.0:3000";
     std::string interface;
+    int exercise = 1;
     DisInputOptions input;
     bool quiet = false;
     std::string map;
@@ -75,7 +78,7 @@ class FrameClock
 public:
     explicit FrameClock(vuRootNode &root)
         : root_(root),
-          startMicroseconds_(std::int64_t{root.time.sim.sec} * 1000000 + root.time.sim.usec),
+          startMicroseconds_(wallNanoseconds() / 1000), // again, so that both clocks are read at one moment
           begin_(SteadyClock::now())
     {
         root_.frameDelta = 0.0;
@@ -165,10 +168,11 @@ void printNotice(const std::string &line)
     std::fprintf(stderr, "tolvin run: %s\n", line.c_str());
 }
 
-void writeMap(const std::string &file, const Tracks &tracks, double seconds)
+void writeMap(const std::string &file, const Tracks &tracks, std::uint64_t entities, double seconds)
 {
     char title[96];
-    std::snprintf(title, sizeof title, "%zu entities in %.0f seconds", tracks.all().size(), seconds);
+    std::snprintf(title, sizeof title, "%llu entities in %.0f seconds", static_cast<unsigned long long>(entities),
+                  seconds);
     if (!writeTrackMap(file, tracks.all(), title))
     {
         throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
@@ -183,6 +187,13 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
     const auto statistics = std::make_unique<RunStatistics>();
     Tracks tracks;
     FrameClock clock(root);
+    SteadyClock::duration taking{}; // time that the datagrams of the frame took
+    const UdpReceiver::Handler take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
+    {
+        const SteadyClock::time_point begin = SteadyClock::now();
+        input.take(datagram, clock.ofWall(arrival));
+        taking += SteadyClock::now() - begin;
+    };
     SteadyClock::time_point due = SteadyClock::now();
     double time = 0.0;
     double lineTime = 0.0;
@@ -193,11 +204,10 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
             break;
         }
         due += period;
-        while (stopRequested == 0 && SteadyClock::now() < due)
+        do // at least once, or a machine that is too slow for the rate would never hear anything
         {
-            receiver.receiveUntil(due, [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
-                                  { input.take(datagram, clock.ofWall(arrival)); });
-        }
+            receiver.receiveUntil(due, take);
+        } while (stopRequested == 0 && SteadyClock::now() < due);
         const SteadyClock::time_point begin = SteadyClock::now();
         due = std::max(due, begin - period); // frames that were missed are not made up for
         time = clock.advance();
@@ -206,7 +216,8 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
         {
             tracks.addFrame(input);
         }
-        statistics->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin).count());
+        statistics->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin + taking).count());
+        taking = {};
         if (time - lineTime >= 1.0)
         {
             if (!options.quiet)
@@ -216,10 +227,14 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
             lineTime = time - std::fmod(time, 1.0);
         }
     }
-    statistics->printTables(stdout, input.counts(), input.entities());
+    statistics->printTables(stdout, input.counts(), input.entities(), receiver.dropped());
+    if (std::fflush(stdout) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "standard output");
+    }
     if (!options.map.empty())
     {
-        writeMap(options.map, tracks, time);
+        writeMap(options.map, tracks, input.counts().entered, time);
     }
 }
 
@@ -236,17 +251,19 @@ void checkMap(const std::string &file)
 
 void run(const RunOptions &options)
 {
+    UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
     if (!options.map.empty())
     {
         checkMap(options.map);
     }
-    UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
     pfArenaInfo info;
     {
         const RootPtr root = makeRoot();
-        DisInput input(*root, options.input, printNotice);
+        DisInputOptions inputOptions = options.input;
+        inputOptions.exercise = static_cast<std::uint8_t>(options.exercise);
+        DisInput input(*root, inputOptions, printNotice);
         runFrames(options, *root, receiver, input);
     }
     pfGetArenaInfo(&info);
@@ -263,23 +280,30 @@ void addRunCommand(CLI::App &app, int &exitCode)
     const auto options = std::make_shared<RunOptions>();
     CLI::App *const command =
         app.add_subcommand("run", "Run the frame loop: show entities that DIS reports, move them");
+    // The last one counts, so that scripts/run can hand options on that it gives itself.
+    command->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     command->add_option("--duration", options->duration, "Seconds to run; 0 runs until interrupted")
-        ->check(CLI::NonNegativeNumber)
+        ->check(within(0.0, 1e9))
         ->capture_default_str();
-    command->add_option("--frames", options->frames, "Frames to run; 0 sets no limit")->capture_default_str();
+    command->add_option("--frames", options->frames, "Frames to run; 0 sets no limit")
+        ->check(within(0.0, 1e15))
+        ->capture_default_str();
     command->add_option("--rate", options->rate, "Frames per second (default: 25, the options record's)")
-        ->check(CLI::Range(0.1, 10000.0));
+        ->check(within(0.1, 10000.0));
     command->add_option("--dis", options->dis, "Local address and UDP port to receive on, or a multicast group to join")
         ->capture_default_str();
     command->add_option("--interface", options->interface, "Address of the interface for a multicast group");
-    command->add_option("--exercise", options->input.exercise, "Exercise to listen to, 1 to 255; 0 takes all")
-        ->check(CLI::Range(0, 255))
+    command->add_option("--exercise", options->exercise, "Exercise to listen to, 1 to 255; 0 takes all")
+        ->check(within(0, 255))
         ->capture_default_str();
-    command->add_option("--site", options->input.site, "Own site, whose packets are dropped")->capture_default_str();
+    command->add_option("--site", options->input.site, "Own site, whose packets are dropped")
+        ->check(within(0, 65535))
+        ->capture_default_str();
     command->add_option("--application", options->input.application, "Own application, whose packets are dropped")
+        ->check(within(0, 65535))
         ->capture_default_str();
     command->add_option("--max-entities", options->input.maxEntities, "Entities to keep at most")
-        ->check(CLI::Range(1, 1000000))
+        ->check(within(1, 1000000))
         ->capture_default_str();
     command->add_option("--map", options->map, "Write a map of the tracks to this SVG file at the end");
     command->add_flag("--quiet", options->quiet, "Print no line per second, only the tables at the end");
@@ -290,15 +314,20 @@ void addRunCommand(CLI::App &app, int &exitCode)
             {
                 run(*options);
             }
-            catch (const std::logic_error &error)
+            catch (const std::system_error &error)
             {
                 std::fprintf(stderr, "Error: %s\n", error.what());
                 exitCode = 1;
             }
-            catch (const std::exception &error)
+            catch (const std::runtime_error &error) // an address, an interface, a file
             {
                 std::fprintf(stderr, "Error: %s\n", error.what());
                 exitCode = 2;
+            }
+            catch (const std::exception &error)
+            {
+                std::fprintf(stderr, "Error: %s\n", error.what());
+                exitCode = 1;
             }
         });
 }

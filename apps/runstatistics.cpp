@@ -36,14 +36,23 @@ std::string milliseconds(double seconds)
     return text;
 }
 
+// Figures of a sender whose stamps told nothing are left out.
 void printSender(std::FILE *out, const Sender &sender)
 {
     char name[16];
     std::snprintf(name, sizeof name, "%u:%u", unsigned{sender.site}, unsigned{sender.application});
-    std::fprintf(out, "%-13s %9llu %11s %11s %11s %16.4f %6llu\n", name,
-                 static_cast<unsigned long long>(sender.reports), milliseconds(sender.latency.quantile(0.5)).c_str(),
-                 milliseconds(sender.latency.quantile(0.95)).c_str(), milliseconds(sender.latency.greatest()).c_str(),
-                 clockOffset(sender.clock), static_cast<unsigned long long>(sender.clock.jumps));
+    std::fprintf(out, "%-13s %9llu ", name, static_cast<unsigned long long>(sender.reports));
+    if (sender.clock.timed == 0)
+    {
+        std::fprintf(out, "%11s %11s %11s %16s", "-", "-", "-", "-");
+    }
+    else
+    {
+        std::fprintf(out, "%11s %11s %11s %16.4f", milliseconds(sender.latency.quantile(0.5)).c_str(),
+                     milliseconds(sender.latency.quantile(0.95)).c_str(),
+                     milliseconds(sender.latency.greatest()).c_str(), clockOffset(sender.clock));
+    }
+    std::fprintf(out, " %6u %8llu\n", sender.clock.jumps, static_cast<unsigned long long>(sender.clock.untimed));
 }
 
 } // namespace
@@ -75,7 +84,8 @@ void RunStatistics::printLine(std::FILE *out, double time, double period, const 
     frames_.clear();
 }
 
-void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const EntityTable &entities) const
+void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const EntityTable &entities,
+                                std::uint64_t lost) const
 {
     std::fprintf(
         out,
@@ -83,14 +93,15 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
     for (std::size_t algorithm = 0; algorithm < jumpsByAlgorithm_.size(); ++algorithm)
     {
         const LogHistogram &jumps = jumpsByAlgorithm_[algorithm];
-        if (jumps.count() == 0)
+        if (counts.byAlgorithm[algorithm] == 0)
         {
             continue;
         }
         const char *name = algorithm < kAlgorithmNames.size() ? kAlgorithmNames[algorithm] : "unknown";
         std::fprintf(out, "%3zu %-8s %9llu %11s %11s %11s\n", algorithm, name,
-                     static_cast<unsigned long long>(jumps.count()), metres(jumps.quantile(0.5)).c_str(),
-                     metres(jumps.quantile(0.95)).c_str(), metres(jumps.greatest()).c_str());
+                     static_cast<unsigned long long>(counts.byAlgorithm[algorithm]),
+                     metres(jumps.quantile(0.5)).c_str(), metres(jumps.quantile(0.95)).c_str(),
+                     metres(jumps.greatest()).c_str());
     }
 
     std::vector<const Sender *> senders;
@@ -99,7 +110,7 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
     constexpr std::size_t kMostSenders = 20;
     std::fprintf(out,
                  "\nlatency beyond each sender's fastest report, milliseconds; local minus sender's clock, seconds\n"
-                 "sender          reports      median        95 %%       worst     clock offset  jumps\n");
+                 "sender          reports      median        95 %%       worst     clock offset  jumps  untimed\n");
     for (std::size_t i = 0; i < std::min(senders.size(), kMostSenders); ++i)
     {
         printSender(out, *senders[i]);
@@ -110,11 +121,13 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
     }
 
     const auto count = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
-    std::fprintf(out,
-                 "\n%llu datagrams: %llu reports taken over, %llu malformed, %llu late, %llu own, %llu of other "
-                 "exercises, %llu other PDUs, %llu without room\n",
-                 count(counts.datagrams), count(counts.reports), count(counts.malformed), count(counts.late),
-                 count(counts.own), count(counts.otherExercise), count(counts.otherPdus), count(counts.refused));
+    std::fprintf(
+        out,
+        "\n%llu datagrams: %llu reports taken over, %llu of entities that leave, %llu malformed, %llu late, %llu "
+        "own, %llu of other exercises, %llu other PDUs, %llu without room; %llu lost by the socket\n",
+        count(counts.datagrams), count(counts.reports), count(counts.leaves), count(counts.malformed),
+        count(counts.late), count(counts.own), count(counts.otherExercise), count(counts.otherPdus),
+        count(counts.refused), count(lost));
     for (std::size_t kind = 0; kind < counts.faults.size(); ++kind)
     {
         if (counts.faults[kind] != 0)

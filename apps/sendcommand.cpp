@@ -3,6 +3,7 @@
 #include "dispdu.h"
 #include "geodesy.h"
 #include "motion.h"
+#include "optionrange.h"
 #include "udp.h"
 
 #include <algorithm>
@@ -21,7 +22,6 @@
 #include <optional>
 #include <queue>
 #include <random>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -581,20 +581,6 @@ int runSend(const SendOptions &options)
         std::fprintf(stderr, "Error: %s\n", error.what());
         return 2;
     }
-}
-
-// Unlike CLI::Range this refuses a NaN.
-CLI::Validator within(double least, double most)
-{
-    std::ostringstream range;
-    range << least << " to " << most;
-    const auto check = [least, most, text = range.str()](const std::string &item)
-    {
-        double value = 0.0;
-        const bool good = CLI::detail::lexical_cast(item, value) && value >= least && value <= most;
-        return good ? std::string() : item + ": expected " + text;
-    };
-    return CLI::Validator(check, range.str());
 }
 
 void addNetworkOptions(CLI::App &command, SendOptions &o)

@@ -112,7 +112,7 @@ Frame frameAround(const std::vector<Path> &paths)
     return {(east.low + east.high - extent) / 2.0, (north.low + north.high - extent) / 2.0, extent};
 }
 
-// A step of 1, 2 or 5 times a power of ten that gives five to ten ticks.
+// A step of 1, 2 or 5 times a power of ten that gives four to ten ticks.
 double tickStep(double extent)
 {
     const double rough = extent / 10.0;
