@@ -7,10 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace tolvin;
@@ -102,9 +105,11 @@ protected:
 TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
 {
     const Datagram good = datagramOf(reportOf(1, now()));
-    for (std::size_t size = 0; size < good.size(); ++size)
+    Datagram cut;
+    for (const std::uint8_t byte : good)
     {
-        take(Datagram(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(size)));
+        take(cut);
+        cut.push_back(byte);
     }
     EXPECT_EQ(input->counts().malformed, good.size());
 
@@ -112,10 +117,7 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
     for (int i = 0; i < 2000; ++i)
     {
         Datagram noise(random() % 2000);
-        for (std::uint8_t &byte : noise)
-        {
-            byte = static_cast<std::uint8_t>(random());
-        }
+        std::generate(noise.begin(), noise.end(), random);
         take(noise);
     }
     vuEntityState nowhere = reportOf(1, now());
@@ -125,13 +127,8 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNoReport)
     const DisCounts &counts = input->counts();
     EXPECT_EQ(counts.datagrams, good.size() + 2001);
     EXPECT_GE(counts.malformed + counts.otherExercise + counts.otherPdus, counts.datagrams);
-    EXPECT_EQ(counts.reports, 0u);
-    EXPECT_EQ(input->entities().size(), 0u);
-    std::size_t kinds = 0;
-    for (const std::uint64_t count : counts.faults)
-    {
-        kinds += count != 0;
-    }
+    EXPECT_EQ(counts.reports + input->entities().size(), 0u);
+    const auto kinds = counts.faults.size() - std::count(counts.faults.begin(), counts.faults.end(), 0u);
     EXPECT_EQ(notices.size(), kinds); // one line for each kind, however many came
 }
 
@@ -146,57 +143,46 @@ TEST_F(DisInputTest, ChoosesByExerciseTypeAndIdentity)
     take(datagramOf(other));
     take(datagramOf(own));
     take(fire);
-    EXPECT_EQ(input->counts().otherExercise, 1u);
-    EXPECT_EQ(input->counts().own, 1u);
-    EXPECT_EQ(input->counts().otherPdus, 1u);
+    const DisCounts &counts = input->counts();
+    EXPECT_TRUE(counts.otherExercise == 1 && counts.own == 1 && counts.otherPdus == 1);
     EXPECT_EQ(input->entities().size(), 0u);
 
-    DisInputOptions options;
-    options.exercise = 0;
-    options.maxEntities = 2;
     input.reset();
-    restart(options);
+    restart({.exercise = 0, .maxEntities = 2});
     take(datagramOf(other));
     for (const std::uint16_t entity : {1, 2, 3, 4})
     {
         take(datagramOf(reportOf(entity, now())));
     }
-    EXPECT_EQ(input->entities().size(), 2u);
-    EXPECT_EQ(input->counts().refused, 2u);
-    EXPECT_EQ(notices.size(), 1u);
+    EXPECT_TRUE(input->entities().size() == 2 && input->counts().refused == 2 && notices.size() == 1);
     frameAt(now());
     EXPECT_EQ(input->counts().reports, 3u);
 }
 
 TEST_F(DisInputTest, MovesAnEntityFromReportToReportWithoutAJump)
 {
-    double reported = 7200.0;
-    for (double time = 7200.0; time < 7204.0; time += 0.04)
+    for (int step = 0; step < 100; ++step)
     {
+        const double time = 7200.0 + step * 0.04;
         frameAt(time);
-        if (time >= reported)
+        if (step % 13 == 0)
         {
             take(datagramOf(reportOf(1, time)));
-            reported += 0.5;
         }
     }
     frameAt(7204.02);
-    ASSERT_EQ(input->entities().size(), 1u);
     const RemoteEntity *remote = input->entities().find({7, 8, 1});
     ASSERT_NE(remote, nullptr);
     EXPECT_NEAR(remote->entity->position[0], 4e6 + 100.0 * 7204.02, 0.001); // stamps are good to 2 microseconds
     EXPECT_STREQ(remote->entity->node.name, "7:8:1");
     ASSERT_EQ(jumps.size(), 7u); // all but the first report
-    for (const double jump : jumps)
-    {
-        EXPECT_LT(jump, 0.001);
-    }
+    EXPECT_LT(*std::max_element(jumps.begin(), jumps.end()), 0.001);
 
     // An overtaken report must not take the entity back.
     take(datagramOf(reportOf(1, 7203.3)));
     frameAt(7204.06);
     EXPECT_EQ(input->counts().late, 1u);
-    EXPECT_NEAR(input->entities().find({7, 8, 1})->entity->position[0], 4e6 + 100.0 * 7204.06, 0.001);
+    EXPECT_NEAR(remote->entity->position[0], 4e6 + 100.0 * 7204.06, 0.001);
 }
 
 TEST_F(DisInputTest, RemovesEntitiesThatLeaveOrFallSilent)
@@ -217,15 +203,12 @@ TEST_F(DisInputTest, RemovesEntitiesThatLeaveOrFallSilent)
     EXPECT_EQ(input->entities().find({7, 8, 5}), nullptr);
     EXPECT_EQ(input->counts().left, 1u);
 
-    const struct
+    const std::pair<double, std::size_t> steps[] = {{7211.99, 4}, {7212.01, 2}, {7331.9, 2},
+                                                    {7332.1, 1},  {7343.9, 1},  {7344.1, 0}};
+    for (const auto &[time, entities] : steps)
     {
-        double time;
-        std::size_t entities;
-    } steps[] = {{7211.99, 4}, {7212.01, 2}, {7331.9, 2}, {7332.1, 1}, {7343.9, 1}, {7344.1, 0}};
-    for (const auto &step : steps)
-    {
-        frameAt(step.time);
-        EXPECT_EQ(input->entities().size(), step.entities) << step.time;
+        frameAt(time);
+        EXPECT_EQ(input->entities().size(), entities) << time;
     }
     EXPECT_EQ(input->counts().silent, 4u);
 

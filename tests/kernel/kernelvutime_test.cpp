@@ -104,7 +104,6 @@ TEST(Vutime, CalendarAddsInLocalTime)
         {"UTC0", {2038, 1, 19, 3, 14, 7, 5}, 1, 1, {2038, 1, 19, 3, 14, kWideTime ? 8 : 7, kWideTime ? 6 : 5}},
         {"UTC0", {kMin, 1, 1, 0, 0, 0, 5}, 1, 1, {kMin, 1, 1, 0, 0, 0, 5}},
         {"UTC0", {kMax, 12, 31, 23, 59, 59, 5}, 1, 1, {kMax, 12, 31, 23, 59, 59, 5}},
-        {"UTC0", {2100, 5, 6, 7, 8, 9, 0}, 1, 0, {2100, 5, 6, 7, 8, kWideTime ? 10 : 9, 0}},
         {kSydney, {1999, 12, 31, 5, 0, 0, 0}, 60 * 86400, 0, {2000, 2, 29, 5, 0, 0, 0}},
         {kSydney, {2001, 10, 7, 1, 59, 59, 0}, 1, 0, {2001, 10, 7, 3, 0, 0, 0}},
         {kSydney, {2001, 4, 1, 0, 30, 0, 0}, 14400, 0, {2001, 4, 1, 3, 30, 0, 0}}};
@@ -122,19 +121,14 @@ TEST(Vutime, SmallStepsGetPastTheRepeatedHour)
     setenv("TZ", kSydney, 1);
     for (const int month : {1, 7})
     {
-        vutimeTM other = {2001, uint16_t(month), 1, 0, 0, 0, 0}, tm = {2001, 4, 1, 1, 30, 0, 0}, there;
+        vutimeTM other = {2001, uint16_t(month), 1, 0, 0, 0, 0}, tm = {2001, 4, 1, 1, 30, 0, 0};
         vutimeTMAdd(&other, 1, 0);
-        for (int step = 0; step < 180; ++step)
+        for (int step = 0; step < 360; ++step)
         {
-            vutimeTMAdd(&tm, 60, 0);
+            vutimeTMAdd(&tm, step < 180 ? 60 : -60, 0);
+            ASSERT_TRUE(step != 179 || fields(tm) == (Fields{2001, 4, 1, 4, 30, 0, 0}));
         }
-        EXPECT_EQ(fields(tm), (Fields{2001, 4, 1, 4, 30, 0, 0}));
-        vutimeTMCopy(&there, &tm);
-        for (int step = 0; step < 180; ++step)
-        {
-            vutimeTMAdd(&there, -60, 0);
-        }
-        EXPECT_EQ(fields(there), (Fields{2001, 4, 1, 1, 30, 0, 0}));
+        EXPECT_EQ(fields(tm), (Fields{2001, 4, 1, 1, 30, 0, 0}));
     }
 }
 
