@@ -2,7 +2,6 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
-#include <random>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -77,12 +76,13 @@ Walk walk(const Bytes &datagram)
 
 } // namespace
 
-TEST(DisPdu, DecodesEachVersion)
+TEST(DisPdu, DecodesAndEncodesEachVersion)
 {
     for (const std::uint8_t version : {5, 6, 7})
     {
         // Version 7 has a status byte where the others have padding.
-        const vuEntityState state = walk(with(with(kPdu, 0, version), 10, version == 7 ? 0x5A : 0)).state;
+        const Bytes wire = with(with(kPdu, 0, version), 10, version == 7 ? 0x5A : 0);
+        vuEntityState state = walk(wire).state;
         EXPECT_EQ(state.location[1], -4198023.5);
         EXPECT_EQ(state.deadReckoning.angularVel[0], 0.0625f);
         // On a little-endian machine the record is the PDU with the bytes of each field turned round.
@@ -94,38 +94,17 @@ TEST(DisPdu, DecodesEachVersion)
             field += width - '0';
         }
         EXPECT_EQ(std::memcmp(host.data(), &state, 144), 0);
+
+        // What the record says of its own form does not count.
+        state.pduType = state.protocolFamily = state.numArticulParam = 2;
+        state.length = state.padding = 0xFFFF;
+        Bytes encoded(144);
+        EXPECT_EQ(encodeEntityState(state, std::span(encoded).first(143)), 0u);
+        EXPECT_EQ(encodeEntityState(state, encoded), 144u);
+        EXPECT_EQ(encoded, with(wire, 10, 0));
     }
     EXPECT_TRUE(leaves(walk(with(kPdu, 84, 0x00800000, 4)).state));
     EXPECT_FALSE(leaves(walk(with(kPdu, 84, 0xFF7FFFFF, 4)).state));
-}
-
-TEST(DisPdu, KeepsEveryBitOfRandomRecords)
-{
-    std::mt19937 random(1);
-    int accepted = 0;
-    for (int i = 0; i < 20000; ++i)
-    {
-        Bytes wire = with(kPdu, 0, 5 + i % 3);
-        std::generate(wire.begin() + 12, wire.end(), [&] { return static_cast<std::uint8_t>(random()); });
-        wire[19] = 0;
-        for (const int at : {36, 40, 44, 48, 56, 64, 72, 76, 80, 104, 108, 112, 116, 120, 124})
-        {
-            wire[at] &= random() % 16 == 0 ? 0xFF : 0xBF; // without this bit a number is below 2
-        }
-        Walk result = walk(wire);
-        if (result.fault == PduFault::None)
-        {
-            ++accepted;
-            // What the record says of its own form does not count.
-            result.state.pduType = result.state.protocolFamily = result.state.numArticulParam = 2;
-            result.state.length = result.state.padding = 0xFFFF;
-            Bytes encoded(144);
-            ASSERT_EQ(encodeEntityState(result.state, std::span(encoded).first(143)), 0u);
-            ASSERT_EQ(encodeEntityState(result.state, encoded), 144u);
-            ASSERT_EQ(encoded, wire);
-        }
-    }
-    EXPECT_GT(accepted, 5000);
 }
 
 TEST(DisPdu, RefusesEveryPrefix)
@@ -146,19 +125,15 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
     const Lengths whole = {13, 144, 28, 28, 144, 17};
     const std::tuple<Bytes, PduFault, Lengths> cases[] = {
         {mixed, PduFault::None, whole},
-        {mixed + Bytes(3), PduFault::None, whole},
         {mixed + Bytes(4), PduFault::TrailingBytes, whole}, // padding goes up to 8 only
         {mixed + Bytes{0, 5}, PduFault::TrailingBytes, whole},
         {with(two, 0, 4), PduFault::UnknownVersion, {}},
-        {with(two, 0, 8), PduFault::UnknownVersion, {}},
         {with(two, 144, 8), PduFault::TrailingBytes, {144}},
         {with(two, 8, 11, 2), PduFault::LengthBelowHeader, {}},
-        {with(two, 8, 289, 2), PduFault::LengthBeyondDatagram, {}},
         {with(two, 144 + 8, 145, 2), PduFault::LengthBeyondDatagram, {144}},
         {with(articulated, 8, 304, 2) + Bytes(160), PduFault::None, {304}}, // 304 = 144 + 10 * 16
         {with(articulated, 8, 303, 2) + Bytes(159), PduFault::BodyTooShort, {303}},
         {other(65507), PduFault::None, {65507}},
-        {with(other(65507), 8, 65508, 2), PduFault::LengthBeyondDatagram, {}},
     };
     for (const auto &[datagram, fault, lengths] : cases)
     {
@@ -172,10 +147,9 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
 
 TEST(DisPdu, RefusesNumbersThatMoveNowhere)
 {
-    const std::pair<double, PduFault> numbers[] = {{1, PduFault::None},
-                                                   {1.000001, PduFault::Implausible},
-                                                   {HUGE_VAL, PduFault::NonFinite},
-                                                   {NAN, PduFault::NonFinite}};
+    using enum PduFault;
+    const std::pair<double, PduFault> numbers[] = {
+        {1, None}, {1.000001, Implausible}, {HUGE_VAL, NonFinite}, {NAN, NonFinite}};
     const std::tuple<int, int, double> vectors[] = {
         {36, 4, 1e5}, {48, 8, 1e9}, {72, 4, 1e4}, {104, 4, 1e6}, {116, 4, 1e5}};
     for (int test = 0; test < 5 * 3 * 4 * 2; ++test)
@@ -188,6 +162,6 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
                                      : std::bit_cast<std::uint32_t>(static_cast<float>(number));
         const Walk result = walk(with(kPdu, at, bits, width));
         EXPECT_EQ(result.fault, fault) << number << " at " << at;
-        EXPECT_EQ(result.state.length, fault == PduFault::None ? 144 : 0); // untouched when refused
+        EXPECT_EQ(result.state.length, fault == None ? 144 : 0); // untouched when refused
     }
 }

@@ -38,13 +38,12 @@ double position(vutimeval clock, std::span<const double> places, std::span<const
     scene.entities = {&entity.node, &entity.node};
     root.scenes = {&scene.node, &scene.node};
     root.time.sim = clock;
-    std::vector<vuEntityState> reports;
-    for (const double place : places)
+    std::vector<vuEntityState> reports(places.size());
+    for (std::size_t i = 0; i < places.size(); ++i)
     {
-        vuEntityState &report = reports.emplace_back();
-        report.deadReckoning.algorithm = VU_DR_FPW;
-        report.velocity[0] = kSpeed;
-        report.location[0] = place;
+        reports[i].deadReckoning.algorithm = VU_DR_FPW;
+        reports[i].velocity[0] = kSpeed;
+        reports[i].location[0] = places[i];
     }
     handOver(&root, reports, ages);
     EXPECT_TRUE(root.time.sim.sec == clock.sec && root.time.sim.usec == clock.usec);
@@ -76,7 +75,7 @@ void check(const Traffic &traffic)
     std::ranges::sort(packets);
     SenderClock clock;
     std::vector<double> steps;
-    double worst = 0, worstBefore = 0, former = 0;
+    double former = 0;
     for (const auto &[arrived, sent] : packets)
     {
         const std::uint32_t stamp = stampAt(kStart + sent + traffic.fast(sent), traffic.flag, traffic.units);
@@ -85,14 +84,11 @@ void check(const Traffic &traffic)
         const double place = kSpeed * sent;
         const vutimeval now = {static_cast<std::int32_t>(kStart) + frame / 25, frame % 25 * 40000};
         const double lead = position(now, {&place, 1}, {&age, 1}, now) / kSpeed - frame * 0.04;
-        double &worstNow = sent < traffic.settled ? worstBefore : worst;
-        worstNow = std::max(worstNow, std::abs(lead - traffic.lead));
+        EXPECT_NEAR(lead, traffic.lead, sent < traffic.settled ? traffic.before : traffic.tolerance) << sent;
         steps.push_back(kSpeed * std::abs(lead - former));
         former = lead;
     }
-    std::ranges::sort(steps);
-    EXPECT_LT(worstBefore, traffic.before);
-    EXPECT_LT(worst, traffic.tolerance);
+    std::ranges::nth_element(steps, steps.begin() + steps.size() / 2);
     EXPECT_LT(steps[steps.size() / 2], 0.001); // metres
     EXPECT_EQ(clock.jumps, traffic.jumps);
 }
@@ -103,7 +99,7 @@ void check(const Traffic &traffic)
 TEST(ReportClock, PlacesMovingEntities)
 {
     const auto fast = [](double seconds) { return [=](double) { return seconds; }; };
-    for (const double seconds : {0.0, 20.0, 1000.0, 1800.025}) // 20: the sender's hour turns
+    for (const double seconds : {0.0, 20.0, -1000.0, 1800.025}) // 20: the sender's hour turns
     {
         check({.fast = fast(seconds)});
         check({.fast = fast(seconds), .rate = 300, .units = 596523});
@@ -120,10 +116,8 @@ TEST(ReportClock, PlacesMovingEntities)
     {
         const auto jumps = [=](double time) { return time < 40 ? 0 : jump; };
         const double before = kJitter + (std::abs(jump) < 1 ? 0.2 : 1e-5);
-        for (const double rate : {5, 300})
-        {
-            check({.fast = jumps, .settled = 42.1, .tolerance = 0.015, .before = before, .jumps = 1, .rate = rate});
-        }
+        check({.fast = jumps, .settled = 42.1, .tolerance = 0.015, .before = before, .jumps = 1});
+        check({.fast = jumps, .settled = 42.1, .tolerance = 0.015, .before = before, .jumps = 1, .rate = 300});
     }
 }
 
@@ -146,37 +140,18 @@ TEST(ReportClock, TakesSenselessStampsForNow)
     EXPECT_EQ(still.jumps + senseless.jumps + mixed.jumps + freezing.jumps, 0u);
 }
 
-TEST(ReportClock, DoesNotWaverAboutAbsoluteStamps)
-{
-    for (const double slow : {2.0, -0.05, 0.5}) // wandering about a bound of belief; every third stamp relative
-    {
-        SenderClock clock;
-        int changes = 0;
-        for (int i = 0; i < 5000; ++i)
-        {
-            const double time = 100 + i * 0.2, made = time - slow - 0.02 * std::sin(i * 0.002);
-            const bool former = clock.absolute;
-            ageOnArrival(clock, time + i % 7 * 0.001, stampAt(made, slow != 0.5 || i % 3 != 0));
-            changes += i > 0 && clock.absolute != former;
-        }
-        EXPECT_LE(changes, 1) << slow;
-    }
-}
-
 TEST(ReportClock, HandsOverExactAges)
 {
     const double places[] = {7, 8, 9}; // the last one wins
-    const vutimeval clocks[] = {{1699999000, 123457}, {1699999199, 999999}, {1699999200, 0}, {0, 0},
-                                {-1, 500000},         {-3600, 0},           {-7200, 10000},  {-5500, 1},
-                                {INT32_MAX, 999999}};
+    const double ages[] = {0.0123456, 0, 0.02, 1800, 12.25, 0.5, 0.0123456};
+    const vutimeval clocks[] = {{1699999199, 999999}, {1699999200, 0}, {0, 0},     {-1, 500000},
+                                {-7200, 10000},       {-3600, 0},      {-5500, 1}, {INT32_MAX, 999999}};
     for (const vutimeval &clock : clocks)
     {
-        std::vector<double> ages = {0.0123456, 0, 0.02, 1800, 12.25, 0.5};
-        for (std::size_t i = 0; i < ages.size(); ++i)
+        for (std::size_t i = 0; i < 5; ++i)
         {
-            std::rotate(ages.begin(), ages.begin() + 1, ages.end());
-            const double x = position(clock, places, std::span(ages).first(3), {clock.sec - 100, clock.usec});
-            EXPECT_NEAR(x, 9 + kSpeed * (ages[2] - 100), 2e-6 * kSpeed) << clock.sec;
+            const double x = position(clock, places, {ages + i, 3}, {clock.sec - 100, clock.usec});
+            EXPECT_NEAR(x, 9 + kSpeed * (ages[i + 2] - 100), 2e-6 * kSpeed) << clock.sec;
         }
     }
     for (const auto &[age, taken] : {std::pair(-0.25, -0.25), {-9.0, -1.0}, {double(NAN), 0.0}, {1e300, 1800.0}})
