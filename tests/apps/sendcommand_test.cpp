@@ -117,18 +117,3 @@ TEST(Send, BundlesAndEndsOnSignals)
         pthread_sigmask(SIG_SETMASK, &former, nullptr);
     }
 }
-
-TEST(Send, ExplainsMistakes)
-{
-    for (const std::string arguments :
-         {"--algorithm 3-10", "--algorithm 5-2", "--origin 91,0", "--origin -33.9,151.2,", "--first-entity 65534"})
-    {
-        const std::string said =
-            capturedStderr([&] { EXPECT_EQ(sendWith("--entities 2 --duration 0.1 " + arguments), 2); });
-        EXPECT_NE(said.find("Error: " + arguments + ": expected"), std::string::npos) << said;
-    }
-    for (const char *arguments : {"--rate nan", "--loss 101", "--version 8", "--stamp never", "--ttl 256"})
-    {
-        EXPECT_THROW(sendWith(arguments), CLI::ParseError) << arguments;
-    }
-}
