@@ -25,16 +25,6 @@ std::string contentOf(const std::filesystem::path &file)
     return text.str();
 }
 
-std::size_t occurrences(const std::string &text, const std::string &part)
-{
-    std::size_t count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-    {
-        ++count;
-    }
-    return count;
-}
-
 } // namespace
 
 TEST(SampledTrack, StaysBoundedAndEven)
@@ -89,7 +79,7 @@ TEST(TrackMap, SaysWhenThereIsNothingAndWhenItCannotBeWritten)
 {
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_empty_" + std::to_string(getpid()) + ".svg");
     ASSERT_TRUE(writeTrackMap(file, {}, "empty"));
-    EXPECT_EQ(occurrences(contentOf(file), "no entity was heard"), 1u);
+    EXPECT_NE(contentOf(file).find("no entity was heard"), std::string::npos);
     std::filesystem::remove(file);
     EXPECT_FALSE(writeTrackMap("/nonexistent/folder/map.svg", {}, "nowhere"));
 }
