@@ -228,6 +228,7 @@ VU_LAYOUT(vuEntity, smooth, 0x3C8, 4);
 VU_LAYOUT(vuEntity, collideCount, 0x3CC, 8);
 VU_LAYOUT(vuEntity, probes, 0x3D4, 140);
 VU_LAYOUT(vuEntity, groundPoints, 0x460, 36);
+VU_LAYOUT(vuEntity, reserved484, 0x484, 24);
 VU_SIZE(vuEntity, 1180);
 
 /*

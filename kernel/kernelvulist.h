@@ -46,6 +46,7 @@ VU_LAYOUT(vuList, curr, 8, 4);
 VU_LAYOUT(vuList, size, 12, 4);
 VU_LAYOUT(vuList, posi, 16, 4);
 VU_LAYOUT(vuList, optimized, 20, 2);
+VU_LAYOUT(vuList, reserved, 22, 2);
 VU_SIZE(vuList, 24);
 
 /* Clear the links and set data. A null entry is ignored. */
