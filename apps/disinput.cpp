@@ -193,8 +193,8 @@ void DisInput::rememberExtrapolated(double now)
         {
             continue;
         }
-        // However long its report has waited for this frame, it is not removed in it.
-        remote->heardAt = std::max(remote->heardAt, now - remote->timeout);
+        // However long its report has waited for this frame, it is not removed in it; well off the limit, whatever is rounded.
+        remote->heardAt = std::max(remote->heardAt, now - remote->timeout / 2.0);
         updated_.push_back(remote);
         if (remote->reported)
         {
