@@ -136,6 +136,7 @@ Sender *EntityTable::senderOf(const vuEntityId &id)
 
 RemoteEntity *EntityTable::create(const vuEntityId &id)
 {
+    // Who lets entities come and go in a flood fills the memory of those that left as well.
     if (entities_.size() >= maxEntities_ || left_.size() >= 4 * maxEntities_)
     {
         return nullptr;

@@ -70,12 +70,11 @@ public:
     // ago otherwise. Reports from before come from an entity that is gone.
     double leftAt(const vuEntityId &id) const;
 
-    // Removes and releases the entities that leave and those silent for longer than their limit at time now. Returns
-    // how many; calls dropped(entity) for each before it goes.
+    // Removes and releases the entities that leave and those silent for longer than their limit at time now;
+    // calls dropped(entity) for each before it goes.
     template<typename Dropped>
-    std::size_t removeGone(double now, Dropped dropped)
+    void removeGone(double now, Dropped dropped)
     {
-        std::size_t removed = 0;
         for (auto it = entities_.begin(); it != entities_.end();)
         {
             RemoteEntity &remote = it->second;
@@ -91,10 +90,8 @@ public:
             }
             release(remote);
             it = entities_.erase(it);
-            ++removed;
         }
         std::erase_if(left_, [now](const auto &entry) { return now - entry.second > kMemory; });
-        return removed;
     }
 
     std::size_t size() const
