@@ -1,5 +1,7 @@
 #include "kerneldisdr.h"
 
+#include "kernellanes.hpp"
+
 #include <bit>
 #include <bitset>
 #include <cmath>
@@ -8,8 +10,6 @@
 #include <emmintrin.h>
 #include <memory>
 #include <sys/auxv.h>
-
-#define INLINE [[gnu::always_inline]] inline
 
 namespace
 {
@@ -116,9 +116,6 @@ INLINE void eachEntity(vuRootNode *root, Fetch fetch, Follow follow, Visit visit
 // goes through the same IEEE operations whatever stands in the other one, so that what an entity gets does not depend
 // on its neighbour.
 
-using Pair = double __attribute__((vector_size(16)));
-using PairBits = int64_t __attribute__((vector_size(16)));
-
 PairBits bitsOf(Pair x)
 {
     return reinterpret_cast<PairBits>(x);
@@ -158,21 +155,6 @@ Pair squareRoot(Pair x)
 Pair roundToFloat(Pair x)
 {
     return _mm_cvtps_pd(_mm_cvtpd_ps(x));
-}
-
-// Estrin's scheme: about as many operations as Horner's in a third of its latency.
-Pair polynomial(Pair x, const double (&c)[6])
-{
-    const Pair x2 = x * x;
-    return (c[0] + c[1] * x) + x2 * ((c[2] + c[3] * x) + x2 * (c[4] + c[5] * x));
-}
-
-Pair polynomial(Pair x, const double (&c)[10])
-{
-    const Pair x2 = x * x, x4 = x2 * x2;
-    const Pair low = (c[0] + c[1] * x) + x2 * (c[2] + c[3] * x);
-    const Pair high = (c[4] + c[5] * x) + x2 * (c[6] + c[7] * x);
-    return low + x4 * (high + x4 * (c[8] + c[9] * x));
 }
 
 // Interpolated at Chebyshev nodes in 60 digits, then rounded; v is the square of the argument. The relative error of

@@ -1,5 +1,5 @@
 /*
- * Simulation clock, animation clock and calendar.
+ * Simulation clock, animation clock, calendar, and where the sun is.
  *
  * The library never advances a clock: it sets them at start and on reset, converts them and reads them. The application
  * moves `sim` (and, if it animates, `animSeconds`) forward once per frame.
@@ -8,7 +8,13 @@
  * 2415020.0). 2000 January 1.5, the epoch J2000, is 36525.0. Years before Christ are negative and there is no year 0.
  * Dates up to 1582 October 4 are Julian, from 1582 October 15 on Gregorian.
  *
- * No pointer may be null. Not thread-safe: the two MJD conversions keep their last result in process-wide caches.
+ * The sun comes at two grades: a short formula of the days since J2000 for its longitude and the rate of that, and the
+ * VSOP87 theory of the Earth on the MJD scale, with obliquity and nutation beside it. Angles are radians, distances
+ * astronomical units, times days of Terrestrial Time. Right ascension, declination and what follows from them are up to
+ * the application.
+ *
+ * No pointer may be null where nothing else is said. Not thread-safe: the two MJD conversions, sunpos, obliquity and
+ * nutation keep their last result in process-wide caches.
  */
 #ifndef TOLVIN_KERNEL_KERNELVUTIME_H
 #define TOLVIN_KERNEL_KERNELVUTIME_H
@@ -155,6 +161,63 @@ TOLVIN_API int isvalidDayOfMonth(uint16_t month, uint16_t day, int32_t year);
  * beyond their range are counted on; a result beyond 32 bits is clamped. Returns 1.
  */
 TOLVIN_API int updateSimtime(vutime *time);
+
+/*
+ * The angle x, in radians, brought into (-pi, pi] by whole turns of 6.283185307179586. Infinities give NaN.
+ */
+TOLVIN_API double normalize_angle(double x);
+
+/*
+ * Ecliptic longitude of the sun, in (-pi, pi], referred to the mean equinox of date, without aberration and nutation taken
+ * apart: the low-precision formula of the Astronomical Almanac, good to about 0.01 degrees from 1950 to 2050.
+ *
+ * d  days since J2000
+ * Prints the mean anomaly in radians and the mean longitude in degrees on standard error, "Ma %f lon %f", on every call.
+ */
+TOLVIN_API double sun_position(double d);
+
+/* Rate of the longitude of sun_position, radians per day: the derivative of that formula. Prints nothing. */
+TOLVIN_API double sun_velocity(double d);
+
+/*
+ * Days from J2000 to the simulation clock, whole seconds of `sim` only. Prints "Days after J2000 %f" on standard error on
+ * every call.
+ */
+TOLVIN_API double days_after_J2000(const vutime *time);
+
+/*
+ * Heliocentric position of the Earth, referred to the mean ecliptic and equinox of date in the FK5 system (Bretagnon and
+ * Francou 1988, VSOP87 version D; conversion to FK5 after Meeus, Astronomical Algorithms, chapter 32).
+ *
+ * ret  three doubles, written: longitude, in [0, 2 pi) but for the conversion's last 0.1 arcseconds; latitude; radius.
+ *
+ * Terms too small to matter for a precision of 1e-5 radian are left out, more of them the closer the date is to J2000:
+ * from 1800 to 2200 the result stays within 1.2 arcseconds in longitude, 0.4 in latitude and 3.5e-6 astronomical units of
+ * a full ephemeris. Any mjd is accepted; thousands of years from J2000 the theory loses its meaning. Prints "q: %17f", a
+ * measure of that precision, on standard error on every call.
+ */
+TOLVIN_API void vsop87sun(double mjd, double *ret);
+
+/*
+ * Geocentric position of the sun, as vsop87sun gives it: geometric, that is, neither aberration nor nutation is in it.
+ *
+ * lsn  written: ecliptic longitude in [-pi, pi) but for 0.1 arcseconds
+ * rsn  written: distance
+ * bsn  written: ecliptic latitude; may be null
+ * A call with the mjd of the call before is answered from memory, without computing or printing.
+ */
+TOLVIN_API void sunpos(double mjd, double *lsn, double *rsn, double *bsn);
+
+/* Mean obliquity of the ecliptic (Lieske et al. 1977, IAU 1976). */
+TOLVIN_API double obliquity(double mjd);
+
+/*
+ * Nutation, all 106 terms of the 1980 IAU Theory of Nutation (Seidelmann 1982).
+ *
+ * deps  written: nutation in obliquity
+ * dpsi  written: nutation in longitude
+ */
+TOLVIN_API void nutation(double mjd, double *deps, double *dpsi);
 
 #ifdef __cplusplus
 }

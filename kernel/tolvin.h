@@ -7,6 +7,7 @@
 #include "kerneldisstate.h"
 #include "kernelentity.h"
 #include "kernelgeneric.h"
+#include "kernelnoise.h"
 #include "kernelutil.h"
 #include "kernelvulist.h"
 #include "kernelvunode.h"
