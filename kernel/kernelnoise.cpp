@@ -358,7 +358,18 @@ INLINE T sumOf(const T (&corners)[8])
     return C == 1 ? inOrder<T>(c0, c1, c2, c3, c4, c5, c6, c7) : inOrder<T>(c0, c1, c3, c2, c6, c7, c5, c4);
 }
 
-// Noise of C components at one point, neither offset nor clamped.
+// The result from the sum of the corners: of scalar noise offset and clamped, of vector noise the sum itself.
+template<int C>
+INLINE __m128 finished(__m128 sum)
+{
+    if constexpr (C > 1)
+    {
+        return sum;
+    }
+    return _mm_min_ps(_mm_max_ps(_mm_add_ps(sum, _mm_set1_ps(0.5F)), _mm_setzero_ps()), _mm_set1_ps(1.0F));
+}
+
+// Noise of C components at one point.
 template<int C>
 INLINE void noiseAt(float (&result)[C], float x, float y, float z)
 {
@@ -378,15 +389,9 @@ INLINE void noiseAt(float (&result)[C], float x, float y, float z)
             products[i] = weighted<4>(terms, dx, weightX * section.weight[i]);
         }
         const Floats4 &a = products[0], &b = products[1];
-        result[c] = sumOf<C, float>({a[0], a[1], a[2], a[3], b[0], b[1], b[2], b[3]});
+        const float sum = sumOf<C, float>({a[0], a[1], a[2], a[3], b[0], b[1], b[2], b[3]});
+        result[c] = _mm_cvtss_f32(finished<C>(_mm_set_ss(sum)));
     }
-}
-
-INLINE double offsetAndClamped(float sum)
-{
-    // Without branches, which would often be guessed wrong.
-    const __m128 value = _mm_set_ss(sum + 0.5F);
-    return _mm_cvtss_f32(_mm_min_ss(_mm_max_ss(value, _mm_setzero_ps()), _mm_set_ss(1.0F)));
 }
 
 // Up to so many neighbours along x are computed together.
@@ -466,7 +471,7 @@ INLINE void noiseRow(RowValues<C> &values, const Columns &columns, const Places 
                     }
                 }
             }
-            _mm_store_ps(values[c] + first, sumOf<C>(corners));
+            _mm_store_ps(values[c] + first, finished<C>(sumOf<C>(corners)));
         }
     }
 }
@@ -570,9 +575,9 @@ void noiseFree(void)
 
 double noise(float x, float y, float z)
 {
-    float sum[1];
-    noiseAt(sum, x, y, z);
-    return offsetAndClamped(sum[0]);
+    float value[1];
+    noiseAt(value, x, y, z);
+    return value[0];
 }
 
 double turbulence(float x, float y, float z, float amplitudeFactor, float frequencyFactor, int octaves)
@@ -585,9 +590,9 @@ double turbulence(float x, float y, float z, float amplitudeFactor, float freque
 
 void noise3D(float result[3], float x, float y, float z)
 {
-    float sum[3];
-    noiseAt(sum, x, y, z);
-    std::copy_n(sum, 3, result);
+    float value[3];
+    noiseAt(value, x, y, z);
+    std::copy_n(value, 3, result);
 }
 
 void turbulence3D(float result[3], float x, float y, float z, float amplitudeFactor, float frequencyFactor, int octaves)
@@ -607,9 +612,7 @@ void turbulence3D(float result[3], float x, float y, float z, float amplitudeFac
 
 void noiseGrid(double *result, const noiseGridPoints *grid)
 {
-    overGrid<1>(*grid, 1.0F,
-                [=](size_t point, const RowValues<1> &values, int i)
-                { result[point] = offsetAndClamped(values[0][i]); });
+    overGrid<1>(*grid, 1.0F, [=](size_t point, const RowValues<1> &values, int i) { result[point] = values[0][i]; });
 }
 
 void turbulenceGrid(double *result, const noiseGridPoints *grid, float amplitudeFactor, float frequencyFactor,
@@ -621,7 +624,7 @@ void turbulenceGrid(double *result, const noiseGridPoints *grid, float amplitude
                 {
                     overGrid<1>(*grid, frequency,
                                 [=](size_t point, const RowValues<1> &values, int i)
-                                { result[point] += amplitude * offsetAndClamped(values[0][i]); });
+                                { result[point] += amplitude * double{values[0][i]}; });
                 });
 }
 
