@@ -74,8 +74,8 @@ EulerAngles eulerAnglesOf(const Matrix3 &m)
     EulerAngles angles;
     angles.psi = std::atan2(m[3], m[0]);
     angles.theta = std::atan2(-m[6], std::hypot(m[0], m[3]));
-    // phi is what remains after psi has been turned back. Unlike atan2(m7, m8) that holds for a vertical nose as well, where
-    // m7 and m8 vanish and psi is whatever rounding left.
+    // phi is what remains after psi has been turned back. Unlike atan2(m7, m8) that holds for a vertical nose as
+    // well, where m7 and m8 vanish and psi is whatever rounding left.
     const double sinPsi = std::sin(angles.psi);
     const double cosPsi = std::cos(angles.psi);
     angles.phi = std::atan2(sinPsi * m[2] - cosPsi * m[5], cosPsi * m[4] - sinPsi * m[1]);

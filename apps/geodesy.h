@@ -1,8 +1,8 @@
 // Positions, directions and orientations between a local tangent frame and the geocentric world of the network.
 //
-// Geocentric positions are metres from the centre of the WGS 84 ellipsoid: x through the equator at longitude 0, y through
-// the equator at 90 degrees east, z through the north pole. Local positions are metres east, north and up of an origin.
-// Matrices are row-major and multiply column vectors: the columns of a rotation are the rotated axes.
+// Geocentric positions are metres from the centre of the WGS 84 ellipsoid: x through the equator at longitude 0, y
+// through the equator at 90 degrees east, z through the north pole. Local positions are metres east, north and up of
+// an origin. Matrices are row-major and multiply column vectors: the columns of a rotation are the rotated axes.
 #pragma once
 
 #include <array>

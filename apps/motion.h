@@ -1,7 +1,8 @@
 // Motions with closed formulas, and the DIS reports of entities that follow them.
 //
-// A motion is a function of time in a local frame (geodesy.h): metres east, north and up. Headings are radians clockwise
-// from north. The body (axes x forward, y right, z down) keeps its nose along the velocity and its wings level.
+// A motion is a function of time in a local frame (geodesy.h): metres east, north and up. Headings are radians
+// clockwise from north. The body (axes x forward, y right, z down) keeps its nose along the velocity and its wings
+// level.
 #pragma once
 
 #include "geodesy.h"

@@ -6,8 +6,8 @@
 namespace tolvin
 {
 
-// Accepts numbers from least to most, both included. Unlike CLI::Range it refuses NaN, and negative numbers for unsigned
-// options as well.
+// Accepts numbers from least to most, both included. Unlike CLI::Range it refuses NaN, and negative numbers for
+// unsigned options as well.
 CLI::Validator within(double least, double most);
 
 } // namespace tolvin

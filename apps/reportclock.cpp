@@ -56,7 +56,8 @@ struct Hull
     int count = 0;
 };
 
-// Lower convex hull from left to right (Andrew, "Another efficient algorithm for convex hulls in two dimensions", 1979).
+// Lower convex hull from left to right (Andrew, "Another efficient algorithm for convex hulls in two dimensions",
+// 1979).
 Hull lowerHull(std::span<const ClockPoint> points)
 {
     Hull hull;
@@ -177,8 +178,8 @@ void followEnvelope(SenderClock &clock, double arrival, double offset)
     clock.lastArrival = arrival;
 }
 
-// A clock that was set back looks like delay at first. When not one of many reports comes as early as the others did, it
-// is no delay: with exponential delays the chance of that is exp(-count * least / mean), here below exp(-20).
+// A clock that was set back looks like delay at first. When not one of many reports comes as early as the others did,
+// it is no delay: with exponential delays the chance of that is exp(-count * least / mean), here below exp(-20).
 void noticeLateRun(SenderClock &clock, double arrival, double offset)
 {
     const double late = offset - clock.offset;

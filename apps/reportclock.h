@@ -1,10 +1,10 @@
 // From the time stamps of received reports to stamps that the kernel reads right.
 //
-// The kernel takes a report for (now - recvTime) - ((recvTime mod 3600) - pduTime) seconds old, recvTime being the root
-// clock when the report was handed over at T and pduTime the seconds past the hour in its stamp. So a report made at
-// local time t needs pduTime = (T mod 3600) + (T - t): the stamp has to carry how old the report is, not when the sender's
-// clock says it was made. What a sender's stamps tell about age is estimated per sender (ageOnArrival); handOver()
-// writes the result into the stamps and gives the reports to the kernel.
+// The kernel takes a report for (now - recvTime) - ((recvTime mod 3600) - pduTime) seconds old, recvTime being the
+// root clock when the report was handed over at T and pduTime the seconds past the hour in its stamp. So a report
+// made at local time t needs pduTime = (T mod 3600) + (T - t): the stamp has to carry how old the report is, not when
+// the sender's clock says it was made. What a sender's stamps tell about age is estimated per sender (ageOnArrival);
+// handOver() writes the result into the stamps and gives the reports to the kernel.
 //
 // All times are seconds; the local clock is the one the root clock follows.
 #pragma once
@@ -63,23 +63,25 @@ struct SenderClock
     int lateCount = 0;
 };
 
-// How old a report was on arrival, at least 0. arrival is the local clock when it came in and must be finite; stamp is
-// its DIS time stamp as sent. Hand over the reports of one sender in order of arrival. Allocates nothing, constant time.
+// How old a report was on arrival, at least 0. arrival is the local clock when it came in and must be finite; stamp
+// is its DIS time stamp as sent. Hand over the reports of one sender in order of arrival. Allocates nothing, constant
+// time.
 //
-// The offset follows the lower envelope of arrival - stamp: a straight line under the least delayed reports of the last
-// minutes, whose slope is the drift of the two clocks. Delays above the envelope are age. The constant part of the delay
-// cannot be told from a difference of the clocks and counts only for absolute stamps whose envelope lies within
-// -0.05 to 2 s of the local clock; other absolute stamps are read as relative ones. The turn of the hour, on either
-// clock, changes nothing.
+// The offset follows the lower envelope of arrival - stamp: a straight line under the least delayed reports of the
+// last minutes, whose slope is the drift of the two clocks. Delays above the envelope are age. The constant part of
+// the delay cannot be told from a difference of the clocks and counts only for absolute stamps whose envelope lies
+// within -0.05 to 2 s of the local clock; other absolute stamps are read as relative ones. The turn of the hour, on
+// either clock, changes nothing.
 //
 // A report whose stamp makes no sense counts as made on arrival (0) and leaves the estimate alone: a stamp that was
-// never set, one stamp for more than 0.25 s, stamps more than 1 s off the envelope, and, once 16 reports are known, stamps
-// more than 0.1 s ahead of it. Then, too, up to 3 s late is believed. When stamps off the envelope agree with one another
-// for 0.5 s, or when all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the envelope moves
-// there at once.
+// never set, one stamp for more than 0.25 s, stamps more than 1 s off the envelope, and, once 16 reports are known,
+// stamps more than 0.1 s ahead of it. Then, too, up to 3 s late is believed. When stamps off the envelope agree with
+// one another for 0.5 s, or when all reports of 1.5 s come at least 0.1 s late, the sender's clock was set and the
+// envelope moves there at once.
 double ageOnArrival(SenderClock &clock, double arrival, std::uint32_t stamp);
 
-// Difference of the clocks (local minus sender's, with the least delay in it), -1800 to 1800 s; 0 without timed reports.
+// Difference of the clocks (local minus sender's, with the least delay in it), -1800 to 1800 s; 0 without timed
+// reports.
 double clockOffset(const SenderClock &clock);
 
 // Stamp that the kernel reads as (now mod 3600) + age, to 0.9 microseconds, bit 0 clear. A sum outside 0 to 3600 cannot

@@ -1,6 +1,7 @@
 #include "runcommand.h"
 
 #include "disinput.h"
+#include "exitcode.h"
 #include "optionrange.h"
 #include "runstatistics.h"
 #include "trackmap.h"
@@ -307,29 +308,7 @@ void addRunCommand(CLI::App &app, int &exitCode)
         ->capture_default_str();
     command->add_option("--map", options->map, "Write a map of the tracks to this SVG file at the end");
     command->add_flag("--quiet", options->quiet, "Print no line per second, only the tables at the end");
-    command->callback(
-        [options, &exitCode]
-        {
-            try
-            {
-                run(*options);
-            }
-            catch (const std::system_error &error)
-            {
-                std::fprintf(stderr, "Error: %s\n", error.what());
-                exitCode = 1;
-            }
-            catch (const std::runtime_error &error) // an address, an interface, a file
-            {
-                std::fprintf(stderr, "Error: %s\n", error.what());
-                exitCode = 2;
-            }
-            catch (const std::exception &error)
-            {
-                std::fprintf(stderr, "Error: %s\n", error.what());
-                exitCode = 1;
-            }
-        });
+    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { run(*options); }); });
 }
 
 } // namespace tolvin

@@ -1,6 +1,7 @@
 #include "sendcommand.h"
 
 #include "dispdu.h"
+#include "exitcode.h"
 #include "geodesy.h"
 #include "motion.h"
 #include "optionrange.h"
@@ -564,22 +565,13 @@ private:
     Pace pace_;
 };
 
-int runSend(const SendOptions &options)
+void runSend(const SendOptions &options)
 {
-    try
+    Generator generator(options);
+    generator.run();
+    if (!options.quiet)
     {
-        Generator generator(options);
-        generator.run();
-        if (!options.quiet)
-        {
-            generator.printSummary();
-        }
-        return 0;
-    }
-    catch (const std::runtime_error &error)
-    {
-        std::fprintf(stderr, "Error: %s\n", error.what());
-        return 2;
+        generator.printSummary();
     }
 }
 
@@ -649,7 +641,7 @@ void addSendCommand(CLI::App &app, int &exitCode)
     addIdentityOptions(*command, *options);
     addMotionOptions(*command, *options);
     addTimeOptions(*command, *options);
-    command->callback([options, &exitCode] { exitCode = runSend(*options); });
+    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runSend(*options); }); });
 }
 
 } // namespace tolvin

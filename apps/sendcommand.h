@@ -6,8 +6,8 @@
 namespace tolvin
 {
 
-// Adds the subcommand; its callback sends until the time is over or a signal ends it, and stores the exit code: 0, or 2 for
-// something the caller can mend, which stands on standard error then.
+// Adds the subcommand; its callback sends until the time is over or a signal ends it, and stores the exit code: 0, 2
+// for something the caller can mend, 1 for anything else, which stands on standard error then.
 void addSendCommand(CLI::App &app, int &exitCode);
 
 } // namespace tolvin

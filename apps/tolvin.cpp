@@ -1,6 +1,8 @@
 // The tolvin command.
+#include "noisecommand.h"
 #include "runcommand.h"
 #include "sendcommand.h"
+#include "suncommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,6 +14,8 @@ int main(int argc, char **argv)
     int exitCode = 0;
     tolvin::addRunCommand(app, exitCode);
     tolvin::addSendCommand(app, exitCode);
+    tolvin::addSunCommand(app, exitCode);
+    tolvin::addNoiseCommand(app, exitCode);
     try
     {
         app.parse(argc, argv);

@@ -1,5 +1,7 @@
 #include "trackmap.h"
 
+#include "svg.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -127,29 +129,6 @@ double tickStep(double extent)
     return 10.0 * power;
 }
 
-std::string escaped(const std::string &text)
-{
-    std::string result;
-    for (const char c : text)
-    {
-        switch (c)
-        {
-        case '&':
-            result += "&amp;";
-            break;
-        case '<':
-            result += "&lt;";
-            break;
-        case '>':
-            result += "&gt;";
-            break;
-        default:
-            result += c;
-        }
-    }
-    return result;
-}
-
 void drawAxes(std::FILE *out, const Frame &frame)
 {
     const double step = tickStep(frame.extent);
@@ -223,13 +202,8 @@ void drawPoints(std::FILE *out, const Frame &frame, const std::vector<Path> &pat
 
 void drawHead(std::FILE *out, const std::string &title)
 {
-    const double width = kLeft + kSize + kRight;
-    const double height = kTop + kSize + kBottom;
-    std::fprintf(out,
-                 "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 %.0f %.0f' width='%.0f' height='%.0f' "
-                 "font-family='sans-serif'>\n<rect width='%.0f' height='%.0f' fill='white'/>\n"
-                 "<text x='%.1f' y='34' font-size='20' fill='#222'>%s</text>\n",
-                 width, height, width, height, width, height, kLeft, escaped(title).c_str());
+    beginSvg(out, kLeft + kSize + kRight, kTop + kSize + kBottom);
+    std::fprintf(out, "<text x='%.1f' y='34' font-size='20' fill='#222'>%s</text>\n", kLeft, escaped(title).c_str());
     std::fprintf(out,
                  "<g font-size='14' fill='#222'><path d='M%.1f 64h36' stroke='#1f6fb4' stroke-width='2.5'/>"
                  "<text x='%.1f' y='69'>extrapolated path</text><circle cx='%.1f' cy='64' r='4' fill='#e4572e'/>"
@@ -288,9 +262,7 @@ bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks,
         std::fprintf(out, "<text x='%.1f' y='%.1f' font-size='18' text-anchor='middle'>no entity was heard</text>\n",
                      kLeft + kSize / 2.0, kTop + kSize / 2.0);
     }
-    std::fputs("</svg>\n", out);
-    const bool written = std::ferror(out) == 0;
-    return std::fclose(out) == 0 && written;
+    return endSvg(out);
 }
 
 } // namespace tolvin

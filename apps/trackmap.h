@@ -10,8 +10,8 @@
 namespace tolvin
 {
 
-// Geocentric positions along a track in bounded memory: when kMost are kept every second one is dropped and from then on only every
-// second one is taken, so that a track of any length stays evenly sampled.
+// Geocentric positions along a track in bounded memory: when kMost are kept every second one is dropped and from then
+// on only every second one is taken, so that a track of any length stays evenly sampled.
 class SampledTrack
 {
 public:
@@ -36,9 +36,9 @@ struct MapTrack
     SampledTrack reported;
 };
 
-// Writes the tracks as an SVG picture, in metres east and north of the centre of all reported positions, on a plane that
-// touches the ellipsoid there. title stands above it. Returns false when the file cannot be written; the reason is then
-// in errno. Without any position the picture says so.
+// Writes the tracks as an SVG picture, in metres east and north of the centre of all reported positions, on a plane
+// that touches the ellipsoid there. title stands above it. Returns false when the file cannot be written; the reason
+// is then in errno. Without any position the picture says so.
 bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks, const std::string &title);
 
 } // namespace tolvin

@@ -249,9 +249,9 @@ std::uint16_t UdpReceiver::localPort() const
     return socket_.local_endpoint().port();
 }
 
-// Hands over one batch of waiting datagrams. Returns their number, 0 when none waits. waitedSince is when the last of them
-// arrived, 0 if it may have come only now. That is also what a datagram looks like that arrived before stamping, which
-// takes a moment to start after a socket asked for it, had begun: the kernel then stamps it when it is read.
+// Hands over one batch of waiting datagrams. Returns their number, 0 when none waits. waitedSince is when the last of
+// them arrived, 0 if it may have come only now. That is also what a datagram looks like that arrived before stamping,
+// which takes a moment to start after a socket asked for it, had begun: the kernel then stamps it when it is read.
 std::size_t UdpReceiver::receiveBatch(const Handler &handler, std::int64_t &waitedSince)
 {
     const std::int64_t asked = wallClock();

@@ -1,6 +1,8 @@
-// Datagrams over UDP (IPv4): unicast, broadcast and multicast, sent and received with the time at which the kernel got them.
+// Datagrams over UDP (IPv4): unicast, broadcast and multicast, sent and received with the time at which the kernel
+// got them.
 //
-// What a person can get wrong (addresses, interfaces, ports in use) is thrown as std::runtime_error whose text names it.
+// What a person can get wrong (addresses, interfaces, ports in use) is thrown as std::runtime_error whose text names
+// it.
 #pragma once
 
 #include <chrono>
@@ -53,9 +55,9 @@ public:
     // (CLOCK_REALTIME), stamped by the kernel.
     using Handler = std::function<void(std::span<const std::uint8_t> datagram, std::int64_t arrival)>;
 
-    // local: an address of this machine or 0.0.0.0, which hears broadcasts as well; or a multicast group, which is joined
-    // on the interface with that address. Port 0 takes a free one. Several receivers may share a port: each gets every
-    // multicast and broadcast, but only the latest one the unicasts.
+    // local: an address of this machine or 0.0.0.0, which hears broadcasts as well; or a multicast group, which is
+    // joined on the interface with that address. Port 0 takes a free one. Several receivers may share a port: each
+    // gets every multicast and broadcast, but only the latest one the unicasts.
     explicit UdpReceiver(const asio::ip::udp::endpoint &local, const asio::ip::address_v4 &interface = {});
     ~UdpReceiver();
 

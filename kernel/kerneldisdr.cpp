@@ -169,8 +169,8 @@ constexpr double kArcSine[] = {0.16666666666666655,  0.075000000000171,    0.044
                                0.022372012509623364, 0.017356446193822463, 0.013908959824591177, 0.012070300491340377,
                                0.006924569126700292, 0.016468645712014278};
 
-// Reduction by multiples of pi/2 in two parts (Cody and Waite). The first has 33 bits: times a multiple of up to 20 bits
-// it is exact, and so is its difference from an argument that is a float.
+// Reduction by multiples of pi/2 in two parts (Cody and Waite). The first has 33 bits: times a multiple of up to 20
+// bits it is exact, and so is its difference from an argument that is a float.
 constexpr double kHalfPiHigh = 0x1.921fb544p+0;
 constexpr double kHalfPiLow = 6.077100506506192e-11;
 constexpr double kReducible = 1048576;  // 2^20

@@ -1,5 +1,5 @@
-// Numbers side by side, two or four of them, for code that is written once and compiled for several processors. A lane goes
-// through the same IEEE operations in both widths, so results do not depend on the width.
+// Numbers side by side, two or four of them, for code that is written once and compiled for several processors. A
+// lane goes through the same IEEE operations in both widths, so results do not depend on the width.
 #ifndef TOLVIN_KERNEL_KERNELLANES_HPP
 #define TOLVIN_KERNEL_KERNELLANES_HPP
 
@@ -30,8 +30,8 @@ struct LanesOf
 using Pair = LanesOf<2>::Doubles;
 using PairBits = LanesOf<2>::Bits;
 
-// Whether this processor has AVX2. Tests compile the library's modules a second time with TOLVIN_WITHOUT_AVX2, so that the
-// other code is tested on processors that have it, too.
+// Whether this processor has AVX2. Tests compile the library's modules a second time with TOLVIN_WITHOUT_AVX2, so
+// that the other code is tested on processors that have it, too.
 inline bool hasAvx2()
 {
 #ifdef TOLVIN_WITHOUT_AVX2

@@ -120,9 +120,9 @@ void FreeRTable()
     freeTable(RTable);
 }
 
-// Everything below is written for n corners of a cell side by side, 4 or 8, and used in three ways: 4 for a single point,
-// 4 and 8 for grids. What happens to a corner is the same sequence of single-precision operations in each, and the
-// corners' terms are added up one after the other, so that all give the same bits.
+// Everything below is written for n corners of a cell side by side, 4 or 8, and used in three ways: 4 for a single
+// point, 4 and 8 for grids. What happens to a corner is the same sequence of single-precision operations in each, and
+// the corners' terms are added up one after the other, so that all give the same bits.
 //
 // Corner k of a cell lies at its upper end along x if bit 0 of k is set, along y for bit 1, along z for bit 2.
 
@@ -518,7 +518,8 @@ void fillColumns(Columns &columns, const noiseGridPoints &grid, float frequency,
     }
 }
 
-// Calls add(point, values of its row, column) for every point of the grid, with the coordinates multiplied by frequency.
+// Calls add(point, values of its row, column) for every point of the grid, with the coordinates multiplied by
+// frequency.
 template<int C, class Add>
 void overGrid(const noiseGridPoints &grid, float frequency, const Add &add)
 {

@@ -10,9 +10,9 @@ namespace
 {
 constexpr char kModule[] = "kernelvunode";
 
-// Repair of a list whose ends were found wrong, from the end that is right. The walks follow only links that agree in both
-// directions: those stay among the nodes of the list even if one of them was appended to another list meanwhile, and they
-// visit no node twice before they come back to the start. A ring is opened there.
+// Repair of a list whose ends were found wrong, from the end that is right. The walks follow only links that agree in
+// both directions: those stay among the nodes of the list even if one of them was appended to another list meanwhile,
+// and they visit no node twice before they come back to the start. A ring is opened there.
 vunode *makeHead(vunode *start)
 {
     vunode *head = start;

@@ -83,8 +83,8 @@ void setUTC(vutimeTM &tm, time_t seconds)
     tm.usec = 0;
 }
 
-// Seconds since 1970 of a date and time with that daylight-saving flag (-1: let the C library choose), into which mktime
-// also turns the flag that holds then. None when there is no such time.
+// Seconds since 1970 of a date and time with that daylight-saving flag (-1: let the C library choose), into which
+// mktime also turns the flag that holds then. None when there is no such time.
 std::optional<int64_t> secondsWithFlag(const vutimeTM &tm, int &daylightSaving)
 {
     const int64_t sinceYear1900 = int64_t{tm.year} - 1900;
@@ -173,8 +173,8 @@ constexpr double kPi = 3.141592653589793;
 constexpr double kTurn = 6.283185307179586;
 constexpr double kNever = std::numeric_limits<double>::quiet_NaN(); // equals no MJD, not even itself
 
-// Terms are left out by a precision of 1e-5 radian: q = -log10(1e-5) - 2, and the threshold is 1e8 times the precision over
-// 10 q, in units of the table.
+// Terms are left out by a precision of 1e-5 radian: q = -log10(1e-5) - 2, and the threshold is 1e8 times the
+// precision over 10 q, in units of the table.
 constexpr double kPrecisionDigits = 3.0;
 constexpr double kThreshold = 100.00000000000001 / kPrecisionDigits;
 
@@ -293,8 +293,8 @@ struct SineSeries
 
 constexpr SineSeries kSine;
 
-// Cosine of x turns. In turns the reduction is exact: x less the nearest integer, found by the rounding of a sum. Beyond
-// 2^51, where that fails and the angle is long lost, the result is still a cosine's.
+// Cosine of x turns. In turns the reduction is exact: x less the nearest integer, found by the rounding of a sum.
+// Beyond 2^51, where that fails and the angle is long lost, the result is still a cosine's.
 template<size_t n>
 INLINE auto cosineOfTurns(const typename LanesOf<n>::Doubles &x)
 {
@@ -344,8 +344,8 @@ INLINE double sumGroup(size_t group, double tau, double threshold)
     return sumOf(sums);
 }
 
-// The three coordinates in units of the table. A term counts if it exceeds the threshold after multiplication with tau^k
-// and with the change of tau^k over 1e-4 millennia; the last summand is against division by 0.
+// The three coordinates in units of the table. A term counts if it exceeds the threshold after multiplication with
+// tau^k and with the change of tau^k over 1e-4 millennia; the last summand is against division by 0.
 template<size_t n>
 INLINE void sumSeries(double tau, double (&result)[3])
 {

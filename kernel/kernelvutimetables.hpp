@@ -202,8 +202,8 @@ constexpr double vx_earth[406][3] = {
     {0.1, 1.21579741687, 6283.0758499914},
 };
 
-// First row of the terms of tau^k in vx_earth, for longitude, latitude and radius; they end before the row of tau^(k+1).
-// A 0 there ends the powers of the coordinate.
+// First row of the terms of tau^k in vx_earth, for longitude, latitude and radius; they end before the row of
+// tau^(k+1). A 0 there ends the powers of the coordinate.
 constexpr int32_t vn_earth[8][3] = {
     {0, 247, 274}, {117, 267, 345}, {188, 272, 381}, {232, 274, 398}, {240, 0, 402}, {244, 0, 405}, {247, 0, 406},
     {0, 0, 0},

@@ -18,7 +18,8 @@ namespace
 using Bytes = std::vector<std::uint8_t>;
 using Lengths = std::vector<std::size_t>;
 
-// Laid by hand from the field tables of IEEE 1278.1: header, entity id, force, number of articulation parameters, types,
+// Laid by hand from the field tables of IEEE 1278.1: header, entity id, force, number of articulation parameters,
+// types,
 const Bytes kPdu = {
     6, 9, 1, 1, 0x12, 0x34, 0x56, 0x79, 0, 144, 0, 0, 1, 2, 3, 4, 5, 6, 2, 0, 1, 2, 0, 225, 3, 4, 5, 6, 7, 8, 1, 44, 9,
     10, 11, 12,

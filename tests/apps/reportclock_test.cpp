@@ -25,8 +25,8 @@ std::uint32_t stampAt(double time, std::uint32_t flag = 0, double unitsPerSecond
     return static_cast<std::uint32_t>(std::fmod(time, 3600) * unitsPerSecond) << 1 | flag;
 }
 
-// The kernel's position at `now` of an entity moving along x, when reports made at these places so long ago are handed over
-// at `clock`.
+// The kernel's position at `now` of an entity moving along x, when reports made at these places so long ago are
+// handed over at `clock`.
 double position(vutimeval clock, std::span<const double> places, std::span<const double> ages, vutimeval now)
 {
     vuEntityState state{};
@@ -95,7 +95,8 @@ void check(const Traffic &traffic)
 
 } // namespace
 
-// Position is off by the constant delay, which no difference of clocks shows, and by nothing when the stamps are trusted.
+// Position is off by the constant delay, which no difference of clocks shows, and by nothing when the stamps are
+// trusted.
 TEST(ReportClock, PlacesMovingEntities)
 {
     const auto fast = [](double seconds) { return [=](double) { return seconds; }; };

@@ -37,9 +37,9 @@ vuEntity extrapolated(vuEntityState report)
 
 } // namespace
 
-// What the kernel neglects becomes the same motion in world coordinates: the next larger rotation takes the entity almost
-// to the same place. The kernel leaves the acceleration in body coordinates out; in two seconds it moves as far as a
-// velocity of the same numbers.
+// What the kernel neglects becomes the same motion in world coordinates: the next larger rotation takes the entity
+// almost to the same place. The kernel leaves the acceleration in body coordinates out; in two seconds it moves as
+// far as a velocity of the same numbers.
 TEST(ReportRotation, KeepsMotion)
 {
     const float bound = 0.00001f, above = std::nextafter(bound, 1.0f); // as a float, the bound is less than 0.00001

@@ -168,9 +168,9 @@ TEST_F(Noise, StatisticsAreThoseOfBlendedUniformValues)
     EXPECT_GT(highest, 0.95);
 }
 
-// Along a line across a border between cells, from three steps before it to three behind. Coordinates are multiples of
-// 1/1024, so that none is rounded. The third derivative stays below 120: 12 times the greatest difference of two corners'
-// terms, 7, and 18 times that of their gradients, 2.
+// Along a line across a border between cells, from three steps before it to three behind. Coordinates are multiples
+// of 1/1024, so that none is rounded. The third derivative stays below 120: 12 times the greatest difference of two
+// corners' terms, 7, and 18 times that of their gradients, 2.
 TEST_F(Noise, ValueAndGradientAreContinuousAcrossCells)
 {
     constexpr float h = 1.0F / 256.0F;

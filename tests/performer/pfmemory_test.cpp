@@ -21,8 +21,8 @@ namespace
 using Bytes = unsigned char *;
 constexpr size_t kArenaSize = 1 << 20;
 
-// Runs the body in so many processes at once; its argument counts them from 0, and an alarm ends those that hang. Returns
-// 0 when all ended well, else the status of one that did not, as wait tells it.
+// Runs the body in so many processes at once; its argument counts them from 0, and an alarm ends those that hang.
+// Returns 0 when all ended well, else the status of one that did not, as wait tells it.
 int inProcesses(unsigned count, const std::function<void(unsigned)> &body)
 {
     fflush(nullptr);

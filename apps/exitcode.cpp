@@ -1,0 +1,27 @@
+#include "exitcode.h"
+
+#include <cstdio>
+#include <exception>
+#include <stdexcept>
+#include <system_error>
+
+namespace tolvin
+{
+
+int exitCodeOf(const std::function<void()> &work)
+{
+    try
+    {
+        work();
+        return 0;
+    }
+    catch (const std::exception &error)
+    {
+        std::fprintf(stderr, "Error: %s\n", error.what());
+        const bool mendable = dynamic_cast<const std::runtime_error *>(&error) != nullptr &&
+                              dynamic_cast<const std::system_error *>(&error) == nullptr;
+        return mendable ? 2 : 1;
+    }
+}
+
+} // namespace tolvin

@@ -1,0 +1,14 @@
+// How commands end.
+#pragma once
+
+#include <functional>
+
+namespace tolvin
+{
+
+// Runs the work of a command and returns its exit code: 0; after an exception, whose message goes to standard error,
+// 2 for a std::runtime_error, something that the caller can mend, and 1 for anything else, a std::system_error among
+// it.
+int exitCodeOf(const std::function<void()> &work);
+
+} // namespace tolvin
