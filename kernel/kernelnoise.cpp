@@ -400,7 +400,7 @@ constexpr int kBlock = 64;
 struct Columns
 {
     int count;
-    int floor[kBlock];
+    uint32_t floor[kBlock];
     uint16_t low[kBlock], high[kBlock]; // hashed
     Floats4 between[kBlock];
 };
@@ -415,7 +415,7 @@ INLINE void noiseRow(RowValues<C> &values, const Columns &columns, const Places 
     const auto section = crossSectionOf<n>(yz);
     const uint16_t *hash = hashTable;
     Terms<n> terms[C][8 / n] = {};
-    int floor = columns.floor[0] + 1;
+    uint32_t floor = columns.floor[0] + 1; // of no column yet
     for (int first = 0; first < columns.count; first += 4)
     {
         Floats<n> products[C][8 / n][4];

@@ -168,8 +168,9 @@ TOLVIN_API int updateSimtime(vutime *time);
 TOLVIN_API double normalize_angle(double x);
 
 /*
- * Ecliptic longitude of the sun, in (-pi, pi], referred to the mean equinox of date, without aberration and nutation taken
- * apart: the low-precision formula of the Astronomical Almanac, good to about 0.01 degrees from 1950 to 2050.
+ * Apparent ecliptic longitude of the sun, in (-pi, pi], referred to the mean equinox of date: the low-precision formula of
+ * the Astronomical Almanac, good to about 0.01 degrees from 1950 to 2050. Aberration is in it, unlike in sunpos; nutation
+ * is not.
  *
  * d  days since J2000
  * Prints the mean anomaly in radians and the mean longitude in degrees on standard error, "Ma %f lon %f", on every call.
@@ -193,7 +194,7 @@ TOLVIN_API double days_after_J2000(const vutime *time);
  *
  * Terms too small to matter for a precision of 1e-5 radian are left out, more of them the closer the date is to J2000:
  * from 1800 to 2200 the result stays within 1.2 arcseconds in longitude, 0.4 in latitude and 3.5e-6 astronomical units of
- * a full ephemeris. Any mjd is accepted; thousands of years from J2000 the theory loses its meaning. Prints "q: %17f", a
+ * a full ephemeris. Any mjd is accepted; tens of thousands of years from J2000 the theory has lost its meaning. Prints "q: %17f", a
  * measure of that precision, on standard error on every call.
  */
 TOLVIN_API void vsop87sun(double mjd, double *ret);
