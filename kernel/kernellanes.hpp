@@ -1,5 +1,5 @@
-// Numbers side by side, two or four of them, for code that is written once and compiled for several processors. A
-// lane goes through the same IEEE operations in both widths, so results do not depend on the width.
+// For code that works on several numbers side by side, and is written once and compiled for several processors. A lane
+// goes through the same IEEE operations whatever their number, so results do not depend on it.
 #ifndef TOLVIN_KERNEL_KERNELLANES_HPP
 #define TOLVIN_KERNEL_KERNELLANES_HPP
 

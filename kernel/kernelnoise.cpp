@@ -47,11 +47,12 @@ struct CrcTable
 constexpr CrcTable crctab;
 static_assert(crctab.entries[1] == 0xC0C1 && crctab.entries[128] == 0xA001);
 
-// Null, with a message, when the arena has no room.
+// Null, with a message, when there is no arena or it has no room.
 template<class T>
 T *allocateTable(int entries, const char *complaint, int line)
 {
-    auto *table = static_cast<T *>(pfMalloc(static_cast<size_t>(entries) * sizeof(T), pfGetSharedArena()));
+    void *const arena = pfGetSharedArena();
+    auto *table = static_cast<T *>(arena ? pfMalloc(static_cast<size_t>(entries) * sizeof(T), arena) : nullptr);
     if (!table)
     {
         vuMessage("Error", kModule, line, "%s", complaint);
@@ -284,12 +285,13 @@ INLINE CrossSection<n> crossSectionOf(const Places &p)
     return section;
 }
 
-// Indices of the corners' first coefficients, from the hash of the lower and the upper index along x.
+// Of each corner the index of its first coefficient.
 struct CornerIndices
 {
-    unsigned m[8];
+    uint32_t coefficient[8];
 };
 
+// From the hash of the lower and the upper index along x.
 template<size_t n>
 INLINE CornerIndices cornerIndices(const uint16_t *hash, uint32_t lowX, uint32_t highX, const CrossSection<n> &section)
 {
@@ -298,8 +300,8 @@ INLINE CornerIndices cornerIndices(const uint16_t *hash, uint32_t lowX, uint32_t
     for (size_t k = 0; k < 4; ++k)
     {
         const uint32_t hxy = hash[((k & 1) != 0 ? highX : lowX) ^ section.y[k >> 1]];
-        corners.m[k] = hash[hxy ^ section.z[0]] & kBaseMask;
-        corners.m[k + 4] = hash[hxy ^ section.z[1]] & kBaseMask;
+        corners.coefficient[k] = hash[hxy ^ section.z[0]] & kBaseMask;
+        corners.coefficient[k + 4] = hash[hxy ^ section.z[1]] & kBaseMask;
     }
     return corners;
 }
@@ -317,25 +319,41 @@ struct Terms
 };
 
 template<size_t n>
-INLINE Terms<n> termsOf(const float *coefficients, const unsigned *m, const Floats<n> &dy, const Floats<n> &dz)
+INLINE Terms<n> termsOf(const float *coefficients, const uint32_t *indices, const Floats<n> &dy, const Floats<n> &dz)
 {
     Floats<n> rows[4];
     UNROLL
     for (size_t i = 0; i < 4; ++i)
     {
-        const Floats4 low = fourFrom(coefficients + m[i]);
+        const Floats4 low = fourFrom(coefficients + indices[i]);
         if constexpr (n == 4)
         {
             rows[i] = low;
         }
         else
         {
-            const Floats4 high = fourFrom(coefficients + m[i + 4]);
+            const Floats4 high = fourFrom(coefficients + indices[i + 4]);
             rows[i] = __builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7);
         }
     }
     transpose(rows);
     return {0.5F * rows[0], rows[1], rows[2] * dy, rows[3] * dz};
+}
+
+// Those of a whole cell, for each component.
+template<size_t n, int C>
+INLINE void setTerms(Terms<n> (&terms)[C][8 / n], const CornerIndices &corners, const CrossSection<n> &section)
+{
+    UNROLL
+    for (int c = 0; c < C; ++c)
+    {
+        UNROLL
+        for (size_t i = 0; i < 8 / n; ++i)
+        {
+            const uint32_t *indices = corners.coefficient + n * i;
+            terms[c][i] = termsOf<n>(RTable + 4 * c, indices, section.dy[i], section.dz[i]);
+        }
+    }
 }
 
 template<size_t n>
@@ -378,17 +396,13 @@ INLINE void noiseAt(float (&result)[C], float x, float y, float z)
     const uint16_t *hash = hashTable;
     const CornerIndices corners = cornerIndices(hash, hash[element<0>(p.low)], hash[element<0>(p.high)], section);
     const Floats4 dx = offsets<4, 0>(p.between[0]), weightX = weights<4, 0>(p.between[0]);
+    Terms<4> terms[C][2];
+    setTerms(terms, corners, section);
     UNROLL
     for (int c = 0; c < C; ++c)
     {
-        Floats4 products[2];
-        UNROLL
-        for (size_t i = 0; i < 2; ++i)
-        {
-            const auto terms = termsOf<4>(RTable + 4 * c, corners.m + 4 * i, section.dy[i], section.dz[i]);
-            products[i] = weighted<4>(terms, dx, weightX * section.weight[i]);
-        }
-        const Floats4 &a = products[0], &b = products[1];
+        const Floats4 a = weighted<4>(terms[c][0], dx, weightX * section.weight[0]);
+        const Floats4 b = weighted<4>(terms[c][1], dx, weightX * section.weight[1]);
         const float sum = sumOf<C, float>({a[0], a[1], a[2], a[3], b[0], b[1], b[2], b[3]});
         result[c] = _mm_cvtss_f32(finished<C>(_mm_set_ss(sum)));
     }
@@ -409,12 +423,39 @@ struct Columns
 template<int C>
 using RowValues = float[C][kBlock];
 
+// Four points' values of one component, from the products of all corners of each.
+template<size_t n, int C>
+INLINE __m128 valuesOfFour(Floats<n> (&products)[8 / n][4])
+{
+    Floats4 corners[8]; // of the four points side by side
+    UNROLL
+    for (size_t i = 0; i < 8 / n; ++i)
+    {
+        transpose(products[i]);
+        UNROLL
+        for (size_t k = 0; k < 4; ++k)
+        {
+            const Floats<n> &product = products[i][k];
+            if constexpr (n == 4)
+            {
+                corners[4 * i + k] = product;
+            }
+            else
+            {
+                corners[k] = __builtin_shufflevector(product, product, 0, 1, 2, 3);
+                corners[k + 4] = __builtin_shufflevector(product, product, 4, 5, 6, 7);
+            }
+        }
+    }
+    return finished<C>(sumOf<C>(corners));
+}
+
 template<size_t n, int C>
 INLINE void noiseRow(RowValues<C> &values, const Columns &columns, const Places &yz)
 {
     const auto section = crossSectionOf<n>(yz);
     const uint16_t *hash = hashTable;
-    Terms<n> terms[C][8 / n] = {};
+    Terms<n> terms[C][8 / n] = {};         // kept as long as columns lie in the same cell
     uint32_t floor = columns.floor[0] + 1; // of no column yet
     for (int first = 0; first < columns.count; first += 4)
     {
@@ -426,16 +467,7 @@ INLINE void noiseRow(RowValues<C> &values, const Columns &columns, const Places 
             if (columns.floor[column] != floor)
             {
                 floor = columns.floor[column];
-                const CornerIndices corners = cornerIndices(hash, columns.low[column], columns.high[column], section);
-                UNROLL
-                for (int c = 0; c < C; ++c)
-                {
-                    UNROLL
-                    for (size_t i = 0; i < 8 / n; ++i)
-                    {
-                        terms[c][i] = termsOf<n>(RTable + 4 * c, corners.m + n * i, section.dy[i], section.dz[i]);
-                    }
-                }
+                setTerms(terms, cornerIndices(hash, columns.low[column], columns.high[column], section), section);
             }
             const Floats<n> dx = offsets<n, 0>(columns.between[column]);
             const Floats<n> weightX = weights<n, 0>(columns.between[column]);
@@ -452,26 +484,7 @@ INLINE void noiseRow(RowValues<C> &values, const Columns &columns, const Places 
         UNROLL
         for (int c = 0; c < C; ++c)
         {
-            Floats4 corners[8];
-            UNROLL
-            for (size_t i = 0; i < 8 / n; ++i)
-            {
-                transpose(products[c][i]);
-                UNROLL
-                for (size_t k = 0; k < 4; ++k)
-                {
-                    if constexpr (n == 4)
-                    {
-                        corners[4 * i + k] = products[c][i][k];
-                    }
-                    else
-                    {
-                        corners[k] = __builtin_shufflevector(products[c][0][k], products[c][0][k], 0, 1, 2, 3);
-                        corners[k + 4] = __builtin_shufflevector(products[c][0][k], products[c][0][k], 4, 5, 6, 7);
-                    }
-                }
-            }
-            _mm_store_ps(values[c] + first, finished<C>(sumOf<C>(corners)));
+            _mm_store_ps(values[c] + first, valuesOfFour<n, C>(products[c]));
         }
     }
 }
@@ -527,9 +540,13 @@ void overGrid(const noiseGridPoints &grid, float frequency, const Add &add)
     Columns columns;
     alignas(16) RowValues<C> values;
     const auto [nx, ny, nz] = grid.count;
-    for (int first = 0; first < nx; first += kBlock)
+    if (nx <= 0 || ny <= 0 || nz <= 0)
     {
-        fillColumns(columns, grid, frequency, first);
+        return;
+    }
+    for (int64_t first = 0; first < nx; first += kBlock)
+    {
+        fillColumns(columns, grid, frequency, static_cast<int>(first));
         for (int k = 0; k < nz; ++k)
         {
             const float z = frequency * coordinate(grid, 2, k);
@@ -538,7 +555,7 @@ void overGrid(const noiseGridPoints &grid, float frequency, const Add &add)
                 const float y = frequency * coordinate(grid, 1, j);
                 const Places yz = placesOf(_mm_setr_ps(0.0F, y, z, 0.0F));
                 noiseRowHere(values, columns, yz);
-                const size_t row = (static_cast<size_t>(k) * ny + j) * nx + first;
+                const size_t row = (static_cast<size_t>(k) * ny + j) * nx + static_cast<size_t>(first);
                 for (int i = 0; i < columns.count; ++i)
                 {
                     add(row + i, values, i);

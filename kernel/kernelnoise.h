@@ -4,12 +4,13 @@
  * gradient are continuous everywhere.
  *
  * The lattice repeats every 4096 units along each axis. Coordinates are moved by +10000 and rounded to single precision
- * before anything else, so near the origin they count in steps of 1/1024, and further out in coarser ones. Any value is
+ * before anything else, so near the origin they count in steps of 1/1024, and far out in coarser ones. Any value is
  * accepted; where 32-bit integers do not reach, and for NaN, the noise is that of some lattice point.
  *
  * All that evaluates noise needs the tables: call noiseInitialize first, and go on only if it returned 1. Evaluation
  * allocates nothing, reports nothing, and may run in several threads and processes at once; initialisation and release may
- * not run beside it or each other.
+ * not run beside it or each other. Processes share the tables that were made before they were forked: one of them releases
+ * them, when none evaluates noise any more, and the others must not use or release them then.
  */
 #ifndef TOLVIN_KERNEL_KERNELNOISE_H
 #define TOLVIN_KERNEL_KERNELNOISE_H
@@ -22,10 +23,12 @@ extern "C" {
 
 /*
  * Make the two tables in the shared arena, where they are missing: a permutation shuffled by the C library's rand() after
- * srand(0), and coefficients in [-1, 1] from CRC-16 sums. The same tables every time and in every process.
+ * srand(0), and coefficients in [-1, 1] from CRC-16 sums. The same tables every time, provided that no other thread calls
+ * rand() or srand() meanwhile.
  *
  * Restarts the process's rand() sequence on every call, also when nothing has to be made. Returns 1 when both tables exist;
- * 0, with an "Error" line, when one could not be allocated: what was made stays, and a later call tries again.
+ * 0, with an "Error" line, when one could not be allocated, for want of room or of the arena itself: what was made stays,
+ * and a later call tries again.
  */
 TOLVIN_API int noiseInitialize(void);
 
@@ -50,7 +53,8 @@ TOLVIN_API void turbulence3D(float result[3], float x, float y, float z, float a
 
 /*
  * Addition: a regular grid of points for the functions below. Point (i, j, k) has the coordinates origin + index * step
- * of each axis, product and sum rounded to single precision. A count of 0 or less on any axis makes an empty grid.
+ * of each axis; index, product and sum are rounded to single precision. A count of 0 or less on any axis makes an empty
+ * grid.
  */
 typedef struct noiseGridPoints
 {
@@ -61,10 +65,10 @@ typedef struct noiseGridPoints
 
 /*
  * Additions: the four functions above at every point of a grid, bit for bit what a loop over the points gives, in a
- * fraction of the time; with AVX2 where the processor has it.
+ * fraction of the time if there are four points or more along x; with AVX2 where the processor has it.
  *
  * result  written: one value (of three components for the vector forms) per point, x fastest, then y, then z. It must not
- *         overlap grid. An empty grid writes nothing.
+ *         overlap grid. An empty grid writes nothing, and result may be null.
  */
 TOLVIN_API void noiseGrid(double *result, const noiseGridPoints *grid);
 TOLVIN_API void turbulenceGrid(double *result, const noiseGridPoints *grid, float amplitudeFactor,
@@ -86,8 +90,8 @@ TOLVIN_API int noiseCrc16(const void *bytes, int count);
 TOLVIN_API int R(float vector[3]);
 
 /*
- * result = vector divided by its length; (0, 0, 1) when the length is not greater than 1e-8 (NaN included). result may be
- * vector itself.
+ * result = vector divided by its length; (0, 0, 1) when the length is not greater than 1e-8 (NaN included). Components
+ * that are infinite give NaN. result may be vector itself.
  */
 TOLVIN_API void VNormalize(float result[3], const float vector[3]);
 
