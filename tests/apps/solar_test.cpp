@@ -9,7 +9,6 @@
 
 #include <erfa.h>
 #include <erfam.h>
-#include <libnova/libnova.h>
 
 #include <cmath>
 #include <cstdio>
@@ -133,33 +132,6 @@ TEST(Solar, AgreesWithErfaInOurTime)
         const Horizontal reference = erfaHorizontal(date, place);
         ASSERT_NEAR(direction.elevation, reference.elevation, 2.0 * kArcsecond);
         ASSERT_LT(angleBetween(direction.azimuth, reference.azimuth) * std::cos(direction.elevation), 2.0 * kArcsecond);
-    }
-}
-
-// Ephemeris of libnova, referred to the ecliptic of 2000; precession of J. Vondrak et al. 2011, nutation IAU 2000A.
-TEST(Solar, AgreesWithLibnovaFromAntiquityOn)
-{
-    std::mt19937 random(2);
-    std::uniform_real_distribution<> dates(parseDate("-0500-01-01"), parseDate("3000-12-31"));
-    for (int i = 0; i < 500; ++i)
-    {
-        const double date = dates(random);
-        const double tt = terrestrialTime(date);
-        ln_helio_posn ofJ2000;
-        ln_get_solar_geom_coords(kEpoch + tt, &ofJ2000);
-        const double epoch = 2000.0 + (tt - 36525.0) / 365.25;
-        double ra, dec, longitude, latitude, dpsi, deps, equator[3], ecliptic[3];
-        eraLteceq(2000.0, ofJ2000.L * kDegree, ofJ2000.B * kDegree, &ra, &dec);
-        eraLteqec(epoch, ra, dec, &longitude, &latitude);
-        eraNut00a(kEpoch, tt, &dpsi, &deps);
-        eraLtpequ(epoch, equator);
-        eraLtpecl(epoch, ecliptic);
-
-        const ApparentSun sun = apparentSun(date);
-        ASSERT_LT(angleBetween(sun.longitude, longitude + dpsi - 20.49552 * kArcsecond / ofJ2000.R), 5.0 * kArcsecond);
-        ASSERT_NEAR(sun.latitude, latitude, kArcsecond);
-        ASSERT_NEAR(sun.trueObliquity, std::acos(eraPdp(equator, ecliptic)) + deps, 3.0 * kArcsecond) << date;
-        ASSERT_NEAR(sun.distance, ofJ2000.R, 5e-6);
     }
 }
 
