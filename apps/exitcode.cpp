@@ -1,5 +1,6 @@
 #include "exitcode.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
@@ -21,6 +22,15 @@ int exitCodeOf(const std::function<void()> &work)
         const bool mendable = dynamic_cast<const std::runtime_error *>(&error) != nullptr &&
                               dynamic_cast<const std::system_error *>(&error) == nullptr;
         return mendable ? 2 : 1;
+    }
+}
+
+void flushOutput()
+{
+    errno = EIO; // in case that it failed before, and why is forgotten
+    if (std::ferror(stdout) != 0 || std::fflush(stdout) != 0)
+    {
+        throw std::system_error(errno, std::generic_category(), "standard output");
     }
 }
 

@@ -11,4 +11,7 @@ namespace tolvin
 // it.
 int exitCodeOf(const std::function<void()> &work);
 
+// Flushes standard output. Throws std::system_error when something that was written there has not arrived.
+void flushOutput();
+
 } // namespace tolvin

@@ -3,6 +3,7 @@
 #include "exitcode.h"
 #include "noisepicture.h"
 #include "optionrange.h"
+#include "outputfile.h"
 #include "pngfile.h"
 
 #include <tolvin/kernel/kernelnoise.h>
@@ -38,7 +39,7 @@ struct NoiseOptions
     std::string file;
     std::string size = "512x512";
     std::string scale = "64";
-    std::string origin = "0,0";
+    std::string origin = "7.3,11.6"; // not on the lattice, where all octaves meet
     std::string ramp = "grey";
     bool vector = false;
     double bump = 1.0;
@@ -162,7 +163,7 @@ public:
     StopOnSignal &operator=(const StopOnSignal &) = delete;
 
 private:
-    static constexpr std::array kSignals = {SIGINT, SIGTERM};
+    static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     struct sigaction former_[kSignals.size()];
 };
 
@@ -222,6 +223,10 @@ public:
 
     void run()
     {
+        if (!std::filesystem::path(options_.file).has_filename() || (options_.frames > 1 && !mayBeNumbered()))
+        {
+            throw std::runtime_error("file " + options_.file + ": expected the name of a file");
+        }
         if (options_.stretch)
         {
             findRange();
@@ -255,6 +260,14 @@ public:
     }
 
 private:
+    // A device or a pipe cannot take several pictures.
+    bool mayBeNumbered() const
+    {
+        std::error_code error;
+        const auto status = std::filesystem::status(options_.file, error);
+        return !std::filesystem::exists(status) || std::filesystem::is_regular_file(status);
+    }
+
     NoiseSlice sliceOf(std::uint32_t frame) const
     {
         return NoiseSlice(view_, form_, static_cast<double>(frame) / options_.frames);
@@ -317,15 +330,17 @@ void runNoise(const NoiseOptions &options)
         writer.run();
         summary = writer.summary();
     }
-    if (!options.quiet && (std::printf("%s\n", summary.c_str()) < 0 || std::fflush(stdout) != 0))
+    // Behind a picture on standard output the line would be part of it.
+    if (!options.quiet && descriptorNamed(options.file) != STDOUT_FILENO)
     {
-        throw std::system_error(errno, std::generic_category(), "standard output");
+        std::printf("%s\n", summary.c_str());
+        flushOutput();
     }
 }
 
 void addNoiseOptions(CLI::App &command, NoiseOptions &o)
 {
-    command.add_option("file,--out", o.file, "PNG file to write")->required();
+    command.add_option("file", o.file, "PNG file to write")->required();
     command.add_option("--size", o.size, "WIDTHxHEIGHT in pixels, each up to 16384");
     command.add_option("--scale", o.scale,
                        "PIXELS per unit of the noise's lattice, or ACROSS,DOWN; beyond about 1000 the steps of "
@@ -339,11 +354,14 @@ void addNoiseOptions(CLI::App &command, NoiseOptions &o)
     command.add_option("--frequency-factor", o.view.frequencyFactor, "from each layer to the next")
         ->check(within(0.0, 16.0));
     command.add_flag("--tile", o.view.tile, "let the picture continue at its opposite edges");
-    command
-        .add_option("--frames", o.frames, "pictures of an animation through z that runs in a loop: FILE-000.png ...")
-        ->check(within(1, 100000));
-    command.add_option("--depth", o.depth, "lattice units of z from the start of the loop to its end")
-        ->check(within(0.001, 4096.0));
+    CLI::Option *const frames =
+        command
+            .add_option("--frames", o.frames,
+                        "pictures of an animation through z that runs in a loop: FILE-000.png ...")
+            ->check(within(1, 100000));
+    command.add_option("--depth", o.depth, "lattice units of z from the start of the loop to its end; best some units")
+        ->check(within(0.001, 4096.0))
+        ->needs(frames);
     command.add_flag("--quiet", o.quiet, "print nothing when all went well");
 }
 

@@ -1,116 +1,20 @@
 #include "pngfile.h"
 
+#include "outputfile.h"
+
 #include <cerrno>
 #include <csetjmp>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
-#include <utility>
 
 #include <png.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace tolvin
 {
 
 namespace
 {
-
-namespace fs = std::filesystem;
-
-// A file that is written beside the one it replaces.
-class OutputFile
-{
-public:
-    explicit OutputFile(const std::string &file) : name_(file), target_(file)
-    {
-        std::error_code error;
-        if (const fs::path pointee = fs::canonical(target_, error); !error)
-        {
-            target_ = pointee; // a symbolic link stays one
-        }
-        const fs::file_status status = fs::status(target_, error);
-        const bool exists = fs::exists(status);
-        direct_ = exists && !fs::is_regular_file(status);
-        // A file that is protected against writing is not to be replaced either.
-        if (!exists || access(target_.c_str(), W_OK) == 0)
-        {
-            stream_ = direct_ ? std::fopen(target_.c_str(), "wb")
-                              : openBeside(exists ? static_cast<mode_t>(status.permissions()) : newFileMode());
-        }
-        if (stream_ == nullptr)
-        {
-            throw std::runtime_error(name_ + ": " + std::generic_category().message(errno));
-        }
-    }
-
-    ~OutputFile()
-    {
-        if (stream_ != nullptr)
-        {
-            std::fclose(stream_);
-        }
-        if (!direct_ && !complete_)
-        {
-            std::remove(written_.c_str());
-        }
-    }
-
-    OutputFile(const OutputFile &) = delete;
-    OutputFile &operator=(const OutputFile &) = delete;
-
-    std::FILE *stream() const
-    {
-        return stream_;
-    }
-
-    void complete()
-    {
-        if (std::fclose(std::exchange(stream_, nullptr)) != 0 ||
-            (!direct_ && std::rename(written_.c_str(), target_.c_str()) != 0))
-        {
-            throw std::system_error(errno, std::generic_category(), name_);
-        }
-        complete_ = true;
-    }
-
-private:
-    static mode_t newFileMode()
-    {
-        const mode_t mask = umask(0); // there is no other way to read it
-        umask(mask);
-        return 0666 & ~mask;
-    }
-
-    std::FILE *openBeside(mode_t mode)
-    {
-        written_ = (target_.parent_path() / ".tolvin-XXXXXX").string();
-        const int descriptor = mkstemp(written_.data());
-        if (descriptor < 0)
-        {
-            return nullptr;
-        }
-        fchmod(descriptor, mode);
-        std::FILE *const stream = fdopen(descriptor, "wb");
-        if (stream == nullptr)
-        {
-            close(descriptor);
-            std::remove(written_.c_str());
-            errno = ENOMEM; // all that can fail there
-        }
-        return stream;
-    }
-
-    std::string name_; // as the caller knows it
-    fs::path target_;
-    std::string written_; // as long as it is not complete
-    bool direct_;
-    bool complete_ = false;
-    std::FILE *stream_ = nullptr;
-};
 
 // What went wrong inside libpng: an error number of the system, or a text.
 struct Fault

@@ -27,8 +27,7 @@ struct PictureShape
 // The bytes of row y, which need to last until the next call only. Rows are asked for once each, from the top.
 using PictureRows = std::function<const std::uint8_t *(std::uint32_t y)>;
 
-// Writes the picture. A regular file takes its name when it is complete: until then, and whenever something fails,
-// what had that name stays as it was. Devices and pipes are written as they are.
+// Writes the picture, as an OutputFile.
 //
 // Throws std::runtime_error when the file cannot be made or the picture is of no size that PNG knows, std::system_error
 // when writing fails on the way (both name the file), and what rows throws.

@@ -3,6 +3,7 @@
 #include "disinput.h"
 #include "exitcode.h"
 #include "optionrange.h"
+#include "outputfile.h"
 #include "runstatistics.h"
 #include "trackmap.h"
 #include "udp.h"
@@ -10,15 +11,11 @@
 #include <tolvin/kernel/tolvin.h>
 #include <tolvin/performer/pf.h>
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace tolvin
@@ -174,10 +171,7 @@ void writeMap(const std::string &file, const Tracks &tracks, std::uint64_t entit
     char title[96];
     std::snprintf(title, sizeof title, "%llu entities in %.0f seconds", static_cast<unsigned long long>(entities),
                   seconds);
-    if (!writeTrackMap(file, tracks.all(), title))
-    {
-        throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
-    }
+    writeTrackMap(file, tracks.all(), title);
 }
 
 // Frames until the duration, the frame count or a signal ends them.
@@ -229,25 +223,11 @@ void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receive
         }
     }
     statistics->printTables(stdout, input.counts(), input.entities(), receiver.dropped());
-    if (std::fflush(stdout) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "standard output");
-    }
+    flushOutput();
     if (!options.map.empty())
     {
         writeMap(options.map, tracks, input.counts().entered, time);
     }
-}
-
-// An hour's run should not end with a map that cannot be written.
-void checkMap(const std::string &file)
-{
-    std::FILE *const map = std::fopen(file.c_str(), "a");
-    if (map == nullptr)
-    {
-        throw std::runtime_error(file + ": the map cannot be written: " + std::strerror(errno));
-    }
-    std::fclose(map);
 }
 
 void run(const RunOptions &options)
@@ -255,7 +235,7 @@ void run(const RunOptions &options)
     UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
     if (!options.map.empty())
     {
-        checkMap(options.map);
+        const OutputFile map(options.map); // an hour's run should not end with a map that cannot be written
     }
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);

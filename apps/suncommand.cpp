@@ -9,15 +9,12 @@
 #include "timescale.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
 namespace tolvin
@@ -30,10 +27,10 @@ constexpr double kJulianDateOfMjd0 = 2415020.0;
 
 struct SunOptions
 {
-    std::string date;
+    std::optional<std::string> date;
     std::string zone = "Z";
     Place place{};
-    std::string plot;
+    std::optional<std::string> plot;
 };
 
 // Text of at most 95 characters, as printf makes it.
@@ -53,6 +50,14 @@ void printRow(const char *name, const std::string &value, const std::string &rem
 std::string degreesText(double radians, const char *format = "%12.5f deg")
 {
     return formatted(format, radians / kDegree);
+}
+
+// An angle from 0 to 360 degrees, which is 0 as well.
+std::string turnText(double radians, int decimals)
+{
+    const double unit = std::pow(10.0, -decimals);
+    const double degrees = std::round(radians / kDegree / unit) * unit;
+    return formatted("%12.*f deg", decimals, degrees < 360.0 ? degrees : 0.0);
 }
 
 std::string arcsecondsText(double radians)
@@ -92,7 +97,7 @@ void printTime(double date, double zone)
     }
     std::printf("\nTime\n");
     printRow(delta.taiMinusUtc != 0 ? "UTC" : "UT1", dateText(date));
-    printRow("in the zone", dateText(date + zone), zoneText(zone));
+    printRow("in the zone", dateText(date + zone), zoneText(date, zone));
     printRow("Delta T (TT - UT)", formatted("%.3f s", delta.seconds), source);
     printRow("Julian Date (TT)", formatted("%14.6f", tt + kJulianDateOfMjd0));
     printRow("library MJD (TT)", formatted("%14.6f", tt));
@@ -101,7 +106,7 @@ void printTime(double date, double zone)
 void printGeocentric(double date, const ApparentSun &sun)
 {
     std::printf("\nSun from the centre of the Earth, apparent, equinox of date\n");
-    printRow("ecliptic longitude", degreesText(sun.longitude));
+    printRow("ecliptic longitude", turnText(sun.longitude, 5));
     printRow("ecliptic latitude", degreesText(sun.latitude, "%+12.5f deg"));
     printRow("distance", formatted("%12.7f AU", sun.distance));
     printRow("right ascension", hoursText(sun.rightAscension));
@@ -121,7 +126,7 @@ void printHorizontal(double date, const ApparentSun &sun, const Place &place)
     const double elevation = topocentricElevation(direction, sun);
     std::printf("\nSun from the place\n");
     printRow("hour angle", degreesText(direction.hourAngle, "%+12.4f deg"));
-    printRow("azimuth (north 0, east 90)", degreesText(direction.azimuth, "%12.4f deg"));
+    printRow("azimuth (north 0, east 90)", turnText(direction.azimuth, 4));
     printRow("elevation without air", degreesText(elevation, "%+12.4f deg"));
     printRow("elevation with refraction", direction.elevation < kRiseElevation
                                               ? std::string("     (below the horizon)")
@@ -197,7 +202,7 @@ void printDay(double start, double zone, const Place &place, const DayEvents &da
     }
     std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.date < b.date; });
 
-    std::printf("\nDay %s, times of the zone %s\n", dayText(start + zone).c_str(), zoneText(zone).c_str());
+    std::printf("\nDay %s, times of the zone %s\n", dayText(start + zone).c_str(), zoneText(start, zone).c_str());
     for (const Row &row : rows)
     {
         printRow(row.name.c_str(), durationText(row.date - start), row.detail);
@@ -226,30 +231,25 @@ double parsed(const char *option, const std::string &text, Parse parse)
 
 void runSun(const SunOptions &options)
 {
-    const double date = options.date.empty() ? currentDate() : parsed("--date", options.date, parseDate);
+    const double date = options.date ? parsed("--date", *options.date, parseDate) : currentDate();
     const double zone = parsed("--zone", options.zone, parseZone);
-    if (!options.plot.empty() && !options.plot.ends_with(".svg"))
+    if (options.plot && !options.plot->ends_with(".svg"))
     {
-        throw std::runtime_error("--plot " + options.plot + ": expected a name that ends in .svg");
+        throw std::runtime_error("--plot " + *options.plot + ": expected a name that ends in .svg");
     }
     const Place place = {options.place.latitude, std::remainder(options.place.longitude, 360.0)};
 
     const double start = midnight(date, zone);
     ApparentSun sun;
     DayEvents day;
-    std::optional<int> plotError;
     {
         const QuietStandardError quiet;
         sun = apparentSun(date);
         day = eventsOfDay(start, place);
-        if (!options.plot.empty() && !writeSunPlot(options.plot, date, zone, place))
+        if (options.plot)
         {
-            plotError = errno;
+            writeSunPlot(*options.plot, date, zone, place);
         }
-    }
-    if (plotError)
-    {
-        throw std::runtime_error("--plot " + options.plot + ": cannot be written: " + std::strerror(*plotError));
     }
 
     std::printf("Sun at %s\n", placeText(place).c_str());
@@ -257,10 +257,7 @@ void runSun(const SunOptions &options)
     printGeocentric(date, sun);
     printHorizontal(date, sun, place);
     printDay(start, zone, place, day);
-    if (std::fflush(stdout) != 0)
-    {
-        throw std::system_error(errno, std::generic_category(), "standard output");
-    }
+    flushOutput();
 }
 
 } // namespace
@@ -269,15 +266,15 @@ void addSunCommand(CLI::App &app, int &exitCode)
 {
     const auto options = std::make_shared<SunOptions>();
     CLI::App *const command =
-        app.add_subcommand("sun", "Print where the sun is and when it rises and sets, and draw its day and year");
+        app.add_subcommand("sun", "print where the sun is and when it rises and sets, and draw its day and year");
     command->add_option(
         "--date", options->date,
-        "Date in UTC: YYYY-MM-DD, alone (12:00) or with THH:MM[:SS[.fraction]][Z]; years -2000 to 3000 without a "
+        "date in UTC: YYYY-MM-DD, alone (12:00) or with THH:MM[:SS[.fraction]][Z]; years -2000 to 3000 without a "
         "year 0, Julian calendar before 1582-10-15 (default: now)");
-    command->add_option("--lat", options->place.latitude, "Latitude, degrees north")
+    command->add_option("--lat", options->place.latitude, "latitude, degrees north")
         ->required()
         ->check(within(-90.0, 90.0));
-    command->add_option("--lon", options->place.longitude, "Longitude, degrees east")
+    command->add_option("--lon", options->place.longitude, "longitude, degrees east")
         ->required()
         ->check(within(-360.0, 360.0));
     command
@@ -285,7 +282,7 @@ void addSunCommand(CLI::App &app, int &exitCode)
                      "+HH:MM or -HH:MM from UTC, or Z: for the times printed, and for which day is listed")
         ->capture_default_str();
     command->add_option("--plot", options->plot,
-                        "Draw the day's path over the sky and the year's analemma into this SVG file");
+                        "draw the day's path over the sky and the year's analemma into this SVG file");
     command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runSun(*options); }); });
 }
 

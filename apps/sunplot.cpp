@@ -1,5 +1,6 @@
 #include "sunplot.h"
 
+#include "outputfile.h"
 #include "svg.h"
 #include "timescale.h"
 
@@ -97,6 +98,31 @@ Pixel pixelOf(const Horizontal &direction)
     return pixelAt(direction.azimuth, direction.elevation);
 }
 
+// Draws those parts of a path that are up. A step beyond the horizon belongs to them, as the sky's edge cuts it; far
+// below, close to the nadir, the way from step to step would lead across the sky.
+void drawAbove(std::FILE *out, const std::vector<Horizontal> &path, const char *attributes)
+{
+    constexpr double kBelow = -3.0 * kDegree; // more than a step
+    std::vector<Pixel> part;
+    for (const Horizontal &direction : path)
+    {
+        if (direction.elevation >= kBelow)
+        {
+            part.push_back(pixelOf(direction));
+            continue;
+        }
+        if (!part.empty())
+        {
+            drawPath(out, part, attributes);
+        }
+        part.clear();
+    }
+    if (!part.empty())
+    {
+        drawPath(out, part, attributes);
+    }
+}
+
 void drawGrid(std::FILE *out)
 {
     std::fprintf(
@@ -123,10 +149,10 @@ void drawGrid(std::FILE *out)
     std::fputs("</g>\n", out);
 }
 
-void drawElevations(std::FILE *out, const Place &place)
+void drawElevations(std::FILE *out, const ApparentSun &sun, const Place &place)
 {
     // On the side where the sun is not, or only low.
-    const double azimuth = (place.latitude >= 0.0 ? 15.0 : 165.0) * kDegree;
+    const double azimuth = (place.latitude * kDegree >= sun.declination ? 15.0 : 165.0) * kDegree;
     for (const int degrees : {30, 60})
     {
         const Pixel at = pixelAt(azimuth, degrees * kDegree);
@@ -144,12 +170,12 @@ void drawSeasons(std::FILE *out, const Place &place, double obliquityNow)
     std::fputs("<g fill='none' stroke='#9aa3ad' stroke-width='1.4'>\n", out);
     for (int season = -1; season <= 1; ++season)
     {
-        std::vector<Pixel> path;
+        std::vector<Horizontal> path;
         for (int degrees = -180; degrees <= 180; degrees += 2)
         {
-            path.push_back(pixelOf(horizontalOf(degrees * kDegree, season * obliquityNow, place.latitude * kDegree)));
+            path.push_back(horizontalOf(degrees * kDegree, season * obliquityNow, place.latitude * kDegree));
         }
-        drawPath(out, path, dashes[season + 1]);
+        drawAbove(out, path, dashes[season + 1]);
     }
     std::fputs("</g>\n", out);
 }
@@ -171,6 +197,7 @@ Pixel labelAt(const std::vector<Pixel> &path, std::size_t step)
 void drawDay(std::FILE *out, double start, const Place &place)
 {
     constexpr int kSteps = 24 * kStepsPerHour;
+    std::vector<Horizontal> directions;
     std::vector<Pixel> path; // with one step more on either side
     std::vector<std::size_t> fullHours;
     for (int step = -1; step <= kSteps + 1; ++step)
@@ -182,6 +209,7 @@ void drawDay(std::FILE *out, double start, const Place &place)
             fullHours.push_back(path.size());
         }
         path.push_back(pixelOf(direction));
+        directions.push_back(direction);
     }
     std::vector<Mark> marks;
     marks.reserve(fullHours.size());
@@ -189,8 +217,9 @@ void drawDay(std::FILE *out, double start, const Place &place)
     {
         marks.push_back({path[step], labelAt(path, step), std::to_string((step - 1) / kStepsPerHour)});
     }
-    const std::vector<Pixel> day(path.begin() + 1, path.end() - 1);
-    drawPath(out, day, "fill='none' stroke='#1f6fb4' stroke-width='2.5' stroke-linejoin='round' clip-path='url(#sky)'");
+    const std::vector<Horizontal> day(directions.begin() + 1, directions.end() - 1);
+    drawAbove(out, day,
+              "fill='none' stroke='#1f6fb4' stroke-width='2.5' stroke-linejoin='round' clip-path='url(#sky)'");
     drawMarks(out, marks);
 }
 
@@ -208,7 +237,7 @@ void draw(std::FILE *out, double date, double zone, const ApparentSun &sun, cons
     std::fputs("<g clip-path='url(#sky)'>\n", out);
     drawSeasons(out, place, sun.trueObliquity);
     std::fputs("</g>\n", out);
-    drawElevations(out, place);
+    drawElevations(out, sun, place);
     drawDay(out, midnight(date, zone), place);
     drawNow(out, date, sun, place);
 }
@@ -355,9 +384,10 @@ std::string placeText(const Place &place)
 void drawTitles(std::FILE *out, double date, double zone, bool up, const Place &place)
 {
     drawText(out, {42.0, 38.0}, "font-size='20' fill='#222'",
-             "The sun at " + placeText(place) + " on " + dateText(date + zone) + " " + zoneText(zone));
+             "The sun at " + placeText(place) + " on " + dateText(date + zone) + " " + zoneText(date, zone));
     drawText(out, {42.0, 70.0}, "font-size='14' fill='#222'",
-             "The day: dots at the full hours of " + zoneText(zone) + (up ? "" : "; the sun is below the horizon"));
+             "The day: dots at the full hours of " + zoneText(date, zone) +
+                 (up ? "" : "; the sun is below the horizon"));
     drawText(out, {analemma::kLeft, 70.0}, "font-size='14' fill='#222'", "The year: dots on the first of each month");
 }
 
@@ -388,20 +418,18 @@ void drawLegend(std::FILE *out)
 
 } // namespace
 
-bool writeSunPlot(const std::string &file, double date, double zone, const Place &place)
+void writeSunPlot(const std::string &file, double date, double zone, const Place &place)
 {
-    std::FILE *const out = std::fopen(file.c_str(), "w");
-    if (out == nullptr)
-    {
-        return false;
-    }
+    OutputFile picture(file);
+    std::FILE *const out = picture.stream();
     const ApparentSun sun = apparentSun(date);
     beginSvg(out, kWidth, kHeight);
     drawTitles(out, date, zone, horizontal(date, sun, place).elevation >= kRiseElevation, place);
     sky::draw(out, date, zone, sun, place);
     analemma::draw(out, date, zone);
     drawLegend(out);
-    return endSvg(out);
+    endSvg(out);
+    picture.complete();
 }
 
 } // namespace tolvin

@@ -10,7 +10,7 @@ namespace tolvin
 
 // Two panels: the sun's path over the sky on the civil day of the zone that the date lies in, with full hours of the
 // zone and the sun at the date, over grey paths at the solstices and equinoxes; and the year's analemma for the time
-// of day, with the date marked. Returns false when the file cannot be written; the reason is then in errno.
-bool writeSunPlot(const std::string &file, double date, double zone, const Place &place);
+// of day, with the date marked. Throws as OutputFile does.
+void writeSunPlot(const std::string &file, double date, double zone, const Place &place);
 
 } // namespace tolvin

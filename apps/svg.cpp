@@ -34,11 +34,9 @@ void beginSvg(std::FILE *out, double width, double height)
                  width, height, width, height, width, height);
 }
 
-bool endSvg(std::FILE *out)
+void endSvg(std::FILE *out)
 {
     std::fputs("</svg>\n", out);
-    const bool written = std::ferror(out) == 0;
-    return std::fclose(out) == 0 && written;
 }
 
 } // namespace tolvin

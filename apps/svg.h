@@ -13,7 +13,6 @@ std::string escaped(const std::string &text);
 // The head of a picture of that many pixels, and its white ground.
 void beginSvg(std::FILE *out, double width, double height);
 
-// Ends the picture and closes the file. False when a part of it could not be written; the reason is then in errno.
-bool endSvg(std::FILE *out);
+void endSvg(std::FILE *out);
 
 } // namespace tolvin

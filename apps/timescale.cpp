@@ -146,7 +146,7 @@ double takeDay(std::string_view &rest, const std::string &text)
     }
     if (year == 1582 && month == 10 && day > 4 && day < 15)
     {
-        refuse(text, "none of the days from 1582-10-05 to 1582-10-14, which the calendar leaves out");
+        refuse(text, "a day before 1582-10-05 or after 1582-10-14: the calendar leaves out those between");
     }
     return vutimeGetMJD(day, static_cast<std::uint16_t>(month), year);
 }
@@ -235,12 +235,16 @@ std::string durationText(double days)
     return text;
 }
 
-std::string zoneText(double zone)
+std::string zoneText(double date, double zone)
 {
     const int minutes = static_cast<int>(std::lround(std::abs(zone) * 1440.0));
+    if (minutes == 0)
+    {
+        return deltaT(date).taiMinusUtc != 0 ? "UTC" : "UT1";
+    }
     char text[32];
     std::snprintf(text, sizeof text, "%c%02d:%02d", zone < 0.0 ? '-' : '+', minutes / 60, minutes % 60);
-    return minutes == 0 ? "UTC" : text;
+    return text;
 }
 
 double midnight(double date, double zone)

@@ -18,11 +18,11 @@ double parseZone(const std::string &text);
 
 double currentDate(); // whole seconds
 
-std::string dayText(double date);          // 2026-06-21
-std::string dateText(double date);         // 2026-06-21 14:03:20, to the nearest second
-std::string durationText(double days);     // 14:03:20 likewise; 24:00:00 for a day
-std::string zoneText(double zone);         // +02:00, or UTC
-double midnight(double date, double zone); // the last one in that zone, at the date or before
+std::string dayText(double date);               // 2026-06-21
+std::string dateText(double date);              // 2026-06-21 14:03:20, to the nearest second
+std::string durationText(double days);          // 14:03:20 likewise; 24:00:00 for a day
+std::string zoneText(double date, double zone); // +02:00, or what universal time is at the date: UTC or UT1
+double midnight(double date, double zone);      // the last one in that zone, at the date or before
 
 // Terrestrial Time minus universal time.
 struct DeltaT

@@ -1,5 +1,6 @@
 #include "trackmap.h"
 
+#include "outputfile.h"
 #include "svg.h"
 
 #include <algorithm>
@@ -232,7 +233,7 @@ void SampledTrack::add(const Vector3 &position)
     positions_.push_back(position);
 }
 
-bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks, const std::string &title)
+void writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks, const std::string &title)
 {
     const LocalFrame plane = planeAtCentre(tracks);
     std::vector<Path> extrapolated;
@@ -244,11 +245,8 @@ bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks,
     }
     const Frame frame = frameAround(reported);
 
-    std::FILE *const out = std::fopen(file.c_str(), "w");
-    if (out == nullptr)
-    {
-        return false;
-    }
+    OutputFile picture(file);
+    std::FILE *const out = picture.stream();
     drawHead(out, title);
     drawAxes(out, frame);
     std::fprintf(out, "<clipPath id='area'><rect x='%.1f' y='%.1f' width='%.1f' height='%.1f'/></clipPath>\n", kLeft,
@@ -262,7 +260,8 @@ bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks,
         std::fprintf(out, "<text x='%.1f' y='%.1f' font-size='18' text-anchor='middle'>no entity was heard</text>\n",
                      kLeft + kSize / 2.0, kTop + kSize / 2.0);
     }
-    return endSvg(out);
+    endSvg(out);
+    picture.complete();
 }
 
 } // namespace tolvin

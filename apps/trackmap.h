@@ -37,8 +37,8 @@ struct MapTrack
 };
 
 // Writes the tracks as an SVG picture, in metres east and north of the centre of all reported positions, on a plane
-// that touches the ellipsoid there. title stands above it. Returns false when the file cannot be written; the reason
-// is then in errno. Without any position the picture says so.
-bool writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks, const std::string &title);
+// that touches the ellipsoid there. title stands above it. Without any position the picture says so. Throws as
+// OutputFile does.
+void writeTrackMap(const std::string &file, const std::vector<MapTrack> &tracks, const std::string &title);
 
 } // namespace tolvin

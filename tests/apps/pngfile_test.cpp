@@ -124,6 +124,11 @@ TEST_F(PngFile, ReplacesNeitherLinksNorPipes)
     png_image image;
     EXPECT_EQ(readBack(folder_ / "target.png", image), randomBytes(16));
 
+    std::filesystem::remove(folder_ / "target.png"); // a link to nothing
+    write(folder_ / "link.png", shape, randomBytes(16));
+    EXPECT_TRUE(std::filesystem::is_symlink(folder_ / "link.png"));
+    EXPECT_EQ(readBack(folder_ / "target.png", image), randomBytes(16));
+
     const std::string pipe = folder_ / "pipe";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const int reader = open(pipe.c_str(), O_RDWR | O_NONBLOCK);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -26,7 +27,7 @@ struct Circle
 std::string plotOf(const char *date, double zone, const Place &place)
 {
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_sun_" + std::to_string(getpid()) + ".svg");
-    EXPECT_TRUE(writeSunPlot(file, parseDate(date), zone, place));
+    writeSunPlot(file, parseDate(date), zone, place);
     std::ostringstream text;
     text << std::ifstream(file).rdbuf();
     std::filesystem::remove(file);
@@ -65,6 +66,17 @@ TEST(SunPlot, PutsTheSunWhereItIs)
     EXPECT_TRUE(sun.filled);
     EXPECT_NEAR(sun.x - zenith.x, -110.0, 1.0); // half-way down to the west
     EXPECT_NEAR(sun.y, zenith.y, 1.0);
+    // Where the sun passes the nadir its azimuth leaps: nothing is drawn there, as a line would cross the sky.
+    const std::string honolulu = plotOf("2026-11-28T12:00", -10.0 / 24.0, {21.31, -157.86});
+    std::istringstream path(honolulu.substr(honolulu.find("clip-path='url(#sky)' d='M") + 26));
+    double x, y;
+    char command = 'L';
+    for (int points = 0; command == 'L'; ++points)
+    {
+        path >> x >> y >> command;
+        EXPECT_LT(std::hypot(x - zenith.x, y - zenith.y), 220.0 * 93.1 / 90.0) << points;
+        EXPECT_LT(points, 13 * 12); // the path of 11 hours by five minutes
+    }
     const std::string night = plotOf("2026-03-20T23:00", 0.0, place);
     EXPECT_FALSE(circleAfter(night, start, 8.0).filled);
     EXPECT_NE(night.find("below the horizon"), std::string::npos);
@@ -82,5 +94,5 @@ TEST(SunPlot, DrawsAnyPlaceAndYear)
             EXPECT_EQ(svg.find("inf"), std::string::npos) << date;
         }
     }
-    EXPECT_FALSE(writeSunPlot("/nonexistent/folder/sun.svg", 46000.0, 0.0, {0.0, 0.0}));
+    EXPECT_THROW(writeSunPlot("/nonexistent/folder/sun.svg", 46000.0, 0.0, {0.0, 0.0}), std::runtime_error);
 }
