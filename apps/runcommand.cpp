@@ -1,5 +1,6 @@
 #include "runcommand.h"
 
+#include "description.h"
 #include "disinput.h"
 #include "exitcode.h"
 #include "optionrange.h"
@@ -28,6 +29,8 @@ using SteadyClock = std::chrono::steady_clock;
 
 struct RunOptions
 {
+    std::string scene; // description file, may be empty
+    bool list = false;
     double duration = 0.0; // seconds, 0 for no end
     std::uint64_t frames = 0;
     double rate = 0.0; // frames per second, 0 for that of the options record
@@ -68,6 +71,37 @@ RootPtr makeRoot()
     initRootNode(root.get());
     return root;
 }
+
+// The materials and textures of the description file, as long as they are needed.
+class Surfaces
+{
+public:
+    Surfaces(const RunOptions &options, vuRootNode &root) : root_(root)
+    {
+        if (!options.scene.empty())
+        {
+            readDescriptionFile(options.scene, root);
+            materialListLoadList(&root);
+            textureListLoadList(&root);
+        }
+        if (options.list)
+        {
+            materialListPrintList(&root, stdout);
+            textureListPrintList(&root, stdout);
+        }
+    }
+
+    ~Surfaces()
+    {
+        releaseSurfaces(root_);
+    }
+
+    Surfaces(const Surfaces &) = delete;
+    Surfaces &operator=(const Surfaces &) = delete;
+
+private:
+    vuRootNode &root_;
+};
 
 // Drives the simulation clock from the monotonic one, so that a correction of the wall clock never moves an entity, and
 // puts arrival times, which the network gives on the wall clock, onto it.
@@ -242,6 +276,7 @@ void run(const RunOptions &options)
     pfArenaInfo info;
     {
         const RootPtr root = makeRoot();
+        const Surfaces surfaces(options, *root);
         DisInputOptions inputOptions = options.input;
         inputOptions.exercise = static_cast<std::uint8_t>(options.exercise);
         DisInput input(*root, inputOptions, printNotice);
@@ -263,6 +298,8 @@ void addRunCommand(CLI::App &app, int &exitCode)
         app.add_subcommand("run", "Run the frame loop: show entities that DIS reports, move them");
     // The last one counts, so that scripts/run can hand options on that it gives itself.
     command->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    command->add_option("scene", options->scene, "Description file: materials and textures to load");
+    command->add_flag("--list", options->list, "Print what was loaded of it");
     command->add_option("--duration", options->duration, "Seconds to run; 0 runs until interrupted")
         ->check(within(0.0, 1e9))
         ->capture_default_str();

@@ -1,4 +1,5 @@
 // The tolvin command.
+#include "imagecommand.h"
 #include "noisecommand.h"
 #include "runcommand.h"
 #include "sendcommand.h"
@@ -16,6 +17,7 @@ int main(int argc, char **argv)
     tolvin::addSendCommand(app, exitCode);
     tolvin::addSunCommand(app, exitCode);
     tolvin::addNoiseCommand(app, exitCode);
+    tolvin::addImageCommand(app, exitCode);
     try
     {
         app.parse(argc, argv);

@@ -1,7 +1,15 @@
+// Without this, stat fails on the 32-bit target for files above 2 GiB and for inode numbers above 2^32.
+#define _FILE_OFFSET_BITS 64
+
 #include "kernelutil.h"
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <libgen.h>
+#include <sys/stat.h>
 
 namespace
 {
@@ -54,6 +62,52 @@ void print(bool prefixed, const char *level, const char *file, int line, const c
     text[prefix + message] = '\n';
     fwrite(text, 1, prefix + message + 1, stderr);
 }
+
+// Room for a candidate of findFilePathName, its terminating NUL included.
+constexpr size_t kPathSize = 512;
+
+int32_t indiCount = -1;
+
+// A copy of the first <directory>/<component> that is a usable file; null when there is none.
+char *findInDirectories(const char *directories, const char *component)
+{
+    const size_t componentLength = strlen(component);
+    for (const char *directory = directories; directory != nullptr;)
+    {
+        const char *end = strchrnul(directory, ':');
+        const size_t length = end - directory;
+        if (length + 1 + componentLength < kPathSize)
+        {
+            char candidate[kPathSize];
+            memcpy(candidate, directory, length);
+            candidate[length] = '/';
+            memcpy(candidate + length + 1, component, componentLength + 1);
+            if (fileExist(candidate) != 0)
+            {
+                return strdup(candidate);
+            }
+        }
+        directory = *end == ':' ? end + 1 : nullptr;
+    }
+    return nullptr;
+}
+
+char *findComponent(const char *env, const char *component)
+{
+    if (*component == '/')
+    {
+        ++component;
+    }
+    if (*component == '\0')
+    {
+        return nullptr;
+    }
+    if (fileExist(component) != 0)
+    {
+        return strdup(component);
+    }
+    return findInDirectories(env != nullptr ? getenv(env) : nullptr, component);
+}
 } // namespace
 
 void vu_warn(const char *level, const char *file, int line, const char *format, ...)
@@ -70,4 +124,62 @@ void vuMessage(const char *level, const char *file, int line, const char *format
     va_start(args, format);
     print(level != nullptr, level, file, line, format, args);
     va_end(args);
+}
+
+int fileExist(const char *path)
+{
+    struct stat status = {};
+    return path != nullptr && stat(path, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0 ? 1 : 0;
+}
+
+char *findFilePathName(const char *env, const char *path)
+{
+    if (path == nullptr)
+    {
+        return nullptr;
+    }
+    char *copy = strdup(path);
+    if (copy == nullptr || fileExist(path) != 0)
+    {
+        return copy;
+    }
+    // basename may write to its argument and returns a part of it, or a constant.
+    char *found = findComponent(env, basename(copy));
+    free(copy);
+    return found;
+}
+
+char *stripsuffix(char *dst, const char *src, const char *suffix)
+{
+    const size_t length = strlen(src);
+    const size_t suffixLength = strlen(suffix);
+    if (length < suffixLength || strcmp(src + length - suffixLength, suffix) != 0)
+    {
+        return nullptr;
+    }
+    // dst may be src.
+    memmove(dst, src, length - suffixLength);
+    dst[length - suffixLength] = '\0';
+    return dst;
+}
+
+void eatwhite(FILE *stream)
+{
+    int next = getc(stream);
+    while (next == '\r' || next == '\n' || next == '\t' || next == ' ')
+    {
+        next = getc(stream);
+    }
+    ungetc(next, stream); // does nothing at the end
+}
+
+void busyIndicator(void)
+{
+    constexpr char kPhases[] = {'|', '/', '-', '\\'};
+    ++indiCount;
+    fprintf(stderr, "%c\b", kPhases[indiCount]);
+    if (indiCount == 3)
+    {
+        indiCount = -1;
+    }
 }

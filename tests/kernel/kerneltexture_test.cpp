@@ -1,0 +1,282 @@
+#include "support/capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <dlfcn.h>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/resource.h>
+#include <tolvin/kernel/kerneltexture.h>
+#include <tolvin/performer/pf.h>
+
+static int allocations = 0, refusedAllocation = 0; // counted from 1
+static const void *watchedTexels = nullptr;
+static pfTexture *held = nullptr;
+static vuTexture earliest;
+static const int earliestId = textureInit(&earliest, nullptr);
+
+static const void *imageOf(const pfTexture *tex)
+{
+    unsigned int *image = nullptr;
+    pfGetTexImage(tex, &image, nullptr, nullptr, nullptr, nullptr);
+    return image;
+}
+
+extern "C" void *pfMalloc(size_t bytes, void *arena)
+{
+    static const auto platformMalloc = reinterpret_cast<decltype(&pfMalloc)>(dlsym(RTLD_NEXT, "pfMalloc"));
+    void *block = ++allocations == refusedAllocation ? nullptr : platformMalloc(bytes, arena);
+    return block != nullptr ? memset(block, 0x5A, bytes) : nullptr;
+}
+
+extern "C" void pfFree(void *block)
+{
+    static const auto platformFree = reinterpret_cast<decltype(&pfFree)>(dlsym(RTLD_NEXT, "pfFree"));
+    EXPECT_TRUE(block == nullptr || block != watchedTexels || imageOf(held) == nullptr);
+    platformFree(block);
+}
+
+static size_t blocksInUse()
+{
+    pfArenaInfo info;
+    pfGetArenaInfo(&info);
+    return info.blocksInUse;
+}
+
+// What this module printed, its prefix without name and line, and without the lines of the image reader.
+static std::string messages(const std::function<void()> &action)
+{
+    std::istringstream printed(capturedStderr(action));
+    std::string kept;
+    for (std::string line; getline(printed, line);)
+    {
+        const bool readers = line.find(" Swap") < line.size() || line.find(" ImageGetData") < line.size();
+        kept += readers ? "" : line.substr(line.starts_with("kerneltexture:") ? line.find(' ') + 1 : 0) + "\n";
+    }
+    return kept;
+}
+
+static std::string loadLine(const vuTexture *t)
+{
+    const auto low = [](const void *pointer) { return unsigned(reinterpret_cast<uintptr_t>(pointer) & 0xFFFFFFFF); };
+    char line[99];
+    snprintf(line, 99, "\"%s\" <%s> 0x%08x 0x%08x\n", t->node.name, t->file, low(t->image), low(t->tex));
+    return std::string("Debug: Load Texture ") + line;
+}
+
+// An image of two rows, not encoded, whose bytes are all its width.
+static void writeImage(const char *path, char width, char components)
+{
+    const char header[] = {1, '\xDA', 0, 1, 0, 3, 0, width, 0, 2, 0, components};
+    std::ofstream(path) << std::string(header, 12) + std::string(500, 0) + std::string(2 * width * components, width);
+}
+
+struct Textures : testing::Test
+{
+    size_t blocks = (pfGetSharedArena(), blocksInUse());
+    vuRootNode root = {};
+    vuTextureList list, other;
+    std::string folder = testing::TempDir() + "texturesXXXXXX";
+
+    Textures()
+    {
+        std::filesystem::current_path(mkdtemp(folder.data()));
+        std::filesystem::create_directory("t");
+        std::filesystem::create_directory("p");
+        writeImage("t/rgb", 3, 3);
+        writeImage("p/rgb", 5, 3);
+        writeImage("p/rgba", 2, 4);
+        std::ofstream("t/broken") << std::string(600, ' ');
+        setenv("TEXTURE_PATH", "t", 1);
+        setenv("PFPATH", "p", 1);
+        textureListInit(&list, "one");
+        textureListInit(&other, "two");
+        vunodeAppend(&root.textureLists, &list.node);
+        vunodeAppend(&root.textureLists, &other.node);
+    }
+    ~Textures() override
+    {
+        std::filesystem::remove_all(folder);
+        freeAll();
+        pfFree(list.node.name);
+        pfFree(other.node.name);
+        EXPECT_EQ(blocksInUse(), blocks);
+    }
+    static vuTexture *add(vuTextureList &to, const char *name, const char *file)
+    {
+        auto *texture = static_cast<vuTexture *>(pfMalloc(sizeof(vuTexture), pfGetSharedArena()));
+        textureInit(texture, name);
+        texture->file = const_cast<char *>(file);
+        vunodeAppend(&to.list, &texture->node);
+        return texture;
+    }
+    std::string load(int expected)
+    {
+        return messages([&] { EXPECT_EQ(textureListLoadList(&root), expected); });
+    }
+    void freeAll()
+    {
+        messages([&] { textureFreeAll(&list), textureFreeAll(&other); });
+        pfFree(std::exchange(list.textures, nullptr));
+        pfFree(std::exchange(other.textures, nullptr));
+    }
+};
+
+TEST_F(Textures, SearchesAndCounts)
+{
+    vuTexture *nameless = add(list, nullptr, nullptr), *a = add(list, "a", "twin"), *twin = add(other, "a", "twin");
+    vuTexture *b = add(other, "b", "last"), *found = a;
+    vuTextureList *holder = &list;
+    EXPECT_TRUE(earliestId == 0 && a->node.type == 16 && !a->tex && !a->image && a->mask == 0 &&
+                a->id == nameless->id + 1 && b->id == a->id + 2 && a->colour1[0] == 0.5F);
+    EXPECT_TRUE(list.node.type == 15 && list.fps == 25 && texturesCount(&list) == 2 && textureListsCount(&root) == 2);
+    EXPECT_TRUE(textureFindNamed(&other, "a") == twin && textureFindFilename(&other, "twin") == twin);
+    EXPECT_TRUE(!textureFindNamed(&list, "b") && !textureFindFilename(&list, "last"));
+    EXPECT_TRUE(textureListFindNamed(&root, "two") == &other && !textureListFindNamed(&root, "Two"));
+    EXPECT_TRUE(textureListSearchTextureNamed(&root, "a") == a && !textureListSearchTextureNamed(&root, "last"));
+    EXPECT_TRUE(textureListSearchTextureFilename(&root, "last") == b && !textureListSearchTextureFilename(&root, "a"));
+    EXPECT_TRUE(!textureListSearchTextureAndList(&root, "c", &found, &holder) && found == a && holder == &list);
+    EXPECT_TRUE(textureListSearchTextureAndList(&root, "b", &found, &holder) && found == b && holder == &other);
+    EXPECT_EQ(capturedStderr([] { texturesCount(nullptr); }), "NULL Texturelist\n");
+}
+
+TEST_F(Textures, AttributesReachThePlatformTexture)
+{
+    vuTexture *t = add(list, "t", nullptr);
+    const auto applied = [t]
+    {
+        pfTexture *tex = pfNewTex(nullptr);
+        std::ostringstream text;
+        text << messages([&] { textureApplyAttributes(tex, t); }) << std::hex << pfGetTexRepeat(tex, PFTEX_WRAP_S)
+             << ' ' << pfGetTexRepeat(tex, PFTEX_WRAP_T) << ' ' << pfGetTexFilter(tex, PFTEX_MINFILTER) << ' '
+             << pfGetTexFilter(tex, PFTEX_MAGFILTER) << ' ' << pfGetTexFormat(tex, PFTEX_INTERNAL_FORMAT);
+        pfDelete(tex);
+        return text.str();
+    };
+    const std::string warning = "Warning: ", clamp = "2900 2900 ", linear = clamp + "2000 2000 ";
+    const std::string repeat[] = {clamp, "Debug: Repeat S\n2901 2900 ", "Debug: Repeat T\n2900 2901 ",
+                                  "Debug: Repeat ST\n2901 2901 "};
+    for (uint32_t bits = 0; bits < 4; ++bits)
+    {
+        t->mask = bits << 4 | 0xFFFFFFCF;
+        EXPECT_EQ(applied(), repeat[bits] + "2000 2000 0");
+    }
+    t->mask = 0;
+    const char *const minFilters[] = {"2000", "1000", "2000", "2000", "4010", "4010", "8010", "2000"};
+    for (t->minFilter = t->magFilter = -1; t->minFilter < 7; t->magFilter = ++t->minFilter)
+    {
+        EXPECT_EQ(applied(), clamp + minFilters[t->minFilter + 1] + (t->magFilter == 0 ? " 1000 0" : " 2000 0"));
+    }
+    std::istringstream formats("LUMINANCE 1 8040 LUMINANCE 1 8040 LUMINANCE_ALPHA 2 8045 LUMINANCE4_ALPHA4 2 8045 "
+                               "LUMINANCE12_ALPHA4 2 8046 LUMINANCE16_ALPHA16 2 8046 INTENSITY 1 8040 "
+                               "INTENSITY 1 8040 RGB -1 - RGB4 3 804f RGB -1 - RGBA 4 8058 RGBA4 4 8056 "
+                               "RGB5_A1 4 8057 RGBA 4 8058");
+    std::string name, value;
+    int accepted = 0;
+    for (t->internal = 1; formats >> name >> accepted >> value; ++t->internal)
+    {
+        for (t->components = 0; t->components <= 4; ++t->components)
+        {
+            const std::string mismatch = warning + "\"t\": Internal mode mismatch " + name + " not supported for " +
+                                         std::to_string(t->components) + " components\n" + linear + "0";
+            EXPECT_EQ(applied(), t->components == accepted ? linear + value : mismatch);
+        }
+    }
+    for (const int16_t code : {16, -1, 0})
+    {
+        t->internal = code;
+        EXPECT_EQ(applied(), (code != 0 ? warning + "Internal mode mismatch on texture \"t\"\n" : "") + linear + "0");
+    }
+}
+
+TEST_F(Textures, DumpsAreDescriptions)
+{
+    add(list, "plain", nullptr);
+    vuTexture *full = add(list, "full", "road.rgb"), *odd = add(other, nullptr, "");
+    *full = {full->node, full->file, nullptr, 0, 0, 0x30, -7, 256, 128, 2, 0, 0, 0, 4, 0, {}, {}, nullptr};
+    *odd = {odd->node, odd->file, nullptr, 0, 0, 0xFFFFFFEF, 0, -1, 0, 0, 3, -1, 0, 16, 0, {}, {}, nullptr};
+    other.mask = 3;
+    other.fps = 29.97;
+    char text[999];
+    FILE *stream = fmemopen(text, sizeof text, "w");
+    textureListPrintList(&root, stream);
+    fclose(stream);
+    EXPECT_STREQ(text, "\nTEXTURELIST \"one\" {\n  TEXTURE \"plain\" { #   No texturefile specified!\n\n"
+                       "    MIN_FILTER LINEAR MAG_FILTER LINEAR   } # 0 0x0x0\n"
+                       "  TEXTURE \"full\" { \"road.rgb\" \n    WRAP_S WRAP_T INTERNAL LUMINANCE4_ALPHA4 "
+                       "MIN_FILTER NEAREST MAG_FILTER NEAREST   } # -7 256x128x2\n}\n"
+                       "\nTEXTURELIST \"two\" {\n  FPS  29.97\n"
+                       "  TEXTURE \"(null)\" { \"\" \n    WRAP_T   } # 0 -1x0x0\n}\n");
+}
+
+TEST_F(Textures, LoadingSearchesPathsInOrderAndReportsFailures)
+{
+    const auto openFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = openFiles();
+    vuTexture *a = add(list, "a", "x/rgb"), *none = add(list, "none", nullptr), *gone = add(list, "gone", "gone");
+    vuTexture *broken = add(list, "broken", "broken"), *b = add(other, "b", "rgba");
+    a->mask = VU_TEXTURE_WRAP_S;
+    broken->image = static_cast<uint8_t *>(pfMalloc(1, pfGetSharedArena())); // of an earlier try
+    const std::string missing = "Warning: \033[31munable to find texture \"gone\"\033[0m\n", printed = load(2);
+    EXPECT_EQ(printed, "Debug: Repeat S\n" + loadLine(a) + missing + loadLine(broken) + loadLine(b));
+    EXPECT_TRUE(!none->tex && !gone->tex && !broken->tex && imageOf(a->tex) == a->image && pfGetRef(a->tex) == 1);
+    EXPECT_EQ(std::string(a->image, a->image + a->width * a->height * a->components), std::string(18, 3));
+    EXPECT_EQ(load(0),
+              "Texture \"a\" already loaded\n" + missing + loadLine(broken) + "Texture \"b\" already loaded\n");
+    EXPECT_EQ(openFiles(), before);
+    freeAll();
+
+    // A file that is there but cannot be opened.
+    add(list, "a", "rgba");
+    rlimit files;
+    getrlimit(RLIMIT_NOFILE, &files);
+    const rlimit noFiles = {0, files.rlim_max};
+    const auto load = [&]
+    { setrlimit(RLIMIT_NOFILE, &noFiles), textureLoadList(&list), setrlimit(RLIMIT_NOFILE, &files); };
+    EXPECT_EQ(messages(load), "Warning: \033[31munable to open texturefile \"p/rgba\" for reading\033[0m\n");
+}
+
+// Five allocations, an image and a texture for each and then the array, of which one after another fails.
+TEST_F(Textures, WhatCouldNotBeLoadedIsLoadedLater)
+{
+    const std::string made[] = {"11111", "00111", "10111", "11001", "11101", "11110"};
+    for (int refused = 0; refused <= 5; ++refused)
+    {
+        vuTexture *a = add(list, "a", "rgb"), *b = add(list, "b", "rgba");
+        const int loaded = made[refused][1] + made[refused][3] - 2 * '0';
+        refusedAllocation = allocations + refused;
+        load(loaded);
+        std::string got;
+        for (const void *block : std::initializer_list<void *>{a->image, a->tex, b->image, b->tex, list.textures})
+        {
+            got += block != nullptr ? '1' : '0';
+        }
+        EXPECT_TRUE(got == made[refused] && list.numTextures == loaded) << got << " without allocation " << refused;
+        vuTexture *c = add(list, "c", "rgb");
+        load(3 - loaded);
+        EXPECT_EQ(std::vector(list.textures, list.textures + 3), std::vector({a, b, c}));
+        load(0);
+        EXPECT_TRUE(list.numTextures == 0 && list.textures[2] == c && other.textures == nullptr);
+        freeAll();
+        EXPECT_EQ(blocksInUse(), blocks + 2) << "only the names of the lists";
+    }
+}
+
+TEST_F(Textures, FreeAllTakesTheTexelsFromThoseWhoGoOnDrawing)
+{
+    const vuTexture *t = add(list, "held", "rgb");
+    add(list, nullptr, "rgba");
+    load(2);
+    watchedTexels = t->image;
+    held = t->tex;
+    vuTexture **array = list.textures;
+    pfRef(held);
+    EXPECT_EQ(messages([&] { textureFreeAll(&list); }), "Texture: free held\nTexture: free (null)\n");
+    watchedTexels = nullptr;
+    EXPECT_TRUE(pfGetRef(held) == 1 && imageOf(held) == nullptr && texturesCount(&list) == 0);
+    EXPECT_TRUE(list.numTextures == 2 && list.textures == array);
+    pfUnref(held);
+    EXPECT_EQ(pfDelete(held), 1);
+}
