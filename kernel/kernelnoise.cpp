@@ -134,7 +134,6 @@ struct CornersOf
 };
 
 using Floats4 = CornersOf<4>::Floats;
-using Floats8 = CornersOf<8>::Floats;
 
 template<size_t n>
 using Floats = typename CornersOf<n>::Floats;
