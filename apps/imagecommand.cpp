@@ -133,13 +133,6 @@ std::string headerText(const fs::path &file)
     return text.str();
 }
 
-bool hasImageName(const fs::path &file)
-{
-    const std::string extension = file.extension();
-    const auto known = {".sgi", ".rgb", ".rgba", ".bw", ".la", ".int", ".inta"};
-    return std::find(known.begin(), known.end(), extension) != known.end();
-}
-
 struct Job
 {
     fs::path in;
@@ -162,7 +155,7 @@ std::vector<Job> jobsOf(const ImageOptions &options)
     std::vector<Job> jobs;
     for (const fs::directory_entry &entry : fs::directory_iterator(options.in))
     {
-        if (entry.is_regular_file() && hasImageName(entry.path()))
+        if (entry.is_regular_file() && hasSgiName(entry.path()))
         {
             jobs.push_back({entry.path(), output(entry.path())});
         }

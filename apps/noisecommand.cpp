@@ -4,7 +4,7 @@
 #include "noisepicture.h"
 #include "optionrange.h"
 #include "outputfile.h"
-#include "pngfile.h"
+#include "picture.h"
 
 #include <tolvin/kernel/kernelnoise.h>
 
@@ -307,7 +307,7 @@ private:
             progress_.countRow();
             return pixels_.data();
         };
-        writePng(nameOf(frame), {view_.width, view_.height, format_}, drawRow);
+        writePicture(nameOf(frame), {view_.width, view_.height, format_}, drawRow);
     }
 
     const NoiseOptions &options_;
@@ -340,7 +340,10 @@ void runNoise(const NoiseOptions &options)
 
 void addNoiseOptions(CLI::App &command, NoiseOptions &o)
 {
-    command.add_option("file", o.file, "PNG file to write")->required();
+    command
+        .add_option("file", o.file,
+                    "file to write: PNG, or an SGI image where its name ends in .sgi, .rgb, .rgba or .bw")
+        ->required();
     command.add_option("--size", o.size, "WIDTHxHEIGHT in pixels, each up to 16384");
     command.add_option("--scale", o.scale,
                        "PIXELS per unit of the noise's lattice, or ACROSS,DOWN; beyond about 1000 the steps of "

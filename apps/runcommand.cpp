@@ -15,6 +15,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -72,6 +74,14 @@ RootPtr makeRoot()
     return root;
 }
 
+// Lets images that lie beside the description file be found, after those along the caller's path.
+void searchBeside(const std::string &file)
+{
+    const char *const path = std::getenv("TEXTURE_PATH");
+    const std::string folder = std::filesystem::absolute(file).parent_path().string();
+    setenv("TEXTURE_PATH", (path == nullptr ? folder : path + (":" + folder)).c_str(), 1);
+}
+
 // The materials and textures of the description file, as long as they are needed.
 class Surfaces
 {
@@ -81,6 +91,7 @@ public:
         if (!options.scene.empty())
         {
             readDescriptionFile(options.scene, root);
+            searchBeside(options.scene);
             materialListLoadList(&root);
             textureListLoadList(&root);
         }

@@ -2,6 +2,8 @@
 
 add_library(tolvin_settings INTERFACE)
 target_compile_features(tolvin_settings INTERFACE cxx_std_20 c_std_11)
+# Without this, files above 2 GiB and inode numbers above 2^32 are out of reach on the 32-bit target.
+target_compile_definitions(tolvin_settings INTERFACE _FILE_OFFSET_BITS=64)
 target_compile_options(tolvin_settings INTERFACE
   -Wall -Wextra -Wshadow
   # Results must not depend on whether the compiler fuses a product with a sum.

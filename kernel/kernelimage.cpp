@@ -1,6 +1,3 @@
-// Offsets in image files are unsigned 32-bit numbers: more than a `long` of the 32-bit target holds.
-#define _FILE_OFFSET_BITS 64
-
 #include "kernelimage.h"
 
 #include <algorithm>
@@ -155,27 +152,27 @@ bool textureGetInfo(vuTexture &texture, ImageHeader &header, FILE *stream)
 
 bool isSupported(const ImageHeader &header)
 {
-    const unsigned bytesPerChannel = header.storage & 0xFF;
-    if (header.xsize != 0 && header.ysize != 0 && header.zsize >= 1 && header.zsize <= kMaxChannels &&
-        (bytesPerChannel == 1 || bytesPerChannel == 2))
+    if (header.xsize != 0 && header.ysize != 0 && header.zsize >= 1 && header.zsize <= kMaxChannels)
     {
         return true;
     }
     vuMessage("Warning", kModule, __LINE__,
-              "SGI image of %d x %d pixels, %d channels of %u byte: expected 1 to 4 channels of 1 or 2 byte",
-              header.xsize, header.ysize, header.zsize, bytesPerChannel);
+              "SGI image of %d x %d pixels, %d channels: expected 1 x 1 pixels or more, 1 to 4 channels", header.xsize,
+              header.ysize, header.zsize);
     return false;
 }
 
-// Read up to `bytes` bytes at a position, fewer when the file ends before.
+// Read up to `bytes` bytes at a position, fewer when the file ends before, as feof tells then, or cannot be read there.
 size_t readAt(FILE *stream, uint64_t position, void *destination, size_t bytes)
 {
+    clearerr(stream);
     return fseeko(stream, static_cast<off_t>(position), SEEK_SET) == 0 ? fread(destination, 1, bytes, stream) : 0;
 }
 
 bool allocateBuffers(ImageHeader &header)
 {
-    header.bytesPerChannel = header.storage & 0xFF;
+    // Writers have left other things in this byte than the 1 that was meant.
+    header.bytesPerChannel = (header.storage & 0xFF) == 2 ? 2 : 1;
     // At the worst, each value has a count of its own.
     header.rowBytes = header.xsize * header.bytesPerChannel * (isRunLength(header) ? 2 : 1);
     const size_t window = std::max(kMaxRead, header.rowBytes) + header.rowBytes + kOvershoot;
@@ -229,7 +226,7 @@ void fill(Window &window, FILE *stream, ImageHeader &header, uint64_t start, siz
     const size_t wanted = std::max(bytes, header.ahead);
     window.start = start;
     window.size = readAt(stream, start, window.bytes, wanted);
-    if (window.size < wanted)
+    if (window.size < wanted && feof(stream) != 0)
     {
         header.end = start + window.size;
     }

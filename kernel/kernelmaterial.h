@@ -1,8 +1,8 @@
 /*
  * Materials described by name, in named lists of the root node; loading makes materials of the platform layer of them.
  *
- * The application fills the records: value fields and mask of each material. Records and names lie in the shared arena,
- * of which materialFreeAll releases materials; lists are their owner's. Change lists from one process and thread at a
+ * The application fills the records: value fields and mask of each material. Records come from pfMalloc, names lie in the shared
+ * arena, too, of which materialFreeAll releases materials; lists are their owner's. Change lists from one process and thread at a
  * time. No argument may be null where nothing else is said.
  */
 #ifndef TOLVIN_KERNEL_KERNELMATERIAL_H
@@ -47,7 +47,7 @@ typedef struct vuMaterialList
     vunode node;
     vulist list;            /* the materials, in the order of the description */
     int32_t numMaterials;   /* made by the last load */
-    vuMaterial **materials; /* all loaded in list order, at least numMaterials, in the shared arena; or null */
+    vuMaterial **materials; /* as many as there are with a mtl, in list order, in the shared arena; or null */
 } vuMaterialList;
 
 /*

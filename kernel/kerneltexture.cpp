@@ -4,6 +4,7 @@
 #include "kernelimage.h"
 #include "kernelutil.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -143,8 +144,10 @@ void applyInternalFormat(pfTexture *tex, const vuTexture *texture)
 // The image file opened for reading; null, and a report, when it is not found or does not open.
 FILE *openImage(const char *file)
 {
+    errno = 0;
     char *path = findFilePathName("TEXTURE_PATH", file);
-    if (path == nullptr)
+    // Where memory ran out, the file may be there; one of the same name along the other path would be the wrong one.
+    if (path == nullptr && errno != ENOMEM)
     {
         path = findFilePathName("PFPATH", file);
     }
@@ -258,6 +261,8 @@ void release(vuTexture *texture)
         pfDelete(texture->tex);
     }
     pfFree(texture->image);
+    texture->image = nullptr; // a record that is no block of the arena stays
+    texture->tex = nullptr;
     pfFree(texture);
 }
 

@@ -2,8 +2,8 @@
  * Textures described by name, in named lists of the root node; loading reads their image files and makes textures of the
  * platform layer of them.
  *
- * The application fills the records: file, mask, filters and internal format of each texture. Records, names and texels lie
- * in the shared arena. Lists, and the file names, are their owner's; textureFreeAll releases the rest. Change lists from one
+ * The application fills the records: file, mask, filters and internal format of each texture. Records come from pfMalloc,
+ * names and texels lie in the shared arena, too. Lists, and the file names, are their owner's; textureFreeAll releases the rest. Change lists from one
  * process and thread at a time. No argument may be null where nothing else is said.
  */
 #ifndef TOLVIN_KERNEL_KERNELTEXTURE_H
@@ -27,6 +27,24 @@ extern "C" {
 /* Bit of vuTextureList.mask. */
 #define VU_TEXTURELIST_FPS 0x01
 
+/*
+ * Values of vuTexture.internal, the names that description files have for them, the number of components that each goes with,
+ * and what is set then. Three set something else than their name says.
+ *
+ *   0          -                    any   nothing
+ *   1, 2       LUMINANCE            1     GL_LUMINANCE8
+ *   3          LUMINANCE_ALPHA      2     GL_LUMINANCE8_ALPHA8
+ *   4          LUMINANCE4_ALPHA4    2     GL_LUMINANCE8_ALPHA8
+ *   5          LUMINANCE12_ALPHA4   2     GL_LUMINANCE12_ALPHA4
+ *   6          LUMINANCE16_ALPHA16  2     GL_LUMINANCE12_ALPHA4
+ *   7, 8       INTENSITY            1     GL_LUMINANCE8
+ *   9, 11      RGB                  none  nothing
+ *   10         RGB4                 3     GL_RGB4
+ *   12, 15     RGBA                 4     GL_RGBA8
+ *   13         RGBA4                4     GL_RGBA4
+ *   14         RGB5_A1              4     GL_RGB5_A1
+ */
+
 /* One texture. */
 typedef struct vuTexture
 {
@@ -40,10 +58,10 @@ typedef struct vuTexture
     int32_t width;     /* of the image, set by reading it */
     int32_t height;
     int16_t components; /* bytes a texel */
-    int16_t minFilter;  /* 0 nearest, 1 and others linear, 3 and 4 and 5 with mipmaps (textureApplyAttributes) */
+    int16_t minFilter;  /* 0 nearest, 3 and 4 the filter 0x4010, 5 the filter 0x8010, others linear */
     int16_t magFilter;  /* 0 nearest, others linear */
     int16_t reserved1;
-    int16_t internal; /* code of the internal format, 0 to 15; 0 leaves it to the platform layer */
+    int16_t internal; /* code of the internal format, as above; 0 leaves it to the platform layer */
     int16_t reserved2;
     float colour1[4]; /* the application's */
     float colour2[4];
@@ -57,7 +75,7 @@ typedef struct vuTextureList
     uint32_t mask;        /* VU_TEXTURELIST_FPS: fps was described */
     double fps;           /* frames per second */
     int32_t numTextures;  /* loaded by the last load */
-    vuTexture **textures; /* all loaded textures in list order, at least numTextures, in the shared arena; or null */
+    vuTexture **textures; /* as many as there are with a tex, in list order, in the shared arena; or null */
 } vuTextureList;
 
 /*
@@ -71,7 +89,7 @@ TOLVIN_API void textureListInit(vuTextureList *list, const char *name);
 
 /*
  * Load every texture of the list that has a file and no platform texture yet: find the file (findFilePathName along
- * TEXTURE_PATH, then PFPATH), read it (imageLoadSGI), make a platform texture with a reference on it, give it image and
+ * TEXTURE_PATH, then PFPATH unless memory ran out), read it (imageLoadSGI), make a platform texture with a reference on it, give it image and
  * attributes. Returns how many textures were loaded by this call.
  *
  * What cannot be found or opened is reported ("Warning"), what cannot be read as imageLoadSGI tells; both stay unloaded,
@@ -120,7 +138,7 @@ TOLVIN_API int texturesCount(const vuTextureList *list);
 /*
  * Release all textures of the list: for each, prints "Texture: free <name>" on standard error, takes the image away from
  * the platform texture before its texels are released, gives back the reference that loading took, and releases name and
- * record. A platform texture to which nobody else holds a reference is released, too; others stay, without an image. The
+ * record; so whoever puts a platform texture into a record takes a reference for it. A platform texture to which nobody else holds a reference is released, too; others stay, without an image. The
  * list is empty then; numTextures and textures are not touched, so `textures` must not be followed any more. File names
  * stay their owner's.
  */

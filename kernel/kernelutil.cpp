@@ -1,6 +1,3 @@
-// Without this, stat fails on the 32-bit target for files above 2 GiB and for inode numbers above 2^32.
-#define _FILE_OFFSET_BITS 64
-
 #include "kernelutil.h"
 
 #include <cstdarg>
@@ -176,10 +173,7 @@ void eatwhite(FILE *stream)
 void busyIndicator(void)
 {
     constexpr char kPhases[] = {'|', '/', '-', '\\'};
-    ++indiCount;
-    fprintf(stderr, "%c\b", kPhases[indiCount]);
-    if (indiCount == 3)
-    {
-        indiCount = -1;
-    }
+    const int32_t phase = (indiCount + 1) & 3; // never beyond them, even with two threads here
+    indiCount = phase == 3 ? -1 : phase;
+    fprintf(stderr, "%c\b", kPhases[phase]);
 }

@@ -56,7 +56,7 @@ TOLVIN_API char *stripsuffix(char *dst, const char *src, const char *suffix);
 /* Skip carriage returns, line feeds, tabs and blanks, so that the next character read is another one or the end. */
 TOLVIN_API void eatwhite(FILE *stream);
 
-/* Write the next of | / - \ and a backspace to standard error: called over and over, a bar that turns. */
+/* Write the next of | / - \ and a backspace to standard error: called over and over, by one thread, a bar that turns. */
 TOLVIN_API void busyIndicator(void);
 
 #ifdef __cplusplus

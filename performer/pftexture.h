@@ -52,9 +52,11 @@ PF_API void pfTexRepeat(pfTexture *texture, int which, int mode);
 /* The wrap mode of PFTEX_WRAP_S or PFTEX_WRAP_T; of PFTEX_WRAP that of S. */
 PF_API int pfGetTexRepeat(const pfTexture *texture, int which);
 
+/* Set the filter of PFTEX_MAGFILTER or PFTEX_MINFILTER, and read it. Any value is kept. */
 PF_API void pfTexFilter(pfTexture *texture, int which, int value);
 PF_API int pfGetTexFilter(const pfTexture *texture, int which);
 
+/* Set the value of PFTEX_INTERNAL_FORMAT, and read it. Any value is kept. */
 PF_API void pfTexFormat(pfTexture *texture, int which, int value);
 PF_API int pfGetTexFormat(const pfTexture *texture, int which);
 

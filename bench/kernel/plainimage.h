@@ -133,7 +133,7 @@ inline Bytes readSgi(const Bytes &file)
     const auto word = [&](uint64_t place) { return byte(place) << 8 | byte(place + 1); };
     const auto entry = [&](uint64_t place)
     { return place + 4 <= file.size() ? uint64_t{word(place)} << 16 | word(place + 2) : 0; };
-    const uint64_t width = word(6), height = word(8), channels = word(10), step = byte(3);
+    const uint64_t width = word(6), height = word(8), channels = word(10), step = byte(3) == 2 ? 2 : 1;
     Bytes image(width * height * channels);
     for (uint64_t row = 0; row < height * channels; ++row)
     {

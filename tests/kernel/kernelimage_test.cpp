@@ -186,15 +186,22 @@ TEST_F(Image, RefusesWhatItCannotRead)
     EXPECT_EQ(load(Bytes(511, 1)), "Bad magic!\n");
     EXPECT_EQ(load(Bytes(512)), "N Debug: Swap()\n");
     EXPECT_EQ(texture.width, 0);
-    const SgiFormat refused[] = {{0, 2, 1}, {3, 0, 1}, {3, 2, 0}, {3, 2, 5}, {3, 2, 1, true, 3}, {3, 2, 1, true, 0}};
-    for (const auto &[width, height, channels, runLength, bytesPerChannel, rows] : refused)
+    const SgiFormat refused[] = {{0, 2, 1}, {3, 0, 1}, {3, 2, 0}, {3, 2, 5}};
+    for (const SgiFormat &format : refused)
     {
         std::ostringstream expected;
-        expected << "N Debug: Swap()\nN Warning: SGI image of " << width << " x " << height << " pixels, " << channels
-                 << " channels of " << bytesPerChannel << " byte: expected 1 to 4 channels of 1 or 2 byte\n";
-        EXPECT_EQ(load(plain::sgiHeader({width, height, channels, runLength, bytesPerChannel})), expected.str());
+        expected << "N Debug: Swap()\nN Warning: SGI image of " << format.width << " x " << format.height << " pixels, "
+                 << format.channels << " channels: expected 1 x 1 pixels or more, 1 to 4 channels\n";
+        EXPECT_EQ(load(plain::sgiHeader(format)), expected.str());
     }
-    EXPECT_TRUE(texture.width == 3 && texture.height == 2 && texture.components == 1 && texture.image == former);
+    EXPECT_TRUE(texture.width == 3 && texture.height == 2 && texture.components == 5 && texture.image == former);
+
+    // What is said of the bytes of a channel counts where it is 2 only.
+    for (const unsigned bytesPerChannel : {0u, 3u, 255u})
+    {
+        load(joined(plain::sgiHeader({3, 1, 1, false, bytesPerChannel}), {1, 2, 3}));
+        EXPECT_EQ(loaded(), (Bytes{1, 2, 3}));
+    }
 
     // The first is one of 196,604 bytes to whoever counts in 32 bits.
     EXPECT_EQ(load(plain::sgiHeader({65535, 16385, 4})),
@@ -204,6 +211,47 @@ TEST_F(Image, RefusesWhatItCannotRead)
     EXPECT_EQ(load(plain::sgiHeader({65535, 65535, 4, true})),
               "N Debug: Swap()\nN Debug: ImageGetData 16776704 KByte 65535 x 65535\n"
               "N Warning: ImageGetData 0x400000000 65535 x 65535 failed\n");
+}
+
+// Reads that fail in the middle of the rows cost what they would have read, not what comes after it.
+TEST_F(Image, ReadErrorsAreNoEndOfFile)
+{
+    struct Source
+    {
+        Bytes file;
+        size_t at = 0;
+        int reads = 0;
+        static ssize_t read(void *cookie, char *buffer, size_t size)
+        {
+            auto &source = *static_cast<Source *>(cookie);
+            if (++source.reads > 3 && source.reads < 10)
+            {
+                errno = EIO;
+                return -1;
+            }
+            const size_t count = std::min(size, source.file.size() - source.at);
+            memcpy(buffer, source.file.data() + source.at, count);
+            source.at += count;
+            return static_cast<ssize_t>(count);
+        }
+        static int seek(void *cookie, off64_t *offset, int)
+        {
+            static_cast<Source *>(cookie)->at = static_cast<size_t>(*offset);
+            return 0;
+        }
+    };
+    for (const bool runLength : {false, true})
+    {
+        const SgiFormat format = {1000, 600, 1, runLength};
+        const Bytes image = randomImage(format);
+        Source source = {plain::sgiFile(format, image)};
+        FILE *stream = fopencookie(&source, "r", {Source::read, nullptr, Source::seek, nullptr});
+        capturedStderr([&] { imageLoadSGI(&texture, stream); });
+        fclose(stream);
+        const Bytes got = loaded();
+        EXPECT_TRUE(source.reads > 9 && std::equal(got.end() - 300000, got.end(), image.end() - 300000));
+        EXPECT_NE(got, image);
+    }
 }
 
 TEST_F(Image, FailedAllocations)

@@ -1,3 +1,4 @@
+// This program has the modules that load in it, and their allocations are wrapped by the linker.
 #include "support/capture.h"
 
 #include <gtest/gtest.h>
@@ -8,10 +9,13 @@
 #include <fstream>
 #include <sstream>
 #include <sys/resource.h>
+#include <tolvin/bench/kernel/plainimage.h>
 #include <tolvin/kernel/kerneltexture.h>
 #include <tolvin/performer/pf.h>
 
-static int allocations = 0, refusedAllocation = 0; // counted from 1
+// While lists are loaded: allocations from heap and arena, and opened files, counted from 1; and what is in use of the heap.
+static bool isLoading = false;
+static int allocations = 0, refusedAllocation = 0, heapBlocks = 0;
 static const void *watchedTexels = nullptr;
 static pfTexture *held = nullptr;
 static vuTexture earliest;
@@ -24,10 +28,53 @@ static const void *imageOf(const pfTexture *tex)
     return image;
 }
 
+static bool isRefused()
+{
+    const bool refused = isLoading && ++allocations == refusedAllocation;
+    errno = refused ? ENOMEM : errno;
+    return refused;
+}
+
+template<typename Block>
+static Block *counted(Block *block)
+{
+    heapBlocks += isLoading && block != nullptr;
+    return block;
+}
+
+extern "C" {
+void *__real_malloc(size_t);
+char *__real_strdup(const char *);
+FILE *__real_fopen64(const char *, const char *);
+void __real_free(void *);
+
+void *__wrap_malloc(size_t bytes)
+{
+    return isRefused() ? nullptr : counted(__real_malloc(bytes));
+}
+char *__wrap_strdup(const char *text)
+{
+    return isRefused() ? nullptr : counted(__real_strdup(text));
+}
+FILE *__wrap_fopen64(const char *path, const char *mode)
+{
+    return isRefused() ? nullptr : __real_fopen64(path, mode);
+}
+FILE *__wrap_fopen(const char *path, const char *mode)
+{
+    return __wrap_fopen64(path, mode);
+}
+void __wrap_free(void *block)
+{
+    heapBlocks -= isLoading && block != nullptr;
+    __real_free(block);
+}
+}
+
 extern "C" void *pfMalloc(size_t bytes, void *arena)
 {
     static const auto platformMalloc = reinterpret_cast<decltype(&pfMalloc)>(dlsym(RTLD_NEXT, "pfMalloc"));
-    void *block = ++allocations == refusedAllocation ? nullptr : platformMalloc(bytes, arena);
+    void *block = isRefused() ? nullptr : platformMalloc(bytes, arena);
     return block != nullptr ? memset(block, 0x5A, bytes) : nullptr;
 }
 
@@ -66,11 +113,17 @@ static std::string loadLine(const vuTexture *t)
     return std::string("Debug: Load Texture ") + line;
 }
 
-// An image of two rows, not encoded, whose bytes are all its width.
-static void writeImage(const char *path, char width, char components)
+// An image of two rows whose bytes are all its width.
+static void writeImage(const char *path, const plain::SgiFormat &format)
 {
-    const char header[] = {1, '\xDA', 0, 1, 0, 3, 0, width, 0, 2, 0, components};
-    std::ofstream(path) << std::string(header, 12) + std::string(500, 0) + std::string(2 * width * components, width);
+    const plain::Bytes texels(2 * format.width * format.channels, static_cast<uint8_t>(format.width));
+    const plain::Bytes file = plain::sgiFile(format, texels);
+    std::ofstream(path).write(reinterpret_cast<const char *>(file.data()), static_cast<std::streamsize>(file.size()));
+}
+
+static auto openFiles()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 struct Textures : testing::Test
@@ -85,9 +138,9 @@ struct Textures : testing::Test
         std::filesystem::current_path(mkdtemp(folder.data()));
         std::filesystem::create_directory("t");
         std::filesystem::create_directory("p");
-        writeImage("t/rgb", 3, 3);
-        writeImage("p/rgb", 5, 3);
-        writeImage("p/rgba", 2, 4);
+        writeImage("t/rgb", {3, 2, 3});
+        writeImage("p/rgb", {5, 2, 3});
+        writeImage("p/rgba", {9, 2, 4, true});
         std::ofstream("t/broken") << std::string(600, ' ');
         setenv("TEXTURE_PATH", "t", 1);
         setenv("PFPATH", "p", 1);
@@ -130,7 +183,7 @@ TEST_F(Textures, SearchesAndCounts)
     vuTexture *b = add(other, "b", "last"), *found = a;
     vuTextureList *holder = &list;
     EXPECT_TRUE(earliestId == 0 && a->node.type == 16 && !a->tex && !a->image && a->mask == 0 &&
-                a->id == nameless->id + 1 && b->id == a->id + 2 && a->colour1[0] == 0.5F);
+                a->id == nameless->id + 1 && b->id == a->id + 2 && a->colour1[0] == 0.5F && a->colour2[3] == 1);
     EXPECT_TRUE(list.node.type == 15 && list.fps == 25 && texturesCount(&list) == 2 && textureListsCount(&root) == 2);
     EXPECT_TRUE(textureFindNamed(&other, "a") == twin && textureFindFilename(&other, "twin") == twin);
     EXPECT_TRUE(!textureFindNamed(&list, "b") && !textureFindFilename(&list, "last"));
@@ -213,7 +266,6 @@ TEST_F(Textures, DumpsAreDescriptions)
 
 TEST_F(Textures, LoadingSearchesPathsInOrderAndReportsFailures)
 {
-    const auto openFiles = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
     const auto before = openFiles();
     vuTexture *a = add(list, "a", "x/rgb"), *none = add(list, "none", nullptr), *gone = add(list, "gone", "gone");
     vuTexture *broken = add(list, "broken", "broken"), *b = add(other, "b", "rgba");
@@ -238,30 +290,43 @@ TEST_F(Textures, LoadingSearchesPathsInOrderAndReportsFailures)
     EXPECT_EQ(messages(load), "Warning: \033[31munable to open texturefile \"p/rgba\" for reading\033[0m\n");
 }
 
-// Five allocations, an image and a texture for each and then the array, of which one after another fails.
+// One after another fails of all allocations that loading two files and collecting them makes.
 TEST_F(Textures, WhatCouldNotBeLoadedIsLoadedLater)
 {
-    const std::string made[] = {"11111", "00111", "10111", "11001", "11101", "11110"};
-    for (int refused = 0; refused <= 5; ++refused)
+    const auto isWhole = [](const vuTexture *t)
+    {
+        const std::string_view texels(reinterpret_cast<char *>(t->image), 2u * unsigned(t->width * t->components));
+        int size[4];
+        pfGetTexImage(t->tex, nullptr, &size[0], &size[1], &size[2], &size[3]);
+        return imageOf(t->tex) == t->image && size[0] == t->components && size[1] == t->width && size[2] == 2 &&
+               size[3] == 1 && texels.find_first_not_of(char(t->width)) == texels.npos;
+    };
+    const auto before = openFiles();
+    int last = 0, failures = 0;
+    for (int refused = 0; refused <= last; ++refused)
     {
         vuTexture *a = add(list, "a", "rgb"), *b = add(list, "b", "rgba");
-        const int loaded = made[refused][1] + made[refused][3] - 2 * '0';
-        refusedAllocation = allocations + refused;
-        load(loaded);
-        std::string got;
-        for (const void *block : std::initializer_list<void *>{a->image, a->tex, b->image, b->tex, list.textures})
-        {
-            got += block != nullptr ? '1' : '0';
-        }
-        EXPECT_TRUE(got == made[refused] && list.numTextures == loaded) << got << " without allocation " << refused;
+        allocations = heapBlocks = 0;
+        refusedAllocation = refused;
+        int loaded = 0;
+        messages([&] { isLoading = true, loaded = textureListLoadList(&root), isLoading = false; });
+        last = refused == 0 ? allocations : last;
+        EXPECT_TRUE(loaded == (a->tex != nullptr) + (b->tex != nullptr) && list.numTextures == loaded) << refused;
+        EXPECT_TRUE((!a->tex || isWhole(a)) && (!b->tex || isWhole(b))) << "half made without allocation " << refused;
+        EXPECT_TRUE(loaded == 2 || list.textures == nullptr || list.textures[0] == (a->tex ? a : b)) << refused;
+        EXPECT_TRUE(heapBlocks == 0 && openFiles() == before) << "leaked without allocation " << refused;
+        failures += loaded < 2 || list.textures == nullptr;
         vuTexture *c = add(list, "c", "rgb");
         load(3 - loaded);
         EXPECT_EQ(std::vector(list.textures, list.textures + 3), std::vector({a, b, c}));
+        EXPECT_TRUE(isWhole(a) && isWhole(b) && isWhole(c));
         load(0);
         EXPECT_TRUE(list.numTextures == 0 && list.textures[2] == c && other.textures == nullptr);
         freeAll();
         EXPECT_EQ(blocksInUse(), blocks + 2) << "only the names of the lists";
     }
+    EXPECT_GT(last, 14) << "each file has a path, a stream, buffers, texels and a platform texture";
+    EXPECT_EQ(failures, last);
 }
 
 TEST_F(Textures, FreeAllTakesTheTexelsFromThoseWhoGoOnDrawing)
