@@ -1,19 +1,22 @@
 #include "description.h"
 
+#include "inputfile.h"
+#include "quietstderr.h"
+
 #include <tolvin/kernel/kernelmaterial.h>
 #include <tolvin/kernel/kerneltexture.h>
 #include <tolvin/performer/pf.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <new>
 #include <optional>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 
 namespace tolvin
@@ -45,6 +48,8 @@ class Scanner
 public:
     explicit Scanner(std::string_view text) : rest_(text)
     {
+        constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+        rest_.remove_prefix(text.starts_with(kByteOrderMark) ? kByteOrderMark.size() : 0);
     }
 
     Token next()
@@ -132,6 +137,15 @@ Record *allocate()
         throw std::bad_alloc();
     }
     return static_cast<Record *>(block);
+}
+
+// After the record has its place in a list, which releases it.
+void requireName(const vunode &node)
+{
+    if (node.name == nullptr)
+    {
+        throw std::bad_alloc();
+    }
 }
 
 char *copyOf(std::string_view text)
@@ -255,6 +269,43 @@ constexpr MaterialAttribute kMaterialAttributes[] = {
     {"ALPHA", VU_MATERIAL_ALPHA, [](vuMaterial &m) { return std::span<float>(&m.alpha, 1); }},
 };
 
+// What may begin an item, and so cannot be a value that is wrong.
+constexpr std::string_view kKeywords[] = {"MATERIALLIST", "TEXTURELIST", "MATERIAL",   "TEXTURE",   "FPS",   "AMBIENT",
+                                          "DIFFUSE",      "SPECULAR",    "EMISSIVE",   "SHININESS", "ALPHA", "WRAP_S",
+                                          "WRAP_T",       "INTERNAL",    "MIN_FILTER", "MAG_FILTER"};
+
+// A filter that dumps have no name for; it is drawn as LINEAR is.
+constexpr std::int16_t kFilterNotGiven = 2;
+
+bool looksLikeNumber(const Token &token)
+{
+    return token.kind == TokenKind::Word &&
+           std::string_view("+-.0123456789").find(token.text[0]) != std::string_view::npos;
+}
+
+// As much of a text as an error needs, on one line of plain characters.
+std::string shown(std::string_view text)
+{
+    constexpr std::size_t kMost = 60;
+    std::size_t most = std::min(text.size(), kMost);
+    while (most < text.size() && most > 0 && (text[most] & 0xC0) == 0x80) // inside a character of UTF-8
+    {
+        --most;
+    }
+    std::string plain;
+    for (const char c : text.substr(0, most))
+    {
+        const bool isControl = (c >= 0 && c < ' ') || c == 0x7F;
+        char code[8] = {c};
+        if (isControl)
+        {
+            std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned>(c));
+        }
+        plain += code;
+    }
+    return plain;
+}
+
 class Parser
 {
 public:
@@ -267,17 +318,9 @@ public:
     {
         while (token_.kind != TokenKind::End)
         {
-            if (takeKeyword("MATERIALLIST"))
+            if (!takeList(surfaces))
             {
-                materialList(surfaces.materialLists);
-            }
-            else if (takeKeyword("TEXTURELIST"))
-            {
-                textureList(surfaces.textureLists);
-            }
-            else
-            {
-                refuseItem("MATERIALLIST or TEXTURELIST");
+                refuseList();
             }
         }
         return std::move(errors_);
@@ -296,6 +339,10 @@ private:
         {
             complain("a second quote on the same line");
         }
+        if (token_.kind == TokenKind::Text && token_.text.find('\0') != std::string_view::npos)
+        {
+            complain("a text without zero bytes");
+        }
     }
 
     // Found and expected, at the current token. What comes of an error at the same token is not told.
@@ -311,8 +358,7 @@ private:
 
     std::string found() const
     {
-        constexpr std::size_t kMost = 60;
-        const std::string text(token_.text.substr(0, kMost));
+        const std::string text = shown(token_.text);
         switch (token_.kind)
         {
         case TokenKind::End:
@@ -324,9 +370,14 @@ private:
         }
     }
 
+    bool isKeyword(std::span<const std::string_view> keywords) const
+    {
+        return token_.kind == TokenKind::Word && std::ranges::find(keywords, token_.text) != keywords.end();
+    }
+
     bool takeKeyword(std::string_view keyword)
     {
-        const bool found = token_.kind == TokenKind::Word && token_.text == keyword;
+        const bool found = isKeyword({&keyword, 1});
         if (found)
         {
             advance();
@@ -345,26 +396,66 @@ private:
         return true;
     }
 
-    // Reports a wrong value and goes on behind it.
+    // Reports a wrong value and goes on behind it, or before the item that stands in its place.
     void refuse(const std::string &expected)
     {
         complain(expected);
-        if (token_.kind == TokenKind::Word || token_.kind == TokenKind::Text)
+        if ((token_.kind == TokenKind::Word && !isKeyword(kKeywords)) || token_.kind == TokenKind::Text)
         {
             advance();
+        }
+    }
+
+    // Reports a wrong keyword and goes on behind the texts and numbers that seem to belong to it.
+    void refuseKeyword(const std::string &expected)
+    {
+        complain(expected);
+        advance();
+        while (token_.kind == TokenKind::Text || looksLikeNumber(token_))
+        {
+            advance();
+        }
+    }
+
+    // A block whose keyword is wrong: what is known of it is checked for errors all the same.
+    void refuseList()
+    {
+        refuseKeyword("MATERIALLIST or TEXTURELIST");
+        if (token_.kind != TokenKind::Open)
+        {
+            return;
+        }
+        advance();
+        Surfaces unused;
+        auto *const materials = newList<vuMaterialList>(unused.materialLists, materialListInit, "");
+        auto *const textures = newList<vuTextureList>(unused.textureLists, textureListInit, "");
+        for (int depth = 1; depth > 0;)
+        {
+            if (token_.kind == TokenKind::End)
+            {
+                complain("}");
+                return;
+            }
+            if (takeKeyword("MATERIAL"))
+            {
+                material(materials->list);
+            }
+            else if (takeKeyword("TEXTURE"))
+            {
+                texture(textures->list);
+            }
+            else if (!takeList(unused))
+            {
+                depth += token_.kind == TokenKind::Open ? 1 : token_.kind == TokenKind::Close ? -1 : 0;
+                advance();
+            }
         }
     }
 
     // Reports a wrong keyword and goes on behind what seems to belong to it: texts, numbers, a block.
     void refuseItem(const std::string &expected)
     {
-        complain(expected);
-        advance();
-        while (token_.kind == TokenKind::Text ||
-               (token_.kind == TokenKind::Word && std::strchr("+-.0123456789", token_.text[0]) != nullptr))
-        {
-            advance();
-        }
+        refuseKeyword(expected);
         for (int depth = 0; token_.kind != TokenKind::End && (depth > 0 || token_.kind == TokenKind::Open); advance())
         {
             depth += token_.kind == TokenKind::Open ? 1 : token_.kind == TokenKind::Close ? -1 : 0;
@@ -393,16 +484,14 @@ private:
         return name;
     }
 
-    // Reads items up to the closing brace. item reads one, if it knows its keyword, and returns whether it does.
+    // Reads items up to the closing brace. item reads one, if it knows its keyword, and returns whether it does. Where one
+    // of the keywords stands that begin what is around this block, a brace is missing.
     template<typename Item>
-    void block(const char *expected, const Item &item)
+    void block(std::span<const std::string_view> around, const char *expected, const Item &item)
     {
         while (token_.kind != TokenKind::Close)
         {
-            // A list cannot begin within another one: here a brace is missing.
-            const bool beginsList =
-                token_.kind == TokenKind::Word && (token_.text == "MATERIALLIST" || token_.text == "TEXTURELIST");
-            if (token_.kind == TokenKind::End || beginsList)
+            if (token_.kind == TokenKind::End || isKeyword(around))
             {
                 complain("}");
                 return;
@@ -416,32 +505,39 @@ private:
         advance();
     }
 
-    bool number(double &value, double most)
+    // range  what numbers up to `most` are called
+    bool number(double &value, double most, const char *range)
     {
         const char *const end = token_.text.data() + token_.text.size();
         const bool isWord = token_.kind == TokenKind::Word;
-        const auto read = isWord ? std::from_chars(token_.text.data(), end, value) : std::from_chars_result{};
-        if (!isWord || read.ec != std::errc() || read.ptr != end || !(std::abs(value) <= most))
+        const auto read = isWord ? std::from_chars(token_.text.data() + (token_.text[0] == '+'), end, value)
+                                 : std::from_chars_result{};
+        const bool isNumber = isWord && read.ptr == end && (read.ec != std::errc() || std::isfinite(value));
+        if (!isNumber || read.ec != std::errc() || std::abs(value) > most)
         {
-            refuse("a number");
+            refuse(isNumber ? std::string("a number in the range of ") + range : "a number");
             return false;
         }
         advance();
         return true;
     }
 
-    bool floats(std::span<float> values)
+    void floats(std::span<float> values)
     {
+        constexpr double kRoundsToMost = std::numeric_limits<float>::max() * (1.0 + 0x1p-26);
         for (float &value : values)
         {
             double wide;
-            if (!number(wide, std::numeric_limits<float>::max()))
+            if (!number(wide, kRoundsToMost, "single precision"))
             {
-                return false;
+                while (looksLikeNumber(token_)) // the others
+                {
+                    advance();
+                }
+                return;
             }
             value = static_cast<float>(wide);
         }
-        return true;
     }
 
     std::optional<int> code(std::span<const NamedCode> codes)
@@ -460,12 +556,35 @@ private:
         return std::nullopt;
     }
 
+    template<typename List>
+    static List *newList(vulist &lists, void (*initialise)(List *, const char *), const std::string &name)
+    {
+        auto *const list = allocate<List>();
+        initialise(list, name.c_str());
+        vunodeAppend(&lists, &list->node);
+        requireName(list->node);
+        return list;
+    }
+
+    bool takeList(Surfaces &surfaces)
+    {
+        if (takeKeyword("MATERIALLIST"))
+        {
+            materialList(surfaces.materialLists);
+            return true;
+        }
+        const bool isTextures = takeKeyword("TEXTURELIST");
+        if (isTextures)
+        {
+            textureList(surfaces.textureLists);
+        }
+        return isTextures;
+    }
+
     void materialList(vulist &lists)
     {
-        auto *const list = allocate<vuMaterialList>();
-        materialListInit(list, blockName().c_str());
-        vunodeAppend(&lists, &list->node);
-        block("MATERIAL or }",
+        auto *const list = newList<vuMaterialList>(lists, materialListInit, blockName());
+        block(kListKeywords, "MATERIAL or }",
               [&]
               {
                   const bool known = takeKeyword("MATERIAL");
@@ -482,7 +601,8 @@ private:
         auto *const material = allocate<vuMaterial>();
         materialInit(material, blockName().c_str());
         vunodeAppend(&list, &material->node);
-        block("AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }",
+        requireName(material->node);
+        block(kItemKeywords, "AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }",
               [&]
               {
                   for (const auto &[keyword, bit, values] : kMaterialAttributes)
@@ -500,15 +620,13 @@ private:
 
     void textureList(vulist &lists)
     {
-        auto *const list = allocate<vuTextureList>();
-        textureListInit(list, blockName().c_str());
-        vunodeAppend(&lists, &list->node);
-        block("FPS, TEXTURE or }",
+        auto *const list = newList<vuTextureList>(lists, textureListInit, blockName());
+        block(kListKeywords, "FPS, TEXTURE or }",
               [&]
               {
                   if (takeKeyword("FPS"))
                   {
-                      number(list->fps, std::numeric_limits<double>::max());
+                      number(list->fps, std::numeric_limits<double>::max(), "double precision");
                       list->mask |= VU_TEXTURELIST_FPS;
                       return true;
                   }
@@ -526,13 +644,16 @@ private:
         auto *const texture = allocate<vuTexture>();
         textureInit(texture, blockName().c_str());
         vunodeAppend(&list, &texture->node);
+        requireName(texture->node);
+        texture->minFilter = texture->magFilter = kFilterNotGiven;
         if (token_.kind == TokenKind::Text)
         {
             texture->file = copyOf(token_.text);
             advance();
         }
         closing_ = {};
-        block("WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }", [&] { return textureAttribute(*texture); });
+        block(kItemKeywords, "WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }",
+              [&] { return textureAttribute(*texture); });
         readRemark(*texture);
     }
 
@@ -585,6 +706,9 @@ private:
         }
     }
 
+    static constexpr std::string_view kItemKeywords[] = {"MATERIALLIST", "TEXTURELIST", "MATERIAL", "TEXTURE"};
+    static constexpr std::span<const std::string_view> kListKeywords{kItemKeywords, 2};
+
     Scanner scanner_;
     Token token_;
     std::string_view closing_; // what stood behind the last closing brace on its line
@@ -606,17 +730,18 @@ std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode 
 
 void readDescriptionFile(const std::string &file, vuRootNode &root)
 {
-    std::ifstream in(file, std::ios::binary);
-    std::ostringstream text;
-    if (!in || !(text << in.rdbuf()))
-    {
-        throw std::runtime_error(file + ": cannot be read, or is empty");
-    }
+    const std::string text = contentOf(file);
+    const QuietStandardError quiet; // the kernel tells what it releases after an error
+    const std::vector<DescriptionError> errors = readDescription(text, root);
     std::string message;
-    for (const auto &[line, column, what] : readDescription(text.str(), root))
+    for (const auto &[line, column, what] : errors)
     {
         message += (message.empty() ? "" : "\n") + file + ':' + std::to_string(line) + ':' + std::to_string(column) +
                    ": " + what;
+    }
+    if (errors.size() == kMostErrors)
+    {
+        message += '\n' + file + ": what is wrong further on is not told";
     }
     if (!message.empty())
     {

@@ -10,7 +10,8 @@
 //
 // White space separates, # begins a comment that ends with the line. Attributes may be left out and stand in any order; the
 // file of a texture comes first. The comment behind a texture, where it has the form above, gives its user value and the
-// size of its image, so that a dump read back and dumped again is the same text.
+// size of its image, so that a dump read back and dumped again is the same text. Filters that dumps have no name for are not
+// told apart then: they become LINEAR, without the name. Numbers have the six digits that dumps give them.
 #pragma once
 
 #include <cstddef>
@@ -25,8 +26,8 @@ namespace tolvin
 
 struct DescriptionError
 {
-    int line; // from 1
-    int column;
+    int line;         // from 1
+    int column;       // from 1, in bytes
     std::string text; // what was found and what was expected
 };
 

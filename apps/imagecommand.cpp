@@ -1,19 +1,21 @@
 #include "imagecommand.h"
 
 #include "exitcode.h"
+#include "inputfile.h"
+#include "outputfile.h"
 #include "pngfile.h"
 #include "quietstderr.h"
+#include "sgifile.h"
+#include "stopsignal.h"
 
 #include <tolvin/kernel/kernelimage.h>
 #include <tolvin/performer/pf.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -39,29 +41,35 @@ struct ImageOptions
     bool quiet = false;
 };
 
-using Stream = std::unique_ptr<std::FILE, decltype([](std::FILE *file) { std::fclose(file); })>;
+SgiHeader headerOf(const std::string &content)
+{
+    const std::optional<SgiHeader> header = sgiHeaderOf(content);
+    if (!header)
+    {
+        throw std::runtime_error("not an SGI image: expected 512 bytes that begin with 01 da");
+    }
+    return *header;
+}
 
-// An image file read by the kernel.
+// An image read by the kernel. Throws std::runtime_error when anything of it is missing.
 class Image
 {
 public:
-    explicit Image(const fs::path &file)
+    explicit Image(std::string content)
     {
-        const Stream stream(std::fopen(file.c_str(), "rb"));
-        if (stream == nullptr)
+        const SgiHeader header = headerOf(content);
+        const bool isReadable =
+            header.width > 0 && header.height > 0 && header.channels > 0 && header.channels <= kMostChannels;
+        // Before the kernel makes room for what the header promises: it takes a file that ends early.
+        const std::string fault = isReadable ? sgiFault(content, header) : "";
+        if (!fault.empty())
         {
-            throw std::runtime_error(file.string() + ": " + std::generic_category().message(errno));
+            throw std::runtime_error(fault);
         }
-        std::string messages;
-        {
-            const QuietStandardError quiet;
-            textureInit(&texture_, nullptr);
-            imageLoadSGI(&texture_, stream.get());
-            messages = quiet.text();
-        }
+        const std::string messages = load(content);
         if (texture_.image == nullptr)
         {
-            throw std::runtime_error(file.string() + ": " + reasonIn(messages));
+            throw std::runtime_error(isReadable ? "no room for its pixels" : reasonIn(messages));
         }
     }
 
@@ -80,10 +88,31 @@ public:
         const auto rowSize = static_cast<std::size_t>(texture_.width) * static_cast<std::size_t>(texture_.components);
         writePng(file,
                  {static_cast<std::uint32_t>(texture_.width), height, static_cast<PixelFormat>(texture_.components)},
-                 [&](std::uint32_t y) { return texture_.image + (height - 1 - y) * rowSize; });
+                 [&](std::uint32_t y)
+                 {
+                     StopOnSignal::check();
+                     return texture_.image + (height - 1 - y) * rowSize;
+                 });
     }
 
 private:
+    static constexpr std::size_t kMostChannels = 4;
+
+    // Returns what the kernel has to say.
+    std::string load(std::string &content)
+    {
+        const std::unique_ptr<std::FILE, int (*)(std::FILE *)> stream(fmemopen(content.data(), content.size(), "rb"),
+                                                                      std::fclose);
+        if (stream == nullptr)
+        {
+            throw std::bad_alloc();
+        }
+        const QuietStandardError quiet;
+        textureInit(&texture_, nullptr);
+        imageLoadSGI(&texture_, stream.get());
+        return quiet.text();
+    }
+
     // The kernel's lines but for those of level "Debug", without their prefix.
     static std::string reasonIn(const std::string &messages)
     {
@@ -91,44 +120,34 @@ private:
         std::string reason;
         for (std::string line; std::getline(lines, line);)
         {
-            const bool isDebug = line.find(" Debug: ") != std::string::npos;
             const std::size_t prefix = line.find(": ");
-            if (!isDebug && !line.empty())
+            if (line.find(" Debug: ") == std::string::npos && prefix != std::string::npos)
             {
-                reason += (reason.empty() ? "" : "; ") + (prefix == std::string::npos ? line : line.substr(prefix + 2));
+                reason += (reason.empty() ? "" : "; ") + line.substr(prefix + 2);
             }
         }
-        return reason.empty() ? "not an SGI image: expected 01 da as its first two bytes" : reason;
+        return reason.empty() ? "cannot be read" : reason;
     }
 
     vuTexture texture_;
 };
 
-// What the first bytes of a file say, be it usable or not.
-std::string headerText(const fs::path &file)
+std::string counted(std::size_t number, const std::string &what)
 {
-    const Stream stream(std::fopen(file.c_str(), "rb"));
-    if (stream == nullptr)
-    {
-        throw std::runtime_error(file.string() + ": " + std::generic_category().message(errno));
-    }
-    std::array<unsigned char, 512> header = {};
-    const std::size_t size = std::fread(header.data(), 1, header.size(), stream.get());
-    const auto word = [&header](std::size_t at) { return header[at] << 8 | header[at + 1]; };
-    if (size < header.size() || word(0) != 474)
-    {
-        throw std::runtime_error(file.string() + ": not an SGI image: expected 512 bytes that begin with 01 da");
-    }
-    const std::string name(reinterpret_cast<const char *>(header.data() + 24),
-                           strnlen(reinterpret_cast<const char *>(header.data() + 24), 80));
+    return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
+}
+
+// What the first bytes of a file say, be it usable or not.
+std::string headerText(const std::string &file, const std::string &content)
+{
+    const SgiHeader header = headerOf(content);
     std::ostringstream text;
-    text << file.string() << ": " << word(6) << " x " << word(8) << ", " << word(10) << " channels of "
-         << int{header[3]} << " bytes, " << (header[2] == 1 ? "run-length encoded" : "verbatim") << ", "
-         << fs::file_size(file) << " bytes";
-    const auto isPrintable = [](unsigned char c) { return c >= ' ' && c < 0x7F; };
-    if (!name.empty() && std::all_of(name.begin(), name.end(), isPrintable))
+    text << file << ": " << header.width << " x " << header.height << ", " << counted(header.channels, "channel")
+         << " of " << counted(header.bytesPerChannel, "byte") << ", "
+         << (header.runLength ? "run-length encoded" : "verbatim") << ", " << counted(content.size(), "byte");
+    if (!header.name.empty())
     {
-        text << ", \"" << name << '"';
+        text << ", \"" << header.name << '"';
     }
     return text.str();
 }
@@ -139,32 +158,58 @@ struct Job
     fs::path out; // empty: describe
 };
 
+bool isFolder(const fs::path &path)
+{
+    std::error_code error;
+    return fs::is_directory(path, error);
+}
+
+// The images in a folder, and what is named so but cannot be followed.
+std::vector<fs::path> imagesIn(const fs::path &folder)
+{
+    std::vector<fs::path> images;
+    std::error_code error;
+    for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
+         entry.increment(error))
+    {
+        std::error_code unknown;
+        const bool isFile = entry->is_regular_file(unknown);
+        if ((isFile || unknown) && hasSgiName(entry->path()))
+        {
+            images.push_back(entry->path());
+        }
+    }
+    if (error)
+    {
+        throw std::runtime_error(folder.string() + ": " + error.message());
+    }
+    if (images.empty())
+    {
+        throw std::runtime_error("input " + folder.string() +
+                                 ": expected images in it, named .sgi, .rgb, .rgba, .bw or so");
+    }
+    std::sort(images.begin(), images.end());
+    return images;
+}
+
 std::vector<Job> jobsOf(const ImageOptions &options)
 {
     const auto output = [&](const fs::path &file)
     { return options.info ? fs::path() : fs::path(options.out) / file.filename().replace_extension(".png"); };
-    if (!fs::is_directory(options.in))
+    if (!isFolder(options.in))
     {
-        const bool intoFolder = fs::is_directory(options.out);
-        return {{options.in, options.info ? fs::path() : intoFolder ? output(options.in) : fs::path(options.out)}};
+        const bool intoFolder = !options.info && isFolder(options.out);
+        return {{options.in, intoFolder ? output(options.in) : fs::path(options.out)}};
     }
-    if (!options.info && !fs::is_directory(options.out))
+    if (!options.info && !isFolder(options.out))
     {
         throw std::runtime_error("output " + options.out + ": expected a folder, as the input is one");
     }
     std::vector<Job> jobs;
-    for (const fs::directory_entry &entry : fs::directory_iterator(options.in))
+    for (const fs::path &image : imagesIn(options.in))
     {
-        if (entry.is_regular_file() && hasSgiName(entry.path()))
-        {
-            jobs.push_back({entry.path(), output(entry.path())});
-        }
+        jobs.push_back({image, output(image)});
     }
-    if (jobs.empty())
-    {
-        throw std::runtime_error("input " + options.in + ": expected images in it, named .sgi, .rgb, .rgba, .bw or so");
-    }
-    std::sort(jobs.begin(), jobs.end(), [](const Job &a, const Job &b) { return a.in < b.in; });
     return jobs;
 }
 
@@ -172,7 +217,7 @@ std::vector<Job> jobsOf(const ImageOptions &options)
 class ProgressBar
 {
 public:
-    explicit ProgressBar(std::size_t total) : total_(total), shown_(total > 1 && isatty(STDERR_FILENO) == 1)
+    ProgressBar(std::size_t total, bool wanted) : total_(total), shown_(wanted && isatty(STDERR_FILENO) == 1)
     {
     }
 
@@ -199,56 +244,101 @@ private:
     bool shown_;
 };
 
-void runJob(const Job &job)
+// Converts, or describes, one image after another.
+class Converter
 {
-    if (job.out.empty())
+public:
+    // Throws std::runtime_error when the image is broken or would be lost, std::system_error when the picture cannot be written.
+    void run(const Job &job)
     {
-        std::printf("%s\n", headerText(job.in).c_str());
-        return;
+        const std::string content = contentOf(job.in);
+        try
+        {
+            if (job.out.empty())
+            {
+                std::printf("%s\n", headerText(job.in, content).c_str());
+                return;
+            }
+            const Image image(content);
+            refuseLoss(job);
+            image.writePicture(job.out);
+        }
+        catch (const std::system_error &)
+        {
+            throw;
+        }
+        catch (const std::runtime_error &error)
+        {
+            throw std::runtime_error(job.in.string() + ": " + error.what());
+        }
     }
-    Image(job.in).writePicture(job.out);
-}
 
-void runImage(const ImageOptions &options)
-{
-    if (options.info != options.out.empty())
+private:
+    void refuseLoss(const Job &job)
     {
-        throw std::runtime_error("output " + options.out + ": expected " + (options.info ? "none" : "a name") +
-                                 (options.info ? " with --info" : ", or --info"));
+        std::error_code error;
+        if (fs::equivalent(job.in, job.out, error))
+        {
+            throw std::runtime_error("is the output, too");
+        }
+        const auto [picture, isNew] = pictures_.emplace(job.out, job.in);
+        if (!isNew)
+        {
+            throw std::runtime_error(job.out.string() + " is the picture of " + picture->second.string());
+        }
     }
-    const std::vector<Job> jobs = jobsOf(options);
-    const ProgressBar bar(jobs.size());
+
+    std::map<fs::path, fs::path> pictures_; // and of which image they are
+};
+
+// Returns how many images were broken.
+std::size_t runJobs(const std::vector<Job> &jobs, const ProgressBar &bar)
+{
+    Converter converter;
     std::size_t broken = 0;
     for (std::size_t i = 0; i < jobs.size(); ++i)
     {
         bar.show(i);
         try
         {
-            runJob(jobs[i]);
+            converter.run(jobs[i]);
         }
         catch (const std::runtime_error &error)
         {
-            const bool isFailure = dynamic_cast<const std::system_error *>(&error) != nullptr;
-            if (isFailure || jobs.size() == 1)
+            bar.clear();
+            if (jobs.size() == 1 || dynamic_cast<const std::system_error *>(&error) != nullptr)
             {
-                bar.clear();
                 throw;
             }
-            // The others go on.
-            bar.clear();
             std::fprintf(stderr, "Error: %s\n", error.what());
-            ++broken;
+            ++broken; // and the others go on
         }
     }
     bar.clear();
-    if (!options.quiet && !options.info)
+    return broken;
+}
+
+void runImage(const ImageOptions &options)
+{
+    if (options.info != options.out.empty())
+    {
+        throw std::runtime_error(options.info ? "output " + options.out + ": expected none with --info"
+                                              : "expected the name of an output, or --info");
+    }
+    const StopOnSignal stop;
+    const std::vector<Job> jobs = jobsOf(options);
+    const std::size_t broken =
+        runJobs(jobs, ProgressBar(jobs.size(), jobs.size() > 1 && !options.info && !options.quiet));
+    // Behind a picture on standard output the line would be part of it.
+    if (!options.quiet && !options.info && descriptorNamed(options.out) != STDOUT_FILENO)
     {
         std::printf("%zu of %zu images converted\n", jobs.size() - broken, jobs.size());
     }
     flushOutput();
     if (broken > 0)
     {
-        throw std::runtime_error(std::to_string(broken) + " of " + std::to_string(jobs.size()) + " images are broken");
+        throw std::runtime_error(counted(broken, "image") + " of " + std::to_string(jobs.size()) + " cannot be " +
+                                 (options.info ? "described" : "converted"));
     }
 }
 

@@ -5,6 +5,7 @@
 #include "optionrange.h"
 #include "outputfile.h"
 #include "picture.h"
+#include "stopsignal.h"
 
 #include <tolvin/kernel/kernelnoise.h>
 
@@ -13,7 +14,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -124,49 +124,6 @@ public:
     NoiseTables &operator=(const NoiseTables &) = delete;
 };
 
-volatile std::sig_atomic_t stopSignal = 0;
-
-// Turns an interrupt into an exception, so that no part of a file is left behind; a second one ends the program at
-// once.
-class StopOnSignal
-{
-public:
-    StopOnSignal()
-    {
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-        {
-            struct sigaction action = {};
-            sigaction(kSignals[i], nullptr, &former_[i]);
-            action.sa_handler = [](int signal) { stopSignal = signal; };
-            action.sa_flags = static_cast<int>(SA_RESETHAND);
-            if (former_[i].sa_handler != SIG_IGN) // as in the background of a script
-            {
-                sigaction(kSignals[i], &action, nullptr);
-            }
-        }
-    }
-
-    // Hands on what has come.
-    ~StopOnSignal()
-    {
-        for (std::size_t i = 0; i < kSignals.size(); ++i)
-        {
-            sigaction(kSignals[i], &former_[i], nullptr);
-        }
-        if (stopSignal != 0)
-        {
-            std::raise(stopSignal);
-        }
-    }
-
-    StopOnSignal(const StopOnSignal &) = delete;
-    StopOnSignal &operator=(const StopOnSignal &) = delete;
-
-private:
-    static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
-    struct sigaction former_[kSignals.size()];
-};
-
 // Counts rows, and keeps a line current on a terminal.
 class Progress
 {
@@ -188,10 +145,7 @@ public:
 
     void countRow()
     {
-        if (stopSignal != 0)
-        {
-            throw std::system_error(EINTR, std::generic_category(), "stopped");
-        }
+        StopOnSignal::check();
         const auto percent = static_cast<int>(100 * ++done_ / rows_);
         if (shown_ && percent != percent_)
         {

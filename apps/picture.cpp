@@ -4,6 +4,7 @@
 #include "sgifile.h"
 
 #include <algorithm>
+#include <cctype>
 #include <filesystem>
 
 namespace tolvin
@@ -11,7 +12,8 @@ namespace tolvin
 
 bool hasSgiName(const std::string &file)
 {
-    const std::string extension = std::filesystem::path(file).extension().string();
+    std::string extension = std::filesystem::path(file).extension().string();
+    std::ranges::transform(extension, extension.begin(), [](unsigned char c) { return std::tolower(c); });
     const auto known = {".sgi", ".rgb", ".rgba", ".bw", ".la", ".int", ".inta"};
     return std::find(known.begin(), known.end(), extension) != known.end();
 }

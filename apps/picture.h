@@ -27,7 +27,7 @@ struct PictureShape
 // The bytes of row y, which need to last until the next call only. Rows are asked for once each, from the top.
 using PictureRows = std::function<const std::uint8_t *(std::uint32_t y)>;
 
-// Whether a file's name ends as those of SGI images do: .sgi, .rgb, .rgba, .bw, .la, .int, .inta.
+// Whether a file's name ends as those of SGI images do: .sgi, .rgb, .rgba, .bw, .la, .int, .inta; or in capitals.
 bool hasSgiName(const std::string &file);
 
 // Writes an SGI image where the name is that of one, else PNG; throws as writeSgi and writePng do.

@@ -94,11 +94,13 @@ public:
             searchBeside(options.scene);
             materialListLoadList(&root);
             textureListLoadList(&root);
+            forgetSizesOfMissing();
         }
         if (options.list)
         {
             materialListPrintList(&root, stdout);
             textureListPrintList(&root, stdout);
+            flushOutput(); // long before the rest
         }
     }
 
@@ -111,6 +113,22 @@ public:
     Surfaces &operator=(const Surfaces &) = delete;
 
 private:
+    // The description gives sizes, too; in the list they tell what was loaded.
+    void forgetSizesOfMissing()
+    {
+        for (vunode *list = root_.textureLists.first; list != nullptr; list = list->next)
+        {
+            for (vunode *node = reinterpret_cast<vuTextureList *>(list)->list.first; node != nullptr; node = node->next)
+            {
+                auto &texture = *reinterpret_cast<vuTexture *>(node);
+                if (texture.tex == nullptr)
+                {
+                    texture.width = texture.height = texture.components = 0;
+                }
+            }
+        }
+    }
+
     vuRootNode &root_;
 };
 

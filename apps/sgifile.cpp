@@ -28,6 +28,36 @@ void putBigEndian(Bytes &bytes, std::size_t value, int size)
     }
 }
 
+std::size_t bigEndian(std::string_view bytes, std::size_t at, int size)
+{
+    std::size_t value = 0;
+    for (const char byte : bytes.substr(at, static_cast<std::size_t>(size)))
+    {
+        value = value << 8 | static_cast<std::uint8_t>(byte);
+    }
+    return value;
+}
+
+// How many values the packets of a row make.
+std::size_t valuesInRow(std::string_view packets, std::size_t step)
+{
+    std::size_t values = 0;
+    while (packets.size() >= 2 * step)
+    {
+        const auto packet = static_cast<std::uint8_t>(packets[step - 1]);
+        const std::size_t count = packet & 0x7F;
+        if (count == 0)
+        {
+            break;
+        }
+        packets.remove_prefix(step);
+        const std::size_t stored = std::min((packet & 0x80) != 0 ? count : 1, packets.size() / step);
+        values += (packet & 0x80) != 0 ? stored : count;
+        packets.remove_prefix(stored * step);
+    }
+    return values;
+}
+
 // The rows in the order of the file: each channel's from the bottom.
 class Planes
 {
@@ -148,6 +178,51 @@ Bytes runLengthEncoded(const Planes &planes)
 }
 
 } // namespace
+
+std::optional<SgiHeader> sgiHeaderOf(std::string_view file)
+{
+    constexpr std::string_view kMagic = "\x01\xDA";
+    if (file.size() < kHeaderSize || !file.starts_with(kMagic))
+    {
+        return std::nullopt;
+    }
+    const std::string_view name = file.substr(24, 80);
+    std::string plain(name.substr(0, name.find('\0')));
+    const bool isPlain = std::ranges::all_of(plain, [](char c) { return c >= ' ' && c < 0x7F; });
+    return SgiHeader{file[2] == 1,           static_cast<unsigned>(bigEndian(file, 3, 1)),
+                     bigEndian(file, 6, 2),  bigEndian(file, 8, 2),
+                     bigEndian(file, 10, 2), isPlain ? plain : ""};
+}
+
+std::string sgiFault(std::string_view file, const SgiHeader &header)
+{
+    const std::size_t step = header.bytesPerChannel == 2 ? 2 : 1;
+    const std::size_t rowCount = header.height * header.channels;
+    const std::uint64_t expected =
+        kHeaderSize + (header.runLength ? 8 * std::uint64_t{rowCount} : std::uint64_t{rowCount} * header.width * step);
+    if (file.size() < expected)
+    {
+        return "ends after " + std::to_string(file.size()) + " bytes: expected " + std::to_string(expected) +
+               (header.runLength ? " before the first row" : "");
+    }
+    for (std::size_t row = 0; header.runLength && row < rowCount; ++row)
+    {
+        const std::size_t start = bigEndian(file, kHeaderSize + 4 * row, 4);
+        const std::size_t size = bigEndian(file, kHeaderSize + 4 * (rowCount + row), 4);
+        const std::string which =
+            "row " + std::to_string(row % header.height) + " of channel " + std::to_string(row / header.height);
+        if (start > file.size() || size > file.size() - start)
+        {
+            return which + " lies outside the file";
+        }
+        const std::size_t values = valuesInRow(file.substr(start, size), step);
+        if (values < header.width)
+        {
+            return which + " has " + std::to_string(values) + " of " + std::to_string(header.width) + " values";
+        }
+    }
+    return "";
+}
 
 void writeSgi(const std::string &file, const PictureShape &shape, const PictureRows &rows)
 {

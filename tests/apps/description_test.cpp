@@ -88,7 +88,7 @@ TEST_F(Description, FillsTheRecords)
     const vuTexture *const texture = textureListSearchTextureFilename(root_.get(), "dir/x{y}.rgb");
     ASSERT_NE(texture, nullptr);
     EXPECT_STREQ(texture->node.name, "x y");
-    EXPECT_TRUE(texture->mask == VU_TEXTURE_WRAP_T && texture->magFilter == 0 && texture->minFilter == 1);
+    EXPECT_TRUE(texture->mask == VU_TEXTURE_WRAP_T && texture->magFilter == 0 && texture->minFilter == 2);
     EXPECT_EQ(texture->internal, 7);
     EXPECT_EQ(textureListSearchTextureNamed(root_.get(), "none")->file, nullptr);
     EXPECT_EQ(textureListFindNamed(root_.get(), "t")->fps, 12.5);
@@ -103,23 +103,35 @@ TEST_F(Description, DumpsComeBackAsTheSameText)
         "  MATERIAL \"plain\" {\n  }\n}\n"
         "\nTEXTURELIST \"all\" {\n  FPS  29.97\n  TEXTURE \"t\" { \"t.rgb\" \n    WRAP_S WRAP_T INTERNAL RGB5_A1 "
         "MIN_FILTER NEAREST MAG_FILTER NEAREST   } # -2147483648 65535x1x4\n"
-        "  TEXTURE \"u\" { #   No texturefile specified!\n\n    MIN_FILTER LINEAR MAG_FILTER LINEAR   } # 0 0x0x0\n}\n";
-    EXPECT_EQ(read(text), "");
+        "  TEXTURE \"u\" { #   No texturefile specified!\n\n    MIN_FILTER LINEAR MAG_FILTER LINEAR   } # 0 0x0x0\n"
+        "  TEXTURE \"v\" { \"\" \n      } # 0 -1x0x0\n}\n";
+    EXPECT_EQ(read("\xEF\xBB\xBF" + text), "");
     EXPECT_EQ(dump(), text);
+    EXPECT_EQ(read("MATERIALLIST \"ends\" { MATERIAL \"of\" { AMBIENT 3.4028235e38 +1e-45 -3.4028235e+38 } }"), "");
+    EXPECT_NE(dump().find("    AMBIENT    3.40282e+38 1.4013e-45 -3.40282e+38\n"), std::string::npos);
 }
 
 TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"SCENE \"s\" { MATERIAL { } }\nfoo", "1:1 SCENE: expected MATERIALLIST or TEXTURELIST\n"
-                                              "2:1 foo: expected MATERIALLIST or TEXTURELIST\n"},
+        {"SCENE \"s\" { x { MATERIAL \"a\" { ALPHA x } } TEXTURELIST \"t\" { } }\nfoo",
+         "1:1 SCENE: expected MATERIALLIST or TEXTURELIST\n1:38 x: expected a number\n"
+         "2:1 foo: expected MATERIALLIST or TEXTURELIST\n"},
         {"MATERIALLIST m {} TEXTURELIST {", "1:14 m: expected a name in quotes\n1:31 {: expected a name in quotes\n"
                                             "1:32 end of file: expected }\n"},
-        {"MATERIALLIST \"m\" {\n MATERIAL \"a\" { ALPHA x\n  AMBIENT 1 1e999 SHINE 3 4 } }",
-         "2:23 x: expected a number\n3:13 1e999: expected a number\n"
-         "3:19 SHINE: expected AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }\n"},
+        {"MATERIALLIST \"m\" {\n MATERIAL \"a\" { ALPHA x\n  AMBIENT 1 1e999 7 SHINE 3 4 } }",
+         "2:23 x: expected a number\n3:13 1e999: expected a number in the range of single precision\n"
+         "3:21 SHINE: expected AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }\n"},
         {"TEXTURELIST \"t\" {\n TEXTURE \"a\" { MIN_FILTER \"b\nMATERIALLIST \"m\" { }",
          "2:27 \"b\": expected a second quote on the same line\n3:1 MATERIALLIST: expected }\n"},
+        // What is missing does not take what follows with it.
+        {"MATERIALLIST \"m\" { MATERIAL \"a\" { AMBIENT 1 2\nDIFFUSE 1 1 1\nMATERIAL \"b\" { ALPHA nan } }",
+         "2:1 DIFFUSE: expected a number\n3:1 MATERIAL: expected }\n3:22 nan: expected a number\n"},
+        {"TEXTURELIST \"t\" { FPS TEXTURE \"a\" { INTERNAL MIN_FILTER LINEAR } FPS -inf }",
+         "1:23 TEXTURE: expected a number\n1:46 MIN_FILTER: expected LUMINANCE, LUMINANCE_ALPHA, LUMINANCE4_ALPHA4, "
+         "LUMINANCE12_ALPHA4, LUMINANCE16_ALPHA16, INTENSITY, RGB, RGB4, RGBA, RGBA4, RGB5_A1\n"
+         "1:70 -inf: expected a number\n"},
+        {"MATERIALLIST \"m\x1B\" { \x1B\xC3\xBC\x7F }", "1:21 \\x1B\xC3\xBC\\x7F: expected MATERIAL or }\n"},
         {"MATERIALLIST \"m\" { } }", "1:22 }: expected MATERIALLIST or TEXTURELIST\n"},
     };
     for (const auto &[text, errors] : cases)
@@ -127,6 +139,9 @@ TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
         EXPECT_EQ(read(text), errors) << text;
         EXPECT_TRUE(root_->materialLists.first == nullptr && root_->textureLists.first == nullptr);
     }
+    using namespace std::string_literals;
+    EXPECT_EQ(read("MATERIALLIST \"a\0b\" { \0 }"s), "1:14 \"a\\x00b\": expected a text without zero bytes\n"
+                                                     "1:22 \\x00: expected MATERIAL or }\n");
     std::string many;
     for (std::size_t i = 0; i < 3 * kMostErrors; ++i)
     {

@@ -1,0 +1,30 @@
+// Interrupts as exceptions.
+#pragma once
+
+#include <array>
+
+#include <signal.h>
+
+namespace tolvin
+{
+
+// While it lives, an interrupt is noted, so that no part of a file is left behind; a second one ends the program at once. In
+// the end it hands on what has come.
+class StopOnSignal
+{
+public:
+    StopOnSignal();
+    ~StopOnSignal();
+
+    StopOnSignal(const StopOnSignal &) = delete;
+    StopOnSignal &operator=(const StopOnSignal &) = delete;
+
+    // Throws std::system_error, EINTR, when an interrupt has come.
+    static void check();
+
+private:
+    static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    struct sigaction former_[kSignals.size()];
+};
+
+} // namespace tolvin
