@@ -324,36 +324,36 @@ void addRunCommand(CLI::App &app, int &exitCode)
 {
     const auto options = std::make_shared<RunOptions>();
     CLI::App *const command =
-        app.add_subcommand("run", "Run the frame loop: show entities that DIS reports, move them");
+        app.add_subcommand("run", "run the frame loop: show entities that DIS reports, move them");
     // The last one counts, so that scripts/run can hand options on that it gives itself.
     command->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    command->add_option("scene", options->scene, "Description file: materials and textures to load");
-    command->add_flag("--list", options->list, "Print what was loaded of it");
-    command->add_option("--duration", options->duration, "Seconds to run; 0 runs until interrupted")
+    command->add_option("scene", options->scene, "description file: materials and textures to load");
+    command->add_flag("--list", options->list, "print what was loaded of it");
+    command->add_option("--duration", options->duration, "seconds to run; 0 runs until interrupted")
         ->check(within(0.0, 1e9))
         ->capture_default_str();
-    command->add_option("--frames", options->frames, "Frames to run; 0 sets no limit")
+    command->add_option("--frames", options->frames, "frames to run; 0 sets no limit")
         ->check(within(0.0, 1e15))
         ->capture_default_str();
-    command->add_option("--rate", options->rate, "Frames per second (default: 25, the options record's)")
+    command->add_option("--rate", options->rate, "frames per second (default: 25, the options record's)")
         ->check(within(0.1, 10000.0));
-    command->add_option("--dis", options->dis, "Local address and UDP port to receive on, or a multicast group to join")
+    command->add_option("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
         ->capture_default_str();
-    command->add_option("--interface", options->interface, "Address of the interface for a multicast group");
-    command->add_option("--exercise", options->exercise, "Exercise to listen to, 1 to 255; 0 takes all")
+    command->add_option("--interface", options->interface, "address of the interface for a multicast group");
+    command->add_option("--exercise", options->exercise, "exercise to listen to, 1 to 255; 0 takes all")
         ->check(within(0, 255))
         ->capture_default_str();
-    command->add_option("--site", options->input.site, "Own site, whose packets are dropped")
+    command->add_option("--site", options->input.site, "own site, whose packets are dropped")
         ->check(within(0, 65535))
         ->capture_default_str();
-    command->add_option("--application", options->input.application, "Own application, whose packets are dropped")
+    command->add_option("--application", options->input.application, "own application, whose packets are dropped")
         ->check(within(0, 65535))
         ->capture_default_str();
-    command->add_option("--max-entities", options->input.maxEntities, "Entities to keep at most")
+    command->add_option("--max-entities", options->input.maxEntities, "entities to keep at most")
         ->check(within(1, 1000000))
         ->capture_default_str();
-    command->add_option("--map", options->map, "Write a map of the tracks to this SVG file at the end");
-    command->add_flag("--quiet", options->quiet, "Print no line per second, only the tables at the end");
+    command->add_option("--map", options->map, "write a map of the tracks to this SVG file at the end");
+    command->add_flag("--quiet", options->quiet, "print no line per second, only the tables at the end");
     command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { run(*options); }); });
 }
 

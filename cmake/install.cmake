@@ -1,4 +1,5 @@
-# What `cmake --install` puts in place: libraries, headers, the CMake package, tolvin.pc, the application.
+# What `cmake --install` puts in place: libraries, headers, the CMake package, tolvin.pc, the application,
+# samples.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS tolvin pf EXPORT tolvin-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -17,6 +18,8 @@ foreach(folder kernel performer)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin
     FILES_MATCHING PATTERN "*.h")
 endforeach()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/tolvin
+  FILES_MATCHING PATTERN "*.scene" PATTERN "*.rgb" PATTERN "*.rgba")
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/tolvin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvin)
