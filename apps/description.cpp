@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -269,6 +270,8 @@ constexpr MaterialAttribute kMaterialAttributes[] = {
     {"ALPHA", VU_MATERIAL_ALPHA, [](vuMaterial &m) { return std::span<float>(&m.alpha, 1); }},
 };
 
+constexpr std::size_t kLongest = 64 << 20; // bytes of a file
+
 // What may begin an item, and so cannot be a value that is wrong.
 constexpr std::string_view kKeywords[] = {"MATERIALLIST", "TEXTURELIST", "MATERIAL",   "TEXTURE",   "FPS",   "AMBIENT",
                                           "DIFFUSE",      "SPECULAR",    "EMISSIVE",   "SHININESS", "ALPHA", "WRAP_S",
@@ -320,7 +323,7 @@ public:
         {
             if (!takeList(surfaces))
             {
-                refuseList();
+                refuseItem({}, "MATERIALLIST or TEXTURELIST");
             }
         }
         return std::move(errors_);
@@ -350,10 +353,13 @@ private:
     {
         const bool again =
             !errors_.empty() && errors_.back().line == token_.line && errors_.back().column == token_.column;
-        if (!again && errors_.size() < kMostErrors)
+        if (again || errors_.size() > kMostErrors)
         {
-            errors_.push_back({token_.line, token_.column, found() + ": expected " + expected});
+            return;
         }
+        const std::string what = found() + ": expected " + expected;
+        const bool isLast = errors_.size() == kMostErrors;
+        errors_.push_back({token_.line, token_.column, isLast ? "what else is wrong is not told" : what});
     }
 
     std::string found() const
@@ -406,45 +412,41 @@ private:
         }
     }
 
-    // Reports a wrong keyword and goes on behind the texts and numbers that seem to belong to it.
-    void refuseKeyword(const std::string &expected)
+    // Reports what is no item here, and goes on behind what seems to belong to it: texts, numbers, a block.
+    void refuseItem(std::span<const std::string_view> around, const std::string &expected)
     {
         complain(expected);
-        advance();
+        Surfaces unused;
+        if (takeAnything(unused))
+        {
+            return;
+        }
+        if (token_.kind != TokenKind::Open)
+        {
+            advance();
+        }
         while (token_.kind == TokenKind::Text || looksLikeNumber(token_))
         {
             advance();
         }
+        if (token_.kind == TokenKind::Open)
+        {
+            advance();
+            skipBlock(around, unused);
+        }
     }
 
-    // A block whose keyword is wrong: what is known of it is checked for errors all the same.
-    void refuseList()
+    // The rest of a block that means nothing: what is known of it is checked for errors all the same.
+    void skipBlock(std::span<const std::string_view> around, Surfaces &unused)
     {
-        refuseKeyword("MATERIALLIST or TEXTURELIST");
-        if (token_.kind != TokenKind::Open)
-        {
-            return;
-        }
-        advance();
-        Surfaces unused;
-        auto *const materials = newList<vuMaterialList>(unused.materialLists, materialListInit, "");
-        auto *const textures = newList<vuTextureList>(unused.textureLists, textureListInit, "");
         for (int depth = 1; depth > 0;)
         {
-            if (token_.kind == TokenKind::End)
+            if (token_.kind == TokenKind::End || isKeyword(around))
             {
                 complain("}");
                 return;
             }
-            if (takeKeyword("MATERIAL"))
-            {
-                material(materials->list);
-            }
-            else if (takeKeyword("TEXTURE"))
-            {
-                texture(textures->list);
-            }
-            else if (!takeList(unused))
+            if (!takeAnything(unused))
             {
                 depth += token_.kind == TokenKind::Open ? 1 : token_.kind == TokenKind::Close ? -1 : 0;
                 advance();
@@ -452,19 +454,34 @@ private:
         }
     }
 
-    // Reports a wrong keyword and goes on behind what seems to belong to it: texts, numbers, a block.
-    void refuseItem(const std::string &expected)
+    // A list or item of any kind, wherever it stands.
+    bool takeAnything(Surfaces &unused)
     {
-        refuseKeyword(expected);
-        for (int depth = 0; token_.kind != TokenKind::End && (depth > 0 || token_.kind == TokenKind::Open); advance())
+        if (takeKeyword("MATERIAL"))
         {
-            depth += token_.kind == TokenKind::Open ? 1 : token_.kind == TokenKind::Close ? -1 : 0;
-            if (depth == 0)
-            {
-                advance();
-                return;
-            }
+            material(newList<vuMaterialList>(unused.materialLists, materialListInit, "")->list);
+            return true;
         }
+        if (takeKeyword("TEXTURE"))
+        {
+            texture(newList<vuTextureList>(unused.textureLists, textureListInit, "")->list);
+            return true;
+        }
+        return takeList(unused);
+    }
+
+    // Something before a name that is not known, and so may be meant for the keyword of what has names here.
+    bool takeMisspelt(const std::string &expected)
+    {
+        Scanner ahead = scanner_;
+        const bool isMisspelt =
+            token_.kind == TokenKind::Word && !isKeyword(kKeywords) && ahead.next().kind == TokenKind::Text;
+        if (isMisspelt)
+        {
+            complain(expected);
+            advance();
+        }
+        return isMisspelt;
     }
 
     // The name and the opening brace of a block; what is missing is reported, and the block read all the same.
@@ -498,7 +515,7 @@ private:
             }
             if (!item())
             {
-                refuseItem(expected);
+                refuseItem(around, expected);
             }
         }
         closing_ = scanner_.restOfLine();
@@ -509,11 +526,16 @@ private:
     bool number(double &value, double most, const char *range)
     {
         const char *const end = token_.text.data() + token_.text.size();
+        const bool hasPlus = token_.text.starts_with('+') && !token_.text.starts_with("+-");
         const bool isWord = token_.kind == TokenKind::Word;
-        const auto read = isWord ? std::from_chars(token_.text.data() + (token_.text[0] == '+'), end, value)
-                                 : std::from_chars_result{};
-        const bool isNumber = isWord && read.ptr == end && (read.ec != std::errc() || std::isfinite(value));
-        if (!isNumber || read.ec != std::errc() || std::abs(value) > most)
+        value = 0.0;
+        const auto read = isWord ? std::from_chars(token_.text.data() + hasPlus, end, value) : std::from_chars_result{};
+        const bool isNumber = isWord && read.ptr == end && std::isfinite(value);
+        if (read.ec == std::errc::result_out_of_range)
+        {
+            value = std::strtod(std::string(token_.text).c_str(), nullptr); // 0, or infinite
+        }
+        if (!isNumber || std::abs(value) > most)
         {
             refuse(isNumber ? std::string("a number in the range of ") + range : "a number");
             return false;
@@ -587,7 +609,7 @@ private:
         block(kListKeywords, "MATERIAL or }",
               [&]
               {
-                  const bool known = takeKeyword("MATERIAL");
+                  const bool known = takeKeyword("MATERIAL") || takeMisspelt("MATERIAL or }");
                   if (known)
                   {
                       material(list->list);
@@ -630,7 +652,7 @@ private:
                       list->mask |= VU_TEXTURELIST_FPS;
                       return true;
                   }
-                  const bool known = takeKeyword("TEXTURE");
+                  const bool known = takeKeyword("TEXTURE") || takeMisspelt("FPS, TEXTURE or }");
                   if (known)
                   {
                       texture(list->list);
@@ -650,6 +672,10 @@ private:
         {
             texture->file = copyOf(token_.text);
             advance();
+        }
+        else if (token_.kind == TokenKind::Word && !isKeyword(kKeywords))
+        {
+            refuse("a file in quotes, WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }");
         }
         closing_ = {};
         block(kItemKeywords, "WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }",
@@ -730,7 +756,15 @@ std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode 
 
 void readDescriptionFile(const std::string &file, vuRootNode &root)
 {
-    const std::string text = contentOf(file);
+    const std::string text = contentOf(file,
+                                       [](const std::string &content)
+                                       {
+                                           if (content.size() > kLongest)
+                                           {
+                                               throw std::runtime_error("too long: expected 64 MiB at most");
+                                           }
+                                           return true;
+                                       });
     const QuietStandardError quiet; // the kernel tells what it releases after an error
     const std::vector<DescriptionError> errors = readDescription(text, root);
     std::string message;
@@ -738,10 +772,6 @@ void readDescriptionFile(const std::string &file, vuRootNode &root)
     {
         message += (message.empty() ? "" : "\n") + file + ':' + std::to_string(line) + ':' + std::to_string(column) +
                    ": " + what;
-    }
-    if (errors.size() == kMostErrors)
-    {
-        message += '\n' + file + ": what is wrong further on is not told";
     }
     if (!message.empty())
     {

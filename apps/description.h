@@ -32,7 +32,7 @@ struct DescriptionError
 };
 
 // Appends the lists of the text to the root node's. With any error nothing is appended; all errors are returned, up to
-// kMostErrors, in the order of the text. Throws std::bad_alloc when the shared arena is full.
+// kMostErrors, in the order of the text, and one more that tells that there are others. Throws std::bad_alloc when the shared arena is full.
 std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root);
 
 constexpr std::size_t kMostErrors = 100;

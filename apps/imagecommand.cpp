@@ -17,6 +17,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -138,13 +139,19 @@ std::string counted(std::size_t number, const std::string &what)
 }
 
 // What the first bytes of a file say, be it usable or not.
-std::string headerText(const std::string &file, const std::string &content)
+std::string headerText(const fs::path &file)
 {
-    const SgiHeader header = headerOf(content);
+    const SgiHeader header = headerOf(contentOf(file, [](const std::string &) { return false; }));
     std::ostringstream text;
-    text << file << ": " << header.width << " x " << header.height << ", " << counted(header.channels, "channel")
-         << " of " << counted(header.bytesPerChannel, "byte") << ", "
-         << (header.runLength ? "run-length encoded" : "verbatim") << ", " << counted(content.size(), "byte");
+    text << file.string() << ": " << header.width << " x " << header.height << ", "
+         << counted(header.channels, "channel") << " of " << counted(header.bytesPerChannel, "byte") << ", "
+         << (header.runLength ? "run-length encoded" : "verbatim");
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(file, error);
+    if (!error)
+    {
+        text << ", " << counted(size, "byte");
+    }
     if (!header.name.empty())
     {
         text << ", \"" << header.name << '"';
@@ -248,18 +255,26 @@ private:
 class Converter
 {
 public:
-    // Throws std::runtime_error when the image is broken or would be lost, std::system_error when the picture cannot be written.
+    explicit Converter(const std::vector<Job> &jobs)
+    {
+        for (const Job &job : jobs)
+        {
+            images_.insert(placeOf(job.in));
+        }
+    }
+
+    // Throws std::runtime_error when the image is broken or one would be lost, std::system_error when the picture cannot be
+    // written.
     void run(const Job &job)
     {
-        const std::string content = contentOf(job.in);
         try
         {
             if (job.out.empty())
             {
-                std::printf("%s\n", headerText(job.in, content).c_str());
+                std::printf("%s\n", headerText(job.in).c_str());
                 return;
             }
-            const Image image(content);
+            const Image image(contentOf(job.in, isImage));
             refuseLoss(job);
             image.writePicture(job.out);
         }
@@ -269,35 +284,55 @@ public:
         }
         catch (const std::runtime_error &error)
         {
-            throw std::runtime_error(job.in.string() + ": " + error.what());
+            const std::string name = job.in.string();
+            const bool isNamed = std::string_view(error.what()).starts_with(name + ": ");
+            throw std::runtime_error((isNamed ? "" : name + ": ") + error.what());
         }
     }
 
 private:
+    // Before all of it is read.
+    static bool isImage(const std::string &content)
+    {
+        StopOnSignal::check();
+        headerOf(content);
+        return true;
+    }
+
+    static fs::path placeOf(const fs::path &file)
+    {
+        std::error_code error;
+        const fs::path place = fs::weakly_canonical(file, error);
+        return error ? file : place;
+    }
+
     void refuseLoss(const Job &job)
     {
         std::error_code error;
-        if (fs::equivalent(job.in, job.out, error))
+        const fs::path place = placeOf(job.out);
+        if (images_.contains(place) || fs::equivalent(job.in, job.out, error))
         {
-            throw std::runtime_error("is the output, too");
+            throw std::runtime_error(job.out.string() + " is an image to convert itself");
         }
-        const auto [picture, isNew] = pictures_.emplace(job.out, job.in);
-        if (!isNew)
+        const auto [picture, isNew] = pictures_.emplace(place, job.in);
+        if (!isNew && fs::is_regular_file(place, error))
         {
             throw std::runtime_error(job.out.string() + " is the picture of " + picture->second.string());
         }
     }
 
+    std::set<fs::path> images_;
     std::map<fs::path, fs::path> pictures_; // and of which image they are
 };
 
 // Returns how many images were broken.
 std::size_t runJobs(const std::vector<Job> &jobs, const ProgressBar &bar)
 {
-    Converter converter;
+    Converter converter(jobs);
     std::size_t broken = 0;
     for (std::size_t i = 0; i < jobs.size(); ++i)
     {
+        StopOnSignal::check();
         bar.show(i);
         try
         {
@@ -324,6 +359,10 @@ void runImage(const ImageOptions &options)
     {
         throw std::runtime_error(options.info ? "output " + options.out + ": expected none with --info"
                                               : "expected the name of an output, or --info");
+    }
+    if (hasSgiName(options.out) && !isFolder(options.out))
+    {
+        throw std::runtime_error("output " + options.out + ": expected the name of a PNG file");
     }
     const StopOnSignal stop;
     const std::vector<Job> jobs = jobsOf(options);

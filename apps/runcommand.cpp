@@ -79,6 +79,13 @@ void searchBeside(const std::string &file)
 {
     const char *const path = std::getenv("TEXTURE_PATH");
     const std::string folder = std::filesystem::absolute(file).parent_path().string();
+    if (folder.find(':') != std::string::npos)
+    {
+        std::fprintf(stderr,
+                     "Warning: %s: images beside it are not looked for, as the folder has a colon in its name\n",
+                     file.c_str());
+        return;
+    }
     setenv("TEXTURE_PATH", (path == nullptr ? folder : path + (":" + folder)).c_str(), 1);
 }
 
@@ -300,12 +307,12 @@ void run(const RunOptions &options)
     {
         const OutputFile map(options.map); // an hour's run should not end with a map that cannot be written
     }
-    std::signal(SIGINT, requestStop);
-    std::signal(SIGTERM, requestStop);
     pfArenaInfo info;
     {
         const RootPtr root = makeRoot();
         const Surfaces surfaces(options, *root);
+        std::signal(SIGINT, requestStop); // not before: what is loaded may come from a pipe
+        std::signal(SIGTERM, requestStop);
         DisInputOptions inputOptions = options.input;
         inputOptions.exercise = static_cast<std::uint8_t>(options.exercise);
         DisInput input(*root, inputOptions, printNotice);

@@ -7,8 +7,27 @@
 
 #include <CLI/CLI.hpp>
 
+#include <csignal>
+
+#include <fcntl.h>
+
+// No file or socket shall be taken for a standard stream that the caller has closed. What is written to it fails, or, for
+// standard error, goes nowhere.
+static void occupyStandardStreams()
+{
+    for (int wanted = 0; wanted <= 2; ++wanted)
+    {
+        if (fcntl(wanted, F_GETFD) == -1)
+        {
+            open("/dev/null", wanted == 2 ? O_WRONLY : O_RDONLY); // takes the least free number
+        }
+    }
+}
+
 int main(int argc, char **argv)
 {
+    occupyStandardStreams();
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error as any other
     CLI::App app("tolvin: the run-time kernel of a real-time visual simulation, at work");
     app.set_version_flag("--version", "tolvin " TOLVIN_VERSION);
     app.require_subcommand(1);

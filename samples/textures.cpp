@@ -197,7 +197,7 @@ public:
         }
     }
 
-    // Where nothing is, the mean colour: filtering mixes it into the edges.
+    // Where nothing is, a green like theirs: filtering mixes it into the edges.
     std::array<double, 4> operator()(std::uint32_t x, std::uint32_t y) const
     {
         Shade sum = {};

@@ -132,6 +132,16 @@ TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
          "LUMINANCE12_ALPHA4, LUMINANCE16_ALPHA16, INTENSITY, RGB, RGB4, RGBA, RGBA4, RGB5_A1\n"
          "1:70 -inf: expected a number\n"},
         {"MATERIALLIST \"m\x1B\" { \x1B\xC3\xBC\x7F }", "1:21 \\x1B\xC3\xBC\\x7F: expected MATERIAL or }\n"},
+        {"MATERIALLIST \"a\" {\n MATERIAL \"x\" { ALPHA +-1 } }\n MATERIAL \"y\" { ALPHA bar FOO 1 }\n}",
+         "2:23 +-1: expected a number\n3:2 MATERIAL: expected MATERIALLIST or TEXTURELIST\n"
+         "3:23 bar: expected a number\n"
+         "3:27 FOO: expected AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }\n"
+         "4:1 }: expected MATERIALLIST or TEXTURELIST\n"},
+        {"MATERIALLIST \"a\" {\n MATERAIL \"x\" {\n AMBIENT 1 2 x\nTEXTURELIST \"t\" {\n FPS { 25 }\n TEXTURE \"u\" { "
+         "v } }",
+         "2:2 MATERAIL: expected MATERIAL or }\n3:14 x: expected a number\n4:1 TEXTURELIST: expected }\n"
+         "5:6 {: expected a number\n"
+         "6:16 v: expected a file in quotes, WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }\n"},
         {"MATERIALLIST \"m\" { } }", "1:22 }: expected MATERIALLIST or TEXTURELIST\n"},
     };
     for (const auto &[text, errors] : cases)
@@ -147,7 +157,9 @@ TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
     {
         many += "x\n";
     }
-    EXPECT_EQ(readDescription(many, *root_).size(), kMostErrors);
+    const std::vector<DescriptionError> errors = readDescription(many, *root_);
+    EXPECT_EQ(errors.size(), kMostErrors + 1);
+    EXPECT_EQ(errors.back().text, "what else is wrong is not told");
 }
 
 TEST_F(Description, FilesNameThePlaceOfAnError)

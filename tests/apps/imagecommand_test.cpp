@@ -146,15 +146,24 @@ TEST_F(ImageCommand, LosesNothing)
 {
     const Bytes good = plain::sgiFile(kSmall, kDots);
     write("a.sgi", good);
-    std::filesystem::create_symlink("a.sgi", folder_ / "b.sgi");
-    for (const char *out : {"a.sgi", "b.sgi"})
+    write("in/b.sgi", good);
+    write("in/c.sgi", good);
+    std::filesystem::create_symlink("c.sgi", folder_ / "in/b.png");
+    std::filesystem::create_hard_link(folder_ / "a.sgi", folder_ / "a.png");
+    EXPECT_TRUE(run({"a.sgi", "in/b.sgi"}) == 2 &&
+                messages_ == "Error: output in/b.sgi: expected the name of a PNG file\n");
+    EXPECT_TRUE(run({"a.sgi", "a.png"}) == 2 && messages_ == "Error: a.sgi: a.png is an image to convert itself\n");
+    EXPECT_TRUE(run({"in", "in", "--quiet"}) == 2 &&
+                messages_.starts_with("Error: in/b.sgi: in/b.png is an image to convert itself\n"));
+    for (const char *kept : {"a.sgi", "in/b.sgi", "in/c.sgi"})
     {
-        EXPECT_EQ(run({"a.sgi", out}), 2);
-        EXPECT_EQ(messages_, "Error: a.sgi: is the output, too\n");
+        EXPECT_EQ(contentOf(folder_ / kept, [](const std::string &) { return true; }),
+                  std::string(good.begin(), good.end()));
     }
-    EXPECT_EQ(contentOf(folder_ / "a.sgi"), std::string(good.begin(), good.end()));
+    std::filesystem::remove_all(folder_ / "in");
+    std::filesystem::create_directory(folder_ / "in");
     EXPECT_TRUE(run({"a.sgi"}) == 2 && messages_ == "Error: expected the name of an output, or --info\n");
-    EXPECT_TRUE(run({"in", "a.sgi"}) == 2 &&
-                messages_ == "Error: output a.sgi: expected a folder, as the input is one\n");
+    EXPECT_TRUE(run({"in", "a.png"}) == 2 &&
+                messages_ == "Error: output a.png: expected a folder, as the input is one\n");
     EXPECT_TRUE(run({"in", "out"}) == 2 && messages_.starts_with("Error: input in: expected images in it"));
 }
