@@ -1,6 +1,7 @@
 #include "description.h"
 
 #include "inputfile.h"
+#include "plaintext.h"
 #include "quietstderr.h"
 
 #include <tolvin/kernel/kernelmaterial.h>
@@ -286,29 +287,6 @@ bool looksLikeNumber(const Token &token)
            std::string_view("+-.0123456789").find(token.text[0]) != std::string_view::npos;
 }
 
-// As much of a text as an error needs, on one line of plain characters.
-std::string shown(std::string_view text)
-{
-    constexpr std::size_t kMost = 60;
-    std::size_t most = std::min(text.size(), kMost);
-    while (most < text.size() && most > 0 && (text[most] & 0xC0) == 0x80) // inside a character of UTF-8
-    {
-        --most;
-    }
-    std::string plain;
-    for (const char c : text.substr(0, most))
-    {
-        const bool isControl = (c >= 0 && c < ' ') || c == 0x7F;
-        char code[8] = {c};
-        if (isControl)
-        {
-            std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned>(c));
-        }
-        plain += code;
-    }
-    return plain;
-}
-
 class Parser
 {
 public:
@@ -364,7 +342,7 @@ private:
 
     std::string found() const
     {
-        const std::string text = shown(token_.text);
+        const std::string text = plainText(token_.text);
         switch (token_.kind)
         {
         case TokenKind::End:

@@ -1,5 +1,6 @@
 #include "imagecommand.h"
 
+#include "counted.h"
 #include "exitcode.h"
 #include "inputfile.h"
 #include "outputfile.h"
@@ -132,11 +133,6 @@ private:
 
     vuTexture texture_;
 };
-
-std::string counted(std::size_t number, const std::string &what)
-{
-    return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
-}
 
 // What the first bytes of a file say, be it usable or not.
 std::string headerText(const fs::path &file)

@@ -1,5 +1,6 @@
 // The tolvin command.
 #include "imagecommand.h"
+#include "modelcommand.h"
 #include "noisecommand.h"
 #include "runcommand.h"
 #include "sendcommand.h"
@@ -37,6 +38,7 @@ int main(int argc, char **argv)
     tolvin::addSunCommand(app, exitCode);
     tolvin::addNoiseCommand(app, exitCode);
     tolvin::addImageCommand(app, exitCode);
+    tolvin::addModelCommand(app, exitCode);
     try
     {
         app.parse(argc, argv);

@@ -14,7 +14,7 @@ if(TOLVIN_APPS)
   endif()
   set_target_properties(tolvin_command PROPERTIES INSTALL_RPATH "${command_rpath}")
 endif()
-foreach(folder kernel performer)
+foreach(folder kernel geometry vuDB performer)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin
     FILES_MATCHING PATTERN "*.h")
 endforeach()

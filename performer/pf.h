@@ -2,11 +2,11 @@
 #ifndef TOLVIN_PERFORMER_PF_H
 #define TOLVIN_PERFORMER_PF_H
 
+#include "pfgeoset.h"
 #include "pfmaterial.h"
+#include "pfmath.h"
 #include "pfmemory.h"
+#include "pfnode.h"
 #include "pftexture.h"
-
-/* Scene-graph nodes, opaque to those who only pass them on. */
-typedef struct pfNode pfNode;
 
 #endif

@@ -1,5 +1,7 @@
 #include "pfmemory.h"
 
+#include "pftype.hpp"
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -28,6 +30,10 @@
 //
 // A killed process has executed some first part of its instructions. Others look at what it left only after the kernel
 // has passed them the mutex, so nothing more than the order of the compiled stores matters: setPhase keeps that.
+//
+// The deletion of a typed object may lead to others, to any depth. Those that are to be deleted form a list, linked
+// through their headers, so that this takes neither stack nor memory; they are no blocks in use any more. What a process
+// that is killed meanwhile had on its list is lost to all, like blocks that it alone knew.
 
 namespace
 {
@@ -44,15 +50,18 @@ using Heap = boost::interprocess::rbtree_best_fit<boost::interprocess::null_mute
 // before the block is noticed before it can do harm.
 struct alignas(kAlignment) Block
 {
-    void *reservedType; // null; for blocks that are typed objects
-    size_t bytes;       // as requested
+    const pfType *type;
+    size_t bytes; // as requested
     int32_t references;
-    uintptr_t check; // liveCheck while the block is in use
+    uintptr_t check; // liveCheck while the block is in use; then the address of the next one of a deletion, or 0
 };
 
 static_assert(sizeof(Block) == offsetof(Block, check) + sizeof(uintptr_t) && alignof(std::max_align_t) >= kAlignment);
 static_assert(std::atomic<uint32_t>::is_always_lock_free && std::atomic_ref<int32_t>::is_always_lock_free &&
               std::atomic_ref<uintptr_t>::is_always_lock_free);
+
+// The type of blocks that are no typed objects.
+constexpr pfType kPlain = {"plain block", nullptr, nullptr};
 
 // What changes together. Positions are in bytes from the start of the mapping.
 struct State
@@ -223,23 +232,23 @@ void *takeFrom(Arena &arena, size_t bytes)
     return memory;
 }
 
-// Tied to the address, so that a copy of a block does not pass for one.
+// Tied to the address, so that a copy of a block does not pass for one. Never the address of a block: those are
+// multiples of the alignment.
 uintptr_t liveCheck(const Block *block)
 {
     return reinterpret_cast<uintptr_t>(block) ^ static_cast<uintptr_t>(0x9d3cf1a7b25e8c64);
 }
 
-// Of several who release a block at once, one gets true.
-bool claim(Block *block)
+// Change check from one value to another. Of several who do it at once, one gets true.
+bool claim(Block *block, uintptr_t from, uintptr_t to)
 {
-    uintptr_t expected = liveCheck(block);
-    return std::atomic_ref(block->check).compare_exchange_strong(expected, 0);
+    return std::atomic_ref(block->check).compare_exchange_strong(from, to);
 }
 
-bool giveBack(Arena &arena, Block *block)
+bool giveBack(Arena &arena, Block *block, uintptr_t check)
 {
     const Lock lock(arena);
-    if (!claim(block))
+    if (!claim(block, check, 0))
     {
         return false;
     }
@@ -289,12 +298,13 @@ Block *findBlock(const char *function, const void *pointer)
     return block;
 }
 
-// Release a block that findBlock has found. False, and a report, when another was faster.
-bool release(const char *function, Block *block)
+// Release a block in use or on the list of a deletion, which has the given check. False, and a report, when another was
+// faster.
+bool release(const char *function, Block *block, uintptr_t check)
 {
     Arena *arena = madeArena.load(std::memory_order_acquire);
     const bool inArena = isIn(arena, block + 1);
-    if (!(inArena ? giveBack(*arena, block) : claim(block)))
+    if (!(inArena ? giveBack(*arena, block, check) : claim(block, check, 0)))
     {
         reportBad(function, block + 1);
         return false;
@@ -306,7 +316,54 @@ bool release(const char *function, Block *block)
     return true;
 }
 
+// Take a reference away, if there is one. Returns how many are left.
+int32_t dropReference(Block *block)
+{
+    std::atomic_ref references(block->references);
+    int32_t count = references.load();
+    while (count > 0 && !references.compare_exchange_weak(count, count - 1))
+    {
+    }
+    return std::max(count - 1, 0);
+}
+
 } // namespace
+
+struct pfDeletion
+{
+    Block *first = nullptr;
+
+    // False, and a report, when another deletes the block already.
+    bool add(Block *block)
+    {
+        if (!claim(block, liveCheck(block), reinterpret_cast<uintptr_t>(first)))
+        {
+            reportBad("pfDelete", block + 1);
+            return false;
+        }
+        first = block;
+        return true;
+    }
+
+    // Delete what is on the list, and what gets there meanwhile.
+    void run()
+    {
+        while (first != nullptr)
+        {
+            Block *const block = first;
+            const uintptr_t next = block->check;
+            first = reinterpret_cast<Block *>(next);
+            for (const pfType *type = block->type; type != nullptr; type = type->parent)
+            {
+                if (type->release != nullptr)
+                {
+                    type->release(block + 1, *this);
+                }
+            }
+            release("pfDelete", block, next);
+        }
+    }
+};
 
 int pfSharedArenaSize(size_t bytes)
 {
@@ -375,7 +432,7 @@ void *pfMalloc(size_t bytes, void *arena)
         return nullptr;
     }
     // Nobody else knows the block yet, so the mutex is not needed for this.
-    Block *block = new (memory) Block{nullptr, bytes, 0, 0};
+    Block *block = new (memory) Block{&kPlain, bytes, 0, 0};
     block->check = liveCheck(block);
     return block + 1;
 }
@@ -384,7 +441,7 @@ void pfFree(void *block)
 {
     if (Block *found = findBlock("pfFree", block))
     {
-        release("pfFree", found);
+        release("pfFree", found, liveCheck(found));
     }
 }
 
@@ -397,16 +454,7 @@ int pfRef(void *object)
 int pfUnref(void *object)
 {
     Block *block = findBlock("pfUnref", object);
-    if (block == nullptr)
-    {
-        return -1;
-    }
-    std::atomic_ref references(block->references);
-    int32_t count = references.load();
-    while (count > 0 && !references.compare_exchange_weak(count, count - 1))
-    {
-    }
-    return std::max(count - 1, 0);
+    return block != nullptr ? dropReference(block) : -1;
 }
 
 int pfGetRef(const void *object)
@@ -426,5 +474,35 @@ int pfDelete(void *object)
     {
         return 0;
     }
-    return release("pfDelete", block) ? 1 : -1;
+    if (block->type == &kPlain)
+    {
+        return release("pfDelete", block, liveCheck(block)) ? 1 : -1;
+    }
+    pfDeletion deletion;
+    if (!deletion.add(block))
+    {
+        return -1;
+    }
+    deletion.run();
+    return 1;
+}
+
+void pfSetType(void *block, const pfType &type)
+{
+    (static_cast<Block *>(block) - 1)->type = &type;
+}
+
+const pfType *pfTypeOf(const char *function, const void *object)
+{
+    const Block *block = findBlock(function, object);
+    return block != nullptr ? block->type : nullptr;
+}
+
+void pfGiveBack(void *object, pfDeletion &deletion)
+{
+    Block *block = findBlock("pfDelete", object);
+    if (block != nullptr && dropReference(block) == 0)
+    {
+        deletion.add(block);
+    }
 }

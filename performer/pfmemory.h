@@ -63,7 +63,7 @@ PF_API void pfGetArenaInfo(pfArenaInfo *info);
  */
 PF_API void *pfMalloc(size_t bytes, void *arena);
 
-/* Release a block of pfMalloc, whatever its reference count. Null is ignored. */
+/* Release a block, whatever its reference count. References that it holds itself are not given back. Null is ignored. */
 PF_API void pfFree(void *block);
 
 /* Add a reference to a block. Returns the new count, -1 for null or no live block. */
@@ -76,8 +76,10 @@ PF_API int pfUnref(void *object);
 PF_API int pfGetRef(const void *object);
 
 /*
- * Release an object if nobody holds a reference to it. Returns 1 when it was released, 0 when references remain and
- * nothing happened, -1 for null or no live block.
+ * Release an object if nobody holds a reference to it. A typed object (nodes and GeoSets are) gives back the references
+ * that it holds itself, and what nobody holds then is deleted in the same way, to any depth. If the process dies
+ * meanwhile, what was to be deleted may stay in the arena without being a live block.
+ * Returns 1 when it was released, 0 when references remain and nothing happened, -1 for null or no live block.
  */
 PF_API int pfDelete(void *object);
 
