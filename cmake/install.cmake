@@ -2,8 +2,8 @@
 # samples.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS tolvin pf EXPORT tolvin-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-set_target_properties(tolvin pf PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS tolvin pf pfutil EXPORT tolvin-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+set_target_properties(tolvin pf pfutil PROPERTIES INSTALL_RPATH "$ORIGIN")
 if(TOLVIN_APPS)
   install(TARGETS tolvin_command RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   set(command_rpath "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
@@ -19,7 +19,7 @@ foreach(folder kernel geometry vuDB performer)
     FILES_MATCHING PATTERN "*.h")
 endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/tolvin
-  FILES_MATCHING PATTERN "*.scene" PATTERN "*.rgb" PATTERN "*.rgba")
+  FILES_MATCHING PATTERN "*.scene" PATTERN "*.drive" PATTERN "*.rgb" PATTERN "*.rgba" PATTERN "*.png" PATTERN "*.obj")
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/tolvin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvin)

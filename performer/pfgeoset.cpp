@@ -1,41 +1,35 @@
-#include "pfgeoset.h"
+#include "pfgeoset.hpp"
 
-#include "pftype.hpp"
-
-#include <algorithm>
+#include <array>
 #include <climits>
-#include <cstdint>
+#include <cmath>
 #include <cstdio>
 #include <limits>
 #include <new>
+#include <optional>
 
 namespace
 {
 
-struct Attribute
-{
-    int binding;
-    void *elements;          // the caller's
-    unsigned short *indices; // the caller's; null for elements in order
-};
+constexpr GSetAttribute kNoAttribute = {PFGS_OFF, nullptr, nullptr};
 
-constexpr Attribute kNoAttribute = {PFGS_OFF, nullptr, nullptr};
-constexpr int kAttributes = PFGS_COORD3 + 1;
+void dropHierarchy(pfGeoSet &gset)
+{
+    pfFree(gset.hierarchy.exchange(nullptr));
+    gset.triangles = kUnknownTriangles;
+}
+
+void releaseGSet(void *object, pfDeletion &deletion)
+{
+    pfGeoSet *gset = static_cast<pfGeoSet *>(object);
+    pfReleaseHolders(gset, gset->geodes);
+    dropHierarchy(*gset);
+    pfGiveBack(gset->gstate, deletion);
+}
 
 } // namespace
 
-struct pfGeoSet
-{
-    int type;
-    int number;   // of primitives, not negative
-    int *lengths; // the caller's
-    Attribute attributes[kAttributes];
-    pfBox box;
-    int boxMode;   // 0 when there is no box
-    bool boxIsOld; // something that it depends on was set
-};
-
-constinit pfType pfGeoSetType = {"pfGeoSet", nullptr, nullptr};
+constinit pfType pfGeoSetType = {"pfGeoSet", nullptr, releaseGSet};
 
 namespace
 {
@@ -58,7 +52,7 @@ bool isSelector(const char *function, const char *what, int selector, int first,
 
 bool isAttribute(const char *function, int attribute)
 {
-    return isSelector(function, "an attribute", attribute, 0, kAttributes - 1);
+    return isSelector(function, "an attribute", attribute, 0, kGSetAttributes - 1);
 }
 
 bool isBinding(const char *function, int attribute, int binding)
@@ -71,7 +65,7 @@ bool isBinding(const char *function, int attribute, int binding)
 }
 
 // The attribute of a GeoSet; none, and a report, when either is not there.
-const Attribute &attributeOf(const char *function, const pfGeoSet *gset, int attribute)
+const GSetAttribute &attributeOf(const char *function, const pfGeoSet *gset, int attribute)
 {
     return isGiven(function, gset) && isAttribute(function, attribute) ? gset->attributes[attribute] : kNoAttribute;
 }
@@ -79,15 +73,14 @@ const Attribute &attributeOf(const char *function, const pfGeoSet *gset, int att
 // 64 bits hold the sum of so many lengths as an int can count.
 int64_t countVertices(const pfGeoSet &gset)
 {
-    constexpr int kLengths[] = {1, 2, 3, 4};
     if (gset.type < PFGS_LINESTRIPS)
     {
-        return static_cast<int64_t>(gset.number) * kLengths[gset.type];
+        return int64_t{gset.number} * kGSetVertices[gset.type];
     }
     int64_t sum = 0;
-    for (int i = 0; i < gset.number && gset.lengths != nullptr; ++i)
+    for (int i = 0; i < gset.number; ++i)
     {
-        sum += std::max(gset.lengths[i], 0);
+        sum += pfVerticesOf(gset, i);
     }
     return sum;
 }
@@ -102,33 +95,105 @@ void extend(pfBox &box, const pfVec3 point)
     }
 }
 
-pfBox computeBox(const pfGeoSet &gset)
+// Whether there is any coordinate that is a number; the box round them, with 0 on an axis that has none.
+bool computeBox(const pfGeoSet &gset, pfBox &box)
 {
     constexpr float kInfinity = std::numeric_limits<float>::infinity();
-    pfBox box = {{kInfinity, kInfinity, kInfinity}, {-kInfinity, -kInfinity, -kInfinity}};
-    const Attribute &coordinates = gset.attributes[PFGS_COORD3];
+    box = {{kInfinity, kInfinity, kInfinity}, {-kInfinity, -kInfinity, -kInfinity}};
+    const GSetAttribute &coordinates = gset.attributes[PFGS_COORD3];
     const auto *points = static_cast<const pfVec3 *>(coordinates.elements);
-    const bool any = points != nullptr && coordinates.binding != PFGS_OFF;
-    const int64_t count = any ? countVertices(gset) : 0;
+    const bool isList = points != nullptr && coordinates.binding != PFGS_OFF;
+    const int64_t count = isList ? countVertices(gset) : 0;
     for (int64_t i = 0; i < count; ++i)
     {
         extend(box, points[coordinates.indices != nullptr ? coordinates.indices[i] : i]);
     }
+    bool any = false;
     for (int axis = 0; axis < 3; ++axis)
     {
-        if (box.min[axis] > box.max[axis])
-        {
-            box.min[axis] = box.max[axis] = 0.0F;
-        }
+        const bool found = box.min[axis] <= box.max[axis];
+        box.min[axis] = found ? box.min[axis] : 0.0F;
+        box.max[axis] = found ? box.max[axis] : 0.0F;
+        any = any || found;
     }
-    return box;
+    return any;
 }
 
-// The box is computed when it is read, not at once: of several changes the first ones leave a GeoSet whose number of
-// vertices does not fit its lists.
-void boxDependedOnThis(pfGeoSet &gset)
+// The boxes of those that it is in go first, as in pfForgetBox.
+void forgetExtent(pfGeoSet &gset)
 {
-    gset.boxIsOld = gset.boxMode == PFBOUND_DYNAMIC;
+    if (gset.extent.state.load() != pfKeptBox::Forgotten)
+    {
+        pfForEachHolder(gset.geodes, pfForgetBox);
+        gset.extent.state.store(pfKeptBox::Forgotten);
+    }
+}
+
+// Stands for a change of what the coordinates, or which of them count, depend on. Boxes are computed when they are read, not
+// at once: of several changes the first ones leave a GeoSet whose number of vertices does not fit its lists.
+class CoordinateChange
+{
+public:
+    explicit CoordinateChange(pfGeoSet &changed) : gset(changed)
+    {
+        forget();
+    }
+    ~CoordinateChange()
+    {
+        forget();
+        gset.boxIsOld = gset.boxMode == PFBOUND_DYNAMIC;
+    }
+    CoordinateChange(const CoordinateChange &) = delete;
+    CoordinateChange &operator=(const CoordinateChange &) = delete;
+
+private:
+    void forget()
+    {
+        forgetExtent(gset);
+        dropHierarchy(gset);
+    }
+
+    pfGeoSet &gset;
+};
+
+// Whether the exact sum of the terms is 0. The partial sums are kept without rounding, as non-overlapping parts: Shewchuk,
+// "Adaptive Precision Floating-Point Arithmetic and Fast Robust Geometric Predicates", 1997, GROW-EXPANSION.
+bool isZeroSum(const std::array<double, 6> &terms)
+{
+    std::array<double, 6> parts = {};
+    for (size_t i = 0; i < terms.size(); ++i)
+    {
+        double carry = terms[i];
+        for (size_t k = 0; k < i; ++k)
+        {
+            const double sum = carry + parts[k];
+            const double rest = sum - carry;
+            parts[k] = (carry - (sum - rest)) + (parts[k] - rest);
+            carry = sum;
+        }
+        parts[i] = carry;
+    }
+    return std::ranges::all_of(parts, [](double part) { return part == 0.0; });
+}
+
+// Whether a triangle has no area in the projection to two axes.
+bool isFlat(const pfTriangle &triangle, int axis, int other)
+{
+    const auto &[a, b, c] = triangle.corners;
+    const double ux = double{b[axis]} - a[axis];
+    const double uy = double{b[other]} - a[other];
+    const double vx = double{c[axis]} - a[axis];
+    const double vy = double{c[other]} - a[other];
+    // Four roundings in each product, counted generously, and one in their difference.
+    constexpr double kError = 1e-15;
+    if (std::fabs(ux * vy - uy * vx) > kError * (std::fabs(ux * vy) + std::fabs(uy * vx)))
+    {
+        return false;
+    }
+    // The same, multiplied out: products of two floats are doubles without rounding.
+    const auto product = [=](float x, float y) { return double{x} * y; };
+    return isZeroSum({product(a[axis], b[other]), -product(b[axis], a[other]), product(b[axis], c[other]),
+                      -product(c[axis], b[other]), product(c[axis], a[other]), -product(a[axis], c[other])});
 }
 
 } // namespace
@@ -141,15 +206,17 @@ pfGeoSet *pfNewGSet(void *arena)
         return nullptr;
     }
     pfSetType(memory, pfGeoSetType);
-    return new (memory) pfGeoSet{};
+    pfGeoSet *gset = new (memory) pfGeoSet{};
+    gset->arena = arena;
+    return gset;
 }
 
 void pfGSetPrimType(pfGeoSet *gset, int type)
 {
     if (isGiven(__func__, gset) && isSelector(__func__, "a kind of primitives", type, PFGS_POINTS, PFGS_POLYS))
     {
+        const CoordinateChange change(*gset);
         gset->type = type;
-        boxDependedOnThis(*gset);
     }
 }
 
@@ -162,8 +229,8 @@ void pfGSetNumPrims(pfGeoSet *gset, int number)
 {
     if (isGiven(__func__, gset))
     {
+        const CoordinateChange change(*gset);
         gset->number = std::max(number, 0);
-        boxDependedOnThis(*gset);
     }
 }
 
@@ -176,8 +243,8 @@ void pfGSetPrimLengths(pfGeoSet *gset, int *lengths)
 {
     if (isGiven(__func__, gset))
     {
+        const CoordinateChange change(*gset);
         gset->lengths = lengths;
-        boxDependedOnThis(*gset);
     }
 }
 
@@ -192,11 +259,12 @@ void pfGSetAttr(pfGeoSet *gset, int attribute, int binding, void *elements, unsi
     {
         return;
     }
-    gset->attributes[attribute] = {binding, elements, indices};
+    std::optional<CoordinateChange> change;
     if (attribute == PFGS_COORD3)
     {
-        boxDependedOnThis(*gset);
+        change.emplace(*gset);
     }
+    gset->attributes[attribute] = {binding, elements, indices};
 }
 
 int pfGetGSetAttrBind(const pfGeoSet *gset, int attribute)
@@ -206,7 +274,7 @@ int pfGetGSetAttrBind(const pfGeoSet *gset, int attribute)
 
 void pfGetGSetAttrLists(const pfGeoSet *gset, int attribute, void **elements, unsigned short **indices)
 {
-    const Attribute &from = attributeOf(__func__, gset, attribute);
+    const GSetAttribute &from = attributeOf(__func__, gset, attribute);
     if (elements != nullptr)
     {
         *elements = from.elements;
@@ -222,14 +290,36 @@ int pfGetGSetNumVertices(const pfGeoSet *gset)
     return isGiven(__func__, gset) ? static_cast<int>(std::min<int64_t>(countVertices(*gset), INT_MAX)) : 0;
 }
 
+void pfGSetGState(pfGeoSet *gset, pfGeoState *gstate)
+{
+    if (isGiven(__func__, gset) && (gstate == nullptr || pfIsGiven(__func__, gstate, pfGeoStateType)))
+    {
+        pfExchange(gset->gstate, gstate);
+    }
+}
+
+pfGeoState *pfGetGSetGState(const pfGeoSet *gset)
+{
+    return isGiven(__func__, gset) ? gset->gstate : nullptr;
+}
+
 void pfGSetBBox(pfGeoSet *gset, pfBox *box, int mode)
 {
-    if (isGiven(__func__, gset) && isSelector(__func__, "a mode", mode, PFBOUND_STATIC, PFBOUND_DYNAMIC))
+    if (!isGiven(__func__, gset) || !isSelector(__func__, "a mode", mode, PFBOUND_STATIC, PFBOUND_DYNAMIC))
     {
-        gset->box = box != nullptr ? *box : computeBox(*gset);
-        gset->boxMode = mode;
-        gset->boxIsOld = false;
+        return;
     }
+    if (box != nullptr)
+    {
+        gset->box = *box;
+    }
+    else
+    {
+        const CoordinateChange change(*gset); // in place, perhaps
+        computeBox(*gset, gset->box);
+    }
+    gset->boxMode = mode;
+    gset->boxIsOld = false;
 }
 
 int pfGetGSetBBox(pfGeoSet *gset, pfBox *box)
@@ -240,7 +330,7 @@ int pfGetGSetBBox(pfGeoSet *gset, pfBox *box)
     }
     if (gset->boxIsOld)
     {
-        gset->box = computeBox(*gset);
+        computeBox(*gset, gset->box);
         gset->boxIsOld = false;
     }
     if (box != nullptr)
@@ -248,4 +338,80 @@ int pfGetGSetBBox(pfGeoSet *gset, pfBox *box)
         *box = gset->box;
     }
     return gset->boxMode;
+}
+
+bool pfIsTriangle(const pfTriangle &triangle)
+{
+    for (const pfVec3 &corner : triangle.corners)
+    {
+        if (!std::isfinite(corner[0]) || !std::isfinite(corner[1]) || !std::isfinite(corner[2]))
+        {
+            return false;
+        }
+    }
+    return !isFlat(triangle, 0, 1) || !isFlat(triangle, 1, 2) || !isFlat(triangle, 2, 0);
+}
+
+std::vector<pfTriangle> pfTrianglesOf(const pfGeoSet &gset)
+{
+    std::vector<pfTriangle> triangles;
+    pfForEachTriangle(gset, [&](const pfTriangle &triangle) { triangles.push_back(triangle); });
+    return triangles;
+}
+
+const pfHierarchy *pfHierarchyOf(pfGeoSet &gset)
+{
+    if (const pfHierarchy *known = gset.hierarchy.load(std::memory_order_acquire))
+    {
+        return known;
+    }
+    if (gset.triangles.load(std::memory_order_relaxed) != kUnknownTriangles)
+    {
+        return nullptr;
+    }
+    pfHierarchy *built = nullptr;
+    int triangles = kSomeTriangles;
+    try
+    {
+        const std::vector<pfTriangle> found = pfTrianglesOf(gset);
+        triangles = found.empty() ? kNoTriangles : kSomeTriangles;
+        built = found.empty() ? nullptr : pfBuildHierarchy(found, gset.arena);
+    }
+    catch (const std::bad_alloc &)
+    {
+    }
+    if (built == nullptr)
+    {
+        gset.triangles.store(triangles, std::memory_order_relaxed);
+        return gset.hierarchy.load(std::memory_order_acquire); // others may have had more room
+    }
+    pfHierarchy *other = nullptr;
+    if (gset.hierarchy.compare_exchange_strong(other, built))
+    {
+        return built;
+    }
+    pfFree(built);
+    return other;
+}
+
+bool pfExtentOf(pfGeoSet &gset, pfBox &box)
+{
+    switch (gset.extent.state.load(std::memory_order_acquire))
+    {
+    case pfKeptBox::Known:
+        box = gset.extent.box;
+        return true;
+    case pfKeptBox::None:
+        return false;
+    default:
+        break;
+    }
+    pfBox computed;
+    const bool any = computeBox(gset, computed);
+    pfKeepBox(gset.extent, any ? &computed : nullptr, [] { return false; });
+    if (any)
+    {
+        box = computed;
+    }
+    return any;
 }

@@ -3,12 +3,13 @@
  * to use and for anybody to read back. Attribute and index lists stay the caller's: a GeoSet only points to them.
  *
  * A GeoSet is a block of pfNewGSet's arena, with the reference count of pfmemory.h: pfRef, pfUnref and pfDelete work on it.
- * No function takes a lock. A null object, one that is no GeoSet, or a selector that is not named here, is reported on
- * standard error and changes nothing; reading from it gives 0.
+ * No function takes a lock; pfnode.h tells who may do what at once. A null object, one that is no GeoSet, or a selector that
+ * is not named here, is reported on standard error and changes nothing; reading from it gives 0.
  */
 #ifndef TOLVIN_PERFORMER_PFGEOSET_H
 #define TOLVIN_PERFORMER_PFGEOSET_H
 
+#include "pfgstate.h"
 #include "pfmath.h"
 
 #ifdef __cplusplus
@@ -78,12 +79,17 @@ PF_API int pfGetGSetAttrBind(const pfGeoSet *gset, int attribute);
 /* Write elements and indices to where the pointers lead; each may be null. */
 PF_API void pfGetGSetAttrLists(const pfGeoSet *gset, int attribute, void **elements, unsigned short **indices);
 
+/* How it looks: a GeoState, to which the GeoSet holds a reference; null for none. The former one is given back, not deleted. */
+PF_API void pfGSetGState(pfGeoSet *gset, pfGeoState *gstate);
+PF_API pfGeoState *pfGetGSetGState(const pfGeoSet *gset);
+
 /* How many vertices all primitives have together; INT_MAX when it is more. */
 PF_API int pfGetGSetNumVertices(const pfGeoSet *gset);
 
 /*
  * Set the box and its mode. A null box is computed from the coordinates of all vertices, with 0 on an axis where none has a
- * number: the lists are read, as far as type, number of primitives, lengths and indices tell.
+ * number: the lists are read, as far as type, number of primitives, lengths and indices tell. Since they may have been changed
+ * in place, the boxes of nodes and the hierarchy for intersection are then made anew when they are needed, as after pfGSetAttr.
  */
 PF_API void pfGSetBBox(pfGeoSet *gset, pfBox *box, int mode);
 

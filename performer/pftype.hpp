@@ -4,6 +4,8 @@
 // forked from one image, with its types at the same addresses.
 #pragma once
 
+#include "pfmemory.h"
+
 #include <cstdio>
 
 // One run of pfDelete, with the objects that it has still to delete.
@@ -19,8 +21,9 @@ struct pfType
     void (*release)(void *object, pfDeletion &deletion);
 };
 
-// The type of pfgeoset.cpp.
+// The types of pfgeoset.cpp and pfgstate.cpp.
 extern pfType pfGeoSetType;
+extern pfType pfGeoStateType;
 
 // In pfmemory.cpp: make a new block an object of a type, before anybody else knows it.
 void pfSetType(void *block, const pfType &type);
@@ -31,6 +34,23 @@ const pfType *pfTypeOf(const char *function, const void *object);
 
 // In pfmemory.cpp, for pfType::release: take a reference away and leave the object to the deletion if it was the last.
 void pfGiveBack(void *object, pfDeletion &deletion);
+
+// Put an object, or null, in the place of another: the place holds a reference. An object that is no live block is reported
+// and changes nothing. In between it is rather held once too often than once too little.
+template<typename Object>
+void pfExchange(Object *&place, Object *object)
+{
+    if (object != nullptr && pfRef(object) < 0)
+    {
+        return;
+    }
+    Object *const old = place;
+    place = object;
+    if (old != nullptr)
+    {
+        pfUnref(old);
+    }
+}
 
 // Whether a type is another or below it.
 inline bool pfIsBelow(const pfType *type, const pfType *other)

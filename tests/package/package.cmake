@@ -2,7 +2,8 @@
 
 set(folders_of_tolvin kernel geometry vuDB)
 set(folders_of_pf performer)
-foreach(library tolvin pf)
+set(folders_of_pfutil performer/pfutil)
+foreach(library tolvin pf pfutil)
   list(TRANSFORM folders_of_${library} PREPEND ${PROJECT_SOURCE_DIR}/ OUTPUT_VARIABLE folders)
   add_test(NAME package/exports_${library}
     COMMAND ${PROJECT_SOURCE_DIR}/tests/package/check_exports $<TARGET_FILE:${library}> ${folders})
@@ -11,7 +12,7 @@ endforeach()
 # Every public header compiles alone, as C11 and as C++20; building this library is the test.
 file(GLOB public_headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/kernel/*.h ${PROJECT_SOURCE_DIR}/geometry/*.h ${PROJECT_SOURCE_DIR}/vuDB/*.h
-  ${PROJECT_SOURCE_DIR}/performer/*.h)
+  ${PROJECT_SOURCE_DIR}/performer/*.h ${PROJECT_SOURCE_DIR}/performer/pfutil/*.h)
 set(header_sources)
 foreach(header ${public_headers})
   string(MAKE_C_IDENTIFIER ${header} name)

@@ -1,21 +1,22 @@
-// Nodes, GeoSets and matrices together.
 #include "support/capture.h"
 
 #include <gtest/gtest.h>
 
 #include <tolvin/performer/pf.h>
 
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <bit>
-#include <climits>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <random>
+#include <thread>
 #include <vector>
 
 static void *const arena = (pfSharedArenaSize(64 << 20), pfGetSharedArena());
@@ -28,6 +29,98 @@ static pfNode *asNode(void *node)
 static ptrdiff_t linesOf(const std::function<void()> &action)
 {
     return std::ranges::count(capturedStderr(action), '\n');
+}
+
+static std::vector<pfNode *> childrenOf(const pfGroup *group)
+{
+    std::vector<pfNode *> children(static_cast<size_t>(pfGetNumChildren(group)));
+    std::ranges::generate(children, [=, i = 0]() mutable { return pfGetChild(group, i++); });
+    return children;
+}
+
+static ptrdiff_t timesIn(pfNode *node, const pfGroup *group)
+{
+    ptrdiff_t count = 0;
+    for (int i = 0; i < pfGetNumParents(node); ++i)
+    {
+        count += pfGetParent(node, i) == group;
+    }
+    return count;
+}
+
+// Edits at random; a model of the children edits along.
+static void edit(pfGroup *group, const std::vector<pfNode *> &nodes, std::mt19937 &random,
+                 std::vector<pfNode *> *model = nullptr)
+{
+    pfNode *const node = nodes[random() % nodes.size()], *const other = nodes[random() % nodes.size()];
+    std::vector<pfNode *> none, &m = model ? *model : none;
+    const int count = pfGetNumChildren(group), place = static_cast<int>(random() % static_cast<unsigned>(count + 1));
+    const auto found = std::ranges::find(m, node);
+    int expected = found != m.end(), result = 0;
+    switch (random() % (count > 20 ? 4 : 3))
+    {
+    case 0:
+        result = pfInsertChild(group, place, node), expected = result;
+        result ? (void)m.insert(m.begin() + (model ? place : 0), node) : void();
+        break;
+    case 1:
+        result = pfReplaceChild(group, node, other), expected = model && !result ? 0 : expected;
+        expected ? (void)(*found = other) : void();
+        break;
+    case 2:
+        result = pfAddChild(group, node), expected = result;
+        result ? m.push_back(node) : void();
+        break;
+    default:
+        result = pfRemoveChild(group, node);
+        expected ? (void)m.erase(found) : void();
+    }
+    EXPECT_TRUE(!model || result == expected);
+}
+
+// First, since a process that dies in the arena leaves only what is above the highest block.
+TEST(PfNode, SurvivesWhoIsKilledWhileEditing)
+{
+    std::mt19937 random(2);
+    for (int round = 0; round < 60; ++round)
+    {
+        pfGroup *const groups[] = {pfNewGroup(arena), pfNewGroup(arena)};
+        std::vector<pfNode *> nodes(4);
+        std::ranges::generate(nodes, [] { return asNode(pfNewGroup(arena)); });
+        const pid_t process = fork();
+        while (process == 0)
+        {
+            edit(groups[random() % 2], nodes, random);
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(500 + random() % 1000));
+        kill(process, SIGKILL);
+        int status = 0;
+        waitpid(process, &status, 0);
+        ASSERT_TRUE(WIFSIGNALED(status));
+        const auto use = [&]
+        {
+            for (int i = 0; i < 200; ++i)
+            {
+                edit(groups[i % 2], nodes, random);
+            }
+            for (pfNode *node : nodes)
+            {
+                for (pfGroup *group : groups)
+                {
+                    EXPECT_EQ(timesIn(node, group), std::ranges::count(childrenOf(group), node));
+                }
+                EXPECT_GE(pfGetRef(node), pfGetNumParents(node));
+                pfRef(node);
+            }
+            EXPECT_EQ(pfDelete(groups[0]) + pfDelete(groups[1]), 2);
+            for (pfNode *node : nodes)
+            {
+                EXPECT_EQ(pfGetNumParents(node), 0);
+                pfFree(node);
+            }
+        };
+        EXPECT_EQ(linesOf(use), 0) << round;
+    }
 }
 
 TEST(PfNode, KeepsChildrenInOrderAlsoWhenTheArenaIsFull)
@@ -102,67 +195,6 @@ TEST(PfNode, DeletesWhatNobodyHoldsInAnyProcess)
     EXPECT_EQ(after.blocksInUse, before.blocksInUse - 3);
 }
 
-TEST(PfGeoSet, BoxIsOfTheVerticesThatPrimitivesUse)
-{
-    using Extents = std::array<float, 6>;
-    struct
-    {
-        int type, number;
-        std::vector<int> lengths;
-        std::vector<unsigned short> indices;
-        int vertices;
-        float least, greatest; // points, of which point i is (i, -i, i * i)
-    } cases[] = {{PFGS_POINTS, 5, {}, {}, 5, 0, 4},
-                 {PFGS_LINES, 3, {}, {}, 6, 0, 5},
-                 {PFGS_TRIS, 1, {}, {7, 2, 4}, 3, 2, 7},
-                 {PFGS_QUADS, 2, {}, {}, 8, 0, 7},
-                 {PFGS_LINESTRIPS, 2, {2, 3}, {}, 5, 0, 4},
-                 {PFGS_TRISTRIPS, 3, {3, -9, 4}, {}, 7, 0, 6},
-                 {PFGS_TRIFANS, 2, {3, 1}, {9, 8, 7, 3}, 4, 3, 9},
-                 {PFGS_POLYS, 9, {}, {}, 0, 0, 0},
-                 {PFGS_QUADS, -2, {}, {}, 0, 0, 0}};
-    pfGeoSet *gset = pfNewGSet(nullptr);
-    pfBox box = {{1, 2, 3}, {4, 5, 6}};
-    pfGSetBBox(gset, &box, PFBOUND_DYNAMIC);
-    for (auto &[type, number, lengths, indices, vertices, least, greatest] : cases)
-    {
-        std::vector<std::array<float, 3>> points(static_cast<size_t>(greatest) +
-                                                 1); // no more, so that reading on would show
-        std::ranges::generate(points, [i = -1.0f]() mutable { return ++i, std::array{i, -i, i * i}; });
-        pfGSetNumPrims(gset, number), pfGSetPrimType(gset, type);
-        pfGSetPrimLengths(gset, lengths.empty() ? nullptr : lengths.data());
-        pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, points.data(), indices.empty() ? nullptr : indices.data());
-        EXPECT_EQ(pfGetGSetNumVertices(gset), vertices) << type;
-        EXPECT_EQ(pfGetGSetBBox(gset, &box), PFBOUND_DYNAMIC);
-        const Extents expected = {least, -greatest, least * least, greatest, -least, greatest * greatest};
-        EXPECT_EQ(std::bit_cast<Extents>(box), expected) << type;
-    }
-    float odd[] = {NAN, 1, NAN, -INFINITY, NAN, NAN};
-    pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, odd, nullptr);
-    pfGSetPrimType(gset, PFGS_LINES), pfGSetNumPrims(gset, 1), pfGSetBBox(gset, nullptr, PFBOUND_STATIC);
-    pfGSetNumPrims(gset, INT_MAX);
-    EXPECT_EQ(pfGetGSetNumVertices(gset), INT_MAX);
-    EXPECT_EQ(pfGetGSetBBox(gset, &box), PFBOUND_STATIC);
-    EXPECT_EQ(std::bit_cast<Extents>(box), (Extents{-INFINITY, 1, 0, -INFINITY, 1, 0}));
-    EXPECT_EQ(pfDelete(gset), 1);
-}
-
-TEST(PfGeoSet, KeepsAttributesThroughMisuse)
-{
-    pfGeoSet *gset = pfNewGSet(arena);
-    void *list;
-    unsigned short index, *indices;
-    pfGSetAttr(gset, PFGS_NORMAL3, PFGS_PER_PRIM, &list, &index);
-    EXPECT_EQ(linesOf([=] { pfGSetAttr(gset, 4, 0, nullptr, nullptr), pfGSetAttr(gset, 1, -1, nullptr, nullptr); }), 2);
-    EXPECT_EQ(linesOf([=] { pfGSetAttr(gset, PFGS_COORD3, PFGS_OVERALL, gset, nullptr), pfGSetPrimType(gset, 8); }), 2);
-    EXPECT_EQ(linesOf([&] { pfGSetBBox(gset, nullptr, 3), pfGetGSetAttrLists(gset, -1, &list, &indices); }), 2);
-    EXPECT_TRUE(!list && !indices && pfGetGSetAttrBind(gset, PFGS_NORMAL3) == PFGS_PER_PRIM);
-    pfGetGSetAttrLists(gset, PFGS_NORMAL3, &list, &indices);
-    EXPECT_TRUE(list == &list && indices == &index);
-    EXPECT_EQ(pfGetGSetAttrBind(gset, PFGS_COORD3) + pfGetGSetPrimType(gset) + pfGetGSetBBox(gset, nullptr), 0);
-    EXPECT_EQ(pfDelete(gset), 1);
-}
-
 TEST(PfType, ObjectsOfOtherTypesAreReportedOnce)
 {
     void *const objects[] = {pfNewGroup(arena), pfNewGeode(arena), pfNewGSet(arena), pfMalloc(1, arena), nullptr};
@@ -184,9 +216,114 @@ TEST(PfType, ObjectsOfOtherTypesAreReportedOnce)
     EXPECT_EQ(pfDelete(objects[0]) + pfDelete(objects[1]) + pfDelete(objects[2]) + pfDelete(objects[3]), 4);
 }
 
-TEST(PfMath, CopyMatCopiesAllElements)
+TEST(PfNode, EditsLikeAListAndChangesNothingWithoutRoom)
 {
-    pfMatrix from = {{1, 2, 3, 4}, {5, 6, 7, 8}, {9, 10, 11, 12}, {13, 14, 15, 16}}, to;
-    pfCopyMat(to, from), pfCopyMat(to, to);
-    EXPECT_EQ(memcmp(from, to, sizeof from), 0);
+    std::mt19937 random(1);
+    for (const bool isFull : {false, true})
+    {
+        std::vector<pfGroup *> groups(5);
+        std::vector<pfNode *> nodes(6);
+        std::vector<std::vector<pfNode *>> models(5);
+        std::vector<void *> fill;
+        std::ranges::generate(groups, [] { return pfNewGroup(arena); });
+        std::ranges::generate(nodes, [] { return asNode(pfNewGroup(arena)); });
+        for (size_t bytes = 1 << 20; isFull && bytes > 0; bytes /= 2)
+        {
+            while (void *block = pfMalloc(bytes, arena))
+            {
+                fill.push_back(block);
+            }
+        }
+        for (int i = 0; i < 3000; ++i)
+        {
+            edit(groups[i % 5], nodes, random, &models[i % 5]);
+            ASSERT_EQ(childrenOf(groups[i % 5]), models[i % 5]) << i;
+            if (i % 100 == 0 && !fill.empty())
+            {
+                pfFree(fill.back()), fill.pop_back();
+            }
+        }
+        for (pfNode *node : nodes)
+        {
+            int sum = 0;
+            for (size_t i = 0; i < 5; ++i)
+            {
+                const ptrdiff_t times = std::ranges::count(models[i], node);
+                const auto first = std::ranges::find(models[i], node);
+                EXPECT_EQ(pfSearchChild(groups[i], node), times ? first - models[i].begin() : -1);
+                EXPECT_EQ(timesIn(node, groups[i]), times);
+                sum += static_cast<int>(times);
+            }
+            EXPECT_EQ(pfGetNumParents(node), sum);
+            EXPECT_EQ(pfGetRef(node), sum);
+        }
+        EXPECT_EQ(linesOf([&] { EXPECT_EQ(pfInsertChild(groups[0], -1, nodes[0]), 0); }), 1);
+        EXPECT_EQ(linesOf([&] { EXPECT_FALSE(pfGetParent(nodes[0], pfGetNumParents(nodes[0]))); }), 1);
+        pfAddChild(groups[0], nodes[0]), pfRef(nodes[0]);
+        EXPECT_EQ(pfDelete(groups[0]), 1);
+        EXPECT_EQ(timesIn(nodes[0], groups[0]), 0);
+        std::ranges::for_each(groups.begin() + 1, groups.end(), pfDelete);
+        EXPECT_EQ(pfGetNumParents(nodes[0]) + pfUnref(nodes[0]) + pfDelete(nodes[0]), 1);
+        std::ranges::for_each(fill, pfFree);
+    }
+    pfGroup *group = pfNewGroup(arena); // one that lost its reference is in no group any more
+    pfNode *child = asNode(pfNewGeode(arena));
+    EXPECT_EQ(pfAddChild(group, child) + pfAddChild(group, child), 2);
+    EXPECT_EQ(pfUnref(child) + pfUnref(child) + pfDelete(child) + pfGetNumChildren(group), 2);
+    EXPECT_EQ(pfDelete(group), 1);
+}
+
+TEST(PfNode, MasksChangeOnceForEachNode)
+{
+    pfGroup *const groups[] = {pfNewGroup(nullptr), pfNewGroup(nullptr), pfNewGroup(nullptr)};
+    for (int i = 0; i < 4; ++i) // four ways from the first to the last
+    {
+        EXPECT_EQ(pfAddChild(groups[i / 2], asNode(groups[i / 2 + 1])), 1);
+    }
+    const auto masks = [&](int which)
+    {
+        std::array<unsigned, 3> all;
+        std::ranges::transform(groups, all.begin(),
+                               [=](void *group) { return pfGetNodeTravMask(asNode(group), which); });
+        return all;
+    };
+    using Masks = std::array<unsigned, 3>;
+    pfNodeTravMask(asNode(groups[0]), PFTRAV_DRAW, 0xF0, PFTRAV_SELF | PFTRAV_DESCEND, PF_SET);
+    pfNodeTravMask(asNode(groups[1]), PFTRAV_DRAW, 0x1F, PFTRAV_DESCEND, PF_AND);
+    pfNodeTravMask(asNode(groups[1]), PFTRAV_DRAW, 3, PFTRAV_SELF, PF_OR);
+    EXPECT_EQ(masks(PFTRAV_DRAW), (Masks{0xF0, 0xF3, 0x10}));
+    EXPECT_EQ(masks(PFTRAV_ISECT), (Masks{~0U, ~0U, ~0U}));
+    constexpr int kWrong[][3] = {{-1, 0x10, 1}, {4, 0x10, 1}, {0, 0, 1},   {0, 0x40, 1},
+                                 {0, 0x11, 1},  {0, 0x10, 0}, {0, 0x10, 4}};
+    for (const auto &wrong : kWrong)
+    {
+        EXPECT_EQ(linesOf([&] { pfNodeTravMask(asNode(groups[0]), wrong[0], 0, wrong[1], wrong[2]); }), 1);
+    }
+    EXPECT_EQ(masks(PFTRAV_ISECT), (Masks{~0U, ~0U, ~0U}));
+    EXPECT_EQ(pfDelete(groups[0]), 1);
+}
+
+TEST(PfNode, KeepsItsNameAndType)
+{
+    void *const nodes[] = {pfNewGroup(arena), pfNewGeode(arena),  pfNewScene(arena), pfNewSCS(nullptr, arena),
+                           pfNewDCS(nullptr), pfNewSwitch(arena), pfNewLOD(arena),   pfNewGSet(arena)};
+    const char *const names[] = {"pfGroup", "pfGeode", "pfScene", "pfSCS", "pfDCS", "pfSwitch", "pfLOD", "pfGeoSet"};
+    pfType *const types[] = {pfGetGroupClassType(), pfGetGeodeClassType(),  pfGetSceneClassType(), pfGetSCSClassType(),
+                             pfGetDCSClassType(),   pfGetSwitchClassType(), pfGetLODClassType()};
+    for (size_t i = 0; i < std::size(nodes); ++i)
+    {
+        EXPECT_STREQ(pfGetTypeName(pfGetType(nodes[i])), names[i]);
+        const bool isNode = i < std::size(types), isGroup = isNode && types[i] != pfGetGeodeClassType();
+        EXPECT_TRUE(!isNode || pfGetType(nodes[i]) == types[i]);
+        EXPECT_EQ(pfIsOfType(nodes[i], pfGetNodeClassType()), isNode);
+        EXPECT_EQ(pfIsOfType(nodes[i], pfGetGroupClassType()), isGroup);
+        EXPECT_EQ(linesOf([&] { EXPECT_EQ(pfNodeName(asNode(nodes[i]), "a name"), isNode); }), !isNode);
+        EXPECT_TRUE(!isNode || (pfNodeName(asNode(nodes[i]), pfGetNodeName(asNode(nodes[i])) + 2) == 1 &&
+                                strcmp(pfGetNodeName(asNode(nodes[i])), "name") == 0));
+        EXPECT_TRUE(!isNode ||
+                    (i % 2 && pfNodeName(asNode(nodes[i]), nullptr) == 1 && !pfGetNodeName(asNode(nodes[i]))) ||
+                    i % 2 == 0);
+        EXPECT_EQ(pfDelete(nodes[i]), 1);
+    }
+    EXPECT_TRUE(!pfGetType(nullptr) && !pfGetTypeName(nullptr));
 }

@@ -1,0 +1,7 @@
+/* Everything of libpfutil, what goes with the platform layer. */
+#ifndef TOLVIN_PERFORMER_PFUTIL_PFUTIL_H
+#define TOLVIN_PERFORMER_PFUTIL_PFUTIL_H
+
+#include "pfumouse.h"
+
+#endif
