@@ -7,18 +7,44 @@
 //     FPS 25
 //     TEXTURE "name" { "file" WRAP_S WRAP_T INTERNAL RGBA MIN_FILTER LINEAR MAG_FILTER NEAREST } # 7 256x128x3
 //   }
+//   SCENE "name" {
+//     ORIGIN 47.5 11.25 650                        # latitude, longitude, metres above the ellipsoid: of the local frame
+//     COLLIDE 0xffffffff                           # which entities and other nodes count as ground
+//     TERRAIN "N47E011.hgt" { STEP 1  RADIUS 20000  UNDULATION 46.5 }
+//     TERRAIN "valley.png" { SPACING 16  HEIGHT 600 1100  CENTER 0 0 }
+//     TERRAIN "town.obj" { UP Z  SCALE 1  CENTER 0 0 }
+//   }
+//   ENTITY "jeep" {
+//     MODEL "jeep.obj" { UP Z  SCALE 1 }           # lengths in metres, y ahead, x to the right, the ground below at z 0
+//     ID 1 1000 1                                  # site, application, entity
+//     TYPE 1 1 225 6 1 0 0                         # kind, domain, country, category, subcategory, specific, extra
+//     FORCE 1  MARKING "JEEP 1"
+//     MOTION DRIVE                                 # or FLY, NONE
+//     FOLLOW_TERRAIN
+//     PROBE 0.9 1.4 0  PROBE -0.9 1.4 0  PROBE 0 -1.4 0   # right front, left front, rear
+//     LIFT 25                                      # metres from the ground up to where segments to the ground begin
+//     START -500 1200  HEADING 90  HEIGHT 100      # metres east, north; degrees clockwise; metres above the ground
+//     MASK 0xffffffff  SHM 2001 64                 # shared-memory key, bytes of variables
+//   }
 //
 // White space separates, # begins a comment that ends with the line. Attributes may be left out and stand in any order; the
-// file of a texture comes first. The comment behind a texture, where it has the form above, gives its user value and the
-// size of its image, so that a dump read back and dumped again is the same text. Filters that dumps have no name for are not
-// told apart then: they become LINEAR, without the name. Numbers have the six digits that dumps give them.
+// file of a texture comes first, and a block without attributes behind TERRAIN or MODEL may be left out. The comment behind
+// a texture, where it has the form above, gives its user value and the size of its image, so that a dump read back and
+// dumped again is the same text. Filters that dumps have no name for are not told apart then: they become LINEAR, without
+// the name. Numbers have the six digits that dumps give them.
 #pragma once
 
+#include "geodesy.h"
+
+#include <array>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <tolvin/kernel/kernelentity.h>
 #include <tolvin/kernel/kernelgeneric.h>
 
 namespace tolvin
@@ -31,15 +57,80 @@ struct DescriptionError
     std::string text; // what was found and what was expected
 };
 
-// Appends the lists of the text to the root node's. With any error nothing is appended; all errors are returned, up to
-// kMostErrors, in the order of the text, and one more that tells that there are others. Throws std::bad_alloc when the shared arena is full.
-std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root);
+enum class UpAxis
+{
+    Y,
+    Z
+};
+
+struct ModelDescription
+{
+    std::string file;
+    UpAxis up = UpAxis::Z;
+    double scale = 1.0;
+};
+
+// What of it counts depends on the kind of file: cells of heights (.hgt), pictures of heights (.png), others are models.
+struct TerrainDescription
+{
+    ModelDescription model;                    // the file, whatever it is
+    std::optional<double> spacing;             // of a picture: metres from pixel to pixel
+    double lowest = 0.0;                       // of a picture: metres of black
+    double highest = 100.0;                    // and of white
+    std::array<double, 2> center = {0.0, 0.0}; // of a picture, or of a model's origin: metres east and north
+    int step = 1;                              // of a cell: every so manieth sample is used
+    double radius = 20000.0;                   // of a cell: metres around the origin; what is beyond is left out
+    double undulation = 0.0;                   // of a cell: metres of the geoid above the ellipsoid
+    int line = 0;                              // where it stands in the file
+};
+
+struct SceneDescription
+{
+    std::string name;
+    Geodetic origin;
+    std::uint32_t collide = UINT32_MAX;
+    std::vector<TerrainDescription> terrains;
+};
+
+struct EntityDescription
+{
+    std::string name;
+    std::optional<ModelDescription> model;
+    std::optional<vuEntityId> id; // none: the application gives it one
+    vuEntityType type = {};
+    std::uint8_t force = 0;
+    std::string marking; // at most 11 bytes; the name, cut, when there is none
+    std::uint16_t motion = VU_MOTION_NONE;
+    bool followTerrain = false;
+    std::vector<std::array<float, 3>> probes; // none or three
+    double lift = 25.0;
+    std::array<double, 2> start = {0.0, 0.0};
+    double heading = 0.0; // degrees clockwise from north
+    double height = 0.0;  // metres above the ground
+    std::uint32_t mask = UINT32_MAX;
+    std::int32_t shmKey = 0;
+    std::uint32_t shmSize = 0; // bytes
+    int line = 0;              // where it stands in the file
+};
+
+// What does not go into the root node.
+struct Description
+{
+    std::optional<SceneDescription> scene;
+    std::vector<EntityDescription> entities;
+};
+
+// Appends the lists of the text to the root node's, and scene and entities to the description; a second SCENE is an error,
+// as are two ENTITYs of one name or identity. With any error nothing is appended; all errors are returned, up to
+// kMostErrors, in the order of the text, and one more that tells that there are others. Throws std::bad_alloc when the
+// shared arena is full.
+std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root, Description &description);
 
 constexpr std::size_t kMostErrors = 100;
 
 // Reads a file likewise. Throws std::runtime_error that has a line "FILE:LINE:COLUMN: ..." for each error, or tells why the
 // file cannot be read.
-void readDescriptionFile(const std::string &file, vuRootNode &root);
+void readDescriptionFile(const std::string &file, vuRootNode &root, Description &description);
 
 // Takes all material and texture lists from the root node and releases them with all they hold.
 void releaseSurfaces(vuRootNode &root);

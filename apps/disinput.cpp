@@ -82,18 +82,7 @@ void DisInput::take(std::span<const std::uint8_t> datagram, double arrival)
             ++counts_.otherExercise;
             continue;
         }
-        if (kindOf(pdu.header) != PduKind::EntityState)
-        {
-            ++counts_.otherPdus;
-            continue;
-        }
-        vuEntityState report;
-        const PduFault kind = decodeEntityState(pdu, report);
-        if (kind == PduFault::None)
-        {
-            takeEntityState(report, arrival);
-        }
-        else
+        if (const PduFault kind = takePdu(pdu, arrival); kind != PduFault::None)
         {
             fault(kind);
         }
@@ -104,29 +93,75 @@ void DisInput::take(std::span<const std::uint8_t> datagram, double arrival)
     }
 }
 
-void DisInput::takeEntityState(const vuEntityState &report, double arrival)
+PduFault DisInput::takePdu(const Pdu &pdu, double arrival)
 {
-    if (report.entityId.site == options_.site && report.entityId.application == options_.application)
+    switch (kindOf(pdu.header))
+    {
+    case PduKind::EntityState:
+    {
+        vuEntityState report;
+        const PduFault kind = decodeEntityState(pdu, report);
+        if (kind == PduFault::None)
+        {
+            takeNews(report.entityId, report.timestamp, leaves(report) ? nullptr : &report, arrival);
+        }
+        return kind;
+    }
+    case PduKind::RemoveEntity:
+    {
+        RemoveEntity removal;
+        const PduFault kind = decodeRemoveEntity(pdu, removal);
+        if (kind == PduFault::None)
+        {
+            takeRemoval(removal, arrival);
+        }
+        return kind;
+    }
+    case PduKind::Other:
+        break;
+    }
+    ++counts_.otherPdus;
+    return PduFault::None;
+}
+
+// Nobody removes what belongs to others.
+void DisInput::takeRemoval(const RemoveEntity &removal, double arrival)
+{
+    const vuEntityId &from = removal.originating, &id = removal.receiving;
+    if (from.site == id.site && from.application == id.application)
+    {
+        takeNews(id, removal.header.timestamp, nullptr, arrival);
+    }
+    else
+    {
+        ++counts_.otherPdus;
+    }
+}
+
+// What an application says about one of its entities: how it moves, or, without a report, that it leaves.
+void DisInput::takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival)
+{
+    if (id.site == options_.site && id.application == options_.application)
     {
         ++counts_.own;
         return;
     }
-    RemoteEntity *remote = table_->find(report.entityId);
-    const bool leaving = leaves(report);
+    RemoteEntity *remote = table_->find(id);
+    const bool leaving = report == nullptr;
     if (remote == nullptr && leaving)
     {
         ++counts_.leaves;
         return;
     }
-    Sender *const sender = table_->senderOf(report.entityId);
+    Sender *const sender = table_->senderOf(id);
     if (sender == nullptr)
     {
         refuse();
         return;
     }
-    const double latency = ageOnArrival(sender->clock, arrival, report.timestamp);
+    const double latency = ageOnArrival(sender->clock, arrival, timestamp);
     const double madeAt = arrival - latency;
-    const double known = remote != nullptr ? remote->madeAt : table_->leftAt(report.entityId);
+    const double known = remote != nullptr ? remote->madeAt : table_->leftAt(id);
     ++sender->reports;
     sender->latency.add(latency);
     if (madeAt < known && known - madeAt < kLatestReport)
@@ -136,7 +171,7 @@ void DisInput::takeEntityState(const vuEntityState &report, double arrival)
     }
     if (remote == nullptr)
     {
-        remote = table_->create(report.entityId);
+        remote = table_->create(id);
         if (remote == nullptr)
         {
             refuse();
@@ -152,10 +187,10 @@ void DisInput::takeEntityState(const vuEntityState &report, double arrival)
         ++counts_.leaves;
         return;
     }
-    remote->timeout = silenceLimit(report);
+    remote->timeout = silenceLimit(*report);
     ++counts_.reports;
-    ++counts_.byAlgorithm[report.deadReckoning.algorithm];
-    queue(*remote, report, madeAt);
+    ++counts_.byAlgorithm[report->deadReckoning.algorithm];
+    queue(*remote, *report, madeAt);
 }
 
 void DisInput::refuse()

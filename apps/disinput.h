@@ -33,13 +33,13 @@ struct DisCounts
     std::uint64_t datagrams = 0;
     std::uint64_t reports = 0;   // Entity States handed to the kernel
     std::uint64_t malformed = 0; // PDUs or rests of datagrams with a fault
-    std::uint64_t otherPdus = 0; // well-formed PDUs of types that are not used
+    std::uint64_t otherPdus = 0; // well-formed PDUs that are not used: their type, or whose entity they remove
     std::uint64_t otherExercise = 0;
     std::uint64_t own = 0;
     std::uint64_t late = 0;    // overtaken by a later report of the same entity
     std::uint64_t refused = 0; // no room for their entity
     std::uint64_t entered = 0; // entities created
-    std::uint64_t leaves = 0;  // reports that announced that their entity leaves
+    std::uint64_t leaves = 0;  // reports that announced that their entity leaves, and Remove Entity PDUs
     std::uint64_t left = 0;    // entities that were removed because they said so
     std::uint64_t silent = 0;  // entities that fell silent
     std::array<std::uint64_t, kPduFaultCount> faults{};
@@ -89,7 +89,9 @@ public:
     }
 
 private:
-    void takeEntityState(const vuEntityState &report, double arrival);
+    PduFault takePdu(const Pdu &pdu, double arrival);
+    void takeRemoval(const RemoveEntity &removal, double arrival);
+    void takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);
     void fault(PduFault kind);
     void refuse();
     void queue(RemoteEntity &remote, const vuEntityState &report, double madeAt);

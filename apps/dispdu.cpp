@@ -12,6 +12,8 @@ namespace
 
 constexpr std::uint8_t kEntityStateType = 1;
 constexpr std::uint8_t kEntityInformationFamily = 1;
+constexpr std::uint8_t kRemoveEntityType = 12;
+constexpr std::uint8_t kSimulationManagementFamily = 5;
 constexpr std::size_t kArticulationParameterSize = 16;
 constexpr std::size_t kPduAlignment = 8;
 
@@ -21,8 +23,6 @@ constexpr double kMaxVelocity = 1e5;        // m/s: ten times what a spacecraft 
 constexpr double kMaxAcceleration = 1e6;    // m/s^2: above what a shell undergoes in the barrel
 constexpr double kMaxAngularVelocity = 1e5; // rad/s: a few times the spin of a rifle bullet
 constexpr double kMaxAngle = 1e4;           // rad: a float holds greater ones to no better than a milliradian
-
-constexpr std::uint32_t kDeactivated = 1u << 23; // appearance bit that all kinds of entity share
 
 template<std::size_t size>
 using Word = std::conditional_t<
@@ -122,6 +122,19 @@ private:
     std::span<std::uint8_t> bytes;
 };
 
+template<class Wire, class Header, class Padding>
+void headerFields(Wire &wire, Header &header, Padding &padding)
+{
+    wire(header.protocolVersion, header.exerciseId, header.pduType, header.protocolFamily, header.timestamp,
+         header.length, padding);
+}
+
+template<class Wire, class EntityId>
+void entityIdFields(Wire &wire, EntityId &id)
+{
+    wire(id.site, id.application, id.entity);
+}
+
 template<class Wire, class EntityType>
 void entityTypeFields(Wire &wire, EntityType &type)
 {
@@ -132,15 +145,25 @@ void entityTypeFields(Wire &wire, EntityType &type)
 template<class Wire, class State>
 void entityStateFields(Wire &wire, State &state)
 {
-    wire(state.protocolVersion, state.exerciseId, state.pduType, state.protocolFamily, state.timestamp, state.length,
-         state.padding);
-    wire(state.entityId.site, state.entityId.application, state.entityId.entity, state.forceId, state.numArticulParam);
+    headerFields(wire, state, state.padding);
+    entityIdFields(wire, state.entityId);
+    wire(state.forceId, state.numArticulParam);
     entityTypeFields(wire, state.entityType);
     entityTypeFields(wire, state.altEntityType);
     wire(state.velocity, state.location, state.orientation, state.appearance);
     wire(state.deadReckoning.algorithm, state.deadReckoning.parameters, state.deadReckoning.linearAcc,
          state.deadReckoning.angularVel);
     wire(state.marking.characterSet, state.marking.text, state.capabilities);
+}
+
+template<class Wire, class Removal>
+void removeEntityFields(Wire &wire, Removal &removal)
+{
+    std::uint16_t padding = 0;
+    headerFields(wire, removal.header, padding);
+    entityIdFields(wire, removal.originating);
+    entityIdFields(wire, removal.receiving);
+    wire(removal.request);
 }
 
 // Sets what follows from the record being an Entity State PDU without articulation parameters.
@@ -170,27 +193,11 @@ PduFault checkVector(const Number (&vector)[3], double limit)
     return PduFault::None;
 }
 
-PduFault checkNumbers(const vuEntityState &state)
-{
-    for (const PduFault fault :
-         {checkVector(state.velocity, kMaxVelocity), checkVector(state.location, kMaxLocation),
-          checkVector(state.orientation, kMaxAngle), checkVector(state.deadReckoning.linearAcc, kMaxAcceleration),
-          checkVector(state.deadReckoning.angularVel, kMaxAngularVelocity)})
-    {
-        if (fault != PduFault::None)
-        {
-            return fault;
-        }
-    }
-    return PduFault::None;
-}
-
 PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
 {
     WireReader wire(bytes);
     std::uint16_t padding;
-    wire(header.protocolVersion, header.exerciseId, header.pduType, header.protocolFamily, header.timestamp,
-         header.length, padding);
+    headerFields(wire, header, padding);
     if (wire.overrun())
     {
         return PduFault::ShorterThanHeader;
@@ -213,6 +220,10 @@ PduKind kindOf(const PduHeader &header)
     if (header.pduType == kEntityStateType && header.protocolFamily == kEntityInformationFamily)
     {
         return PduKind::EntityState;
+    }
+    if (header.pduType == kRemoveEntityType && header.protocolFamily == kSimulationManagementFamily)
+    {
+        return PduKind::RemoveEntity;
     }
     return PduKind::Other;
 }
@@ -276,6 +287,21 @@ bool PduReader::next(Pdu &pdu)
     return true;
 }
 
+PduFault checkNumbers(const vuEntityState &state)
+{
+    for (const PduFault fault :
+         {checkVector(state.velocity, kMaxVelocity), checkVector(state.location, kMaxLocation),
+          checkVector(state.orientation, kMaxAngle), checkVector(state.deadReckoning.linearAcc, kMaxAcceleration),
+          checkVector(state.deadReckoning.angularVel, kMaxAngularVelocity)})
+    {
+        if (fault != PduFault::None)
+        {
+            return fault;
+        }
+    }
+    return PduFault::None;
+}
+
 PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
 {
     WireReader wire(pdu.bytes);
@@ -310,7 +336,35 @@ std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t
 
 bool leaves(const vuEntityState &state)
 {
-    return (state.appearance & kDeactivated) != 0;
+    return (state.appearance & kAppearanceDeactivated) != 0;
+}
+
+PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out)
+{
+    WireReader wire(pdu.bytes);
+    RemoveEntity removal;
+    removeEntityFields(wire, removal);
+    if (wire.overrun())
+    {
+        return PduFault::BodyTooShort;
+    }
+    out = removal;
+    return PduFault::None;
+}
+
+std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8_t> out)
+{
+    if (out.size() < kRemoveEntitySize)
+    {
+        return 0;
+    }
+    RemoveEntity fixed = removal;
+    fixed.header.pduType = kRemoveEntityType;
+    fixed.header.protocolFamily = kSimulationManagementFamily;
+    fixed.header.length = kRemoveEntitySize;
+    WireWriter wire(out);
+    removeEntityFields(wire, fixed);
+    return kRemoveEntitySize;
 }
 
 } // namespace tolvin

@@ -14,6 +14,10 @@ namespace tolvin
 
 inline constexpr std::size_t kPduHeaderSize = 12;
 inline constexpr std::size_t kEntityStateSize = 144; // without articulation parameters
+inline constexpr std::size_t kRemoveEntitySize = 28;
+
+inline constexpr std::uint32_t kAppearanceDeactivated = 1u
+                                                        << 23; // bit that the appearances of all kinds of entity share
 
 // The fields that every PDU starts with. Its last two bytes are padding, in version 7 a status byte and padding.
 struct PduHeader
@@ -36,7 +40,8 @@ struct Pdu
 enum class PduKind
 {
     Other,
-    EntityState
+    EntityState,
+    RemoveEntity
 };
 
 // Type numbers are only taken at their word together with the family that they belong to.
@@ -94,7 +99,26 @@ PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out);
 // length and padding are set here whatever the record says. Returns the bytes written, 144, or 0 when out has no room.
 std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t> out);
 
+// What decodeEntityState finds wrong with the numbers of such a record: None, NonFinite or Implausible.
+PduFault checkNumbers(const vuEntityState &state);
+
 // Whether the report announces that the entity leaves the exercise (its appearance says deactivated).
 bool leaves(const vuEntityState &state);
+
+// The entity is to go from the exercise. Of its header the type, the family and the length follow from that.
+struct RemoveEntity
+{
+    PduHeader header;
+    vuEntityId originating; // who says so; entity 0 is the application itself
+    vuEntityId receiving;   // which entity
+    std::uint32_t request;  // numbered by the originating application
+};
+
+// Turns a Remove Entity PDU, as given by a reader, into a record. BodyTooShort leaves out as it was.
+PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out);
+
+// Writes a Remove Entity PDU of the header's protocol version; PDU type, family and length are set here. Returns the bytes
+// written, 28, or 0 when out has no room.
+std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8_t> out);
 
 } // namespace tolvin

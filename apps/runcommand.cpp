@@ -3,9 +3,12 @@
 #include "description.h"
 #include "disinput.h"
 #include "exitcode.h"
+#include "frameclock.h"
 #include "optionrange.h"
 #include "outputfile.h"
+#include "ownside.h"
 #include "runstatistics.h"
+#include "terrainmap.h"
 #include "trackmap.h"
 #include "udp.h"
 
@@ -18,6 +21,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,6 +46,13 @@ struct RunOptions
     DisInputOptions input;
     bool quiet = false;
     std::string map;
+    OwnSideOptions own;
+    bool fast = false;
+
+    Pace pace() const
+    {
+        return fast ? Pace::Fast : own.drive.empty() ? Pace::Measured : Pace::Steps;
+    }
 };
 
 volatile std::sig_atomic_t stopRequested = 0;
@@ -93,11 +104,11 @@ void searchBeside(const std::string &file)
 class Surfaces
 {
 public:
-    Surfaces(const RunOptions &options, vuRootNode &root) : root_(root)
+    Surfaces(const RunOptions &options, vuRootNode &root, Description &description) : root_(root)
     {
         if (!options.scene.empty())
         {
-            readDescriptionFile(options.scene, root);
+            readDescriptionFile(options.scene, root, description);
             searchBeside(options.scene);
             materialListLoadList(&root);
             textureListLoadList(&root);
@@ -137,54 +148,6 @@ private:
     }
 
     vuRootNode &root_;
-};
-
-// Drives the simulation clock from the monotonic one, so that a correction of the wall clock never moves an entity, and
-// puts arrival times, which the network gives on the wall clock, onto it.
-class FrameClock
-{
-public:
-    explicit FrameClock(vuRootNode &root)
-        : root_(root),
-          startMicroseconds_(wallNanoseconds() / 1000), // again, so that both clocks are read at one moment
-          begin_(SteadyClock::now())
-    {
-        root_.frameDelta = 0.0;
-        advance();
-    }
-
-    // Moves the root node's clock to now; returns the seconds since the start.
-    double advance()
-    {
-        const SteadyClock::time_point now = SteadyClock::now();
-        const auto run = std::chrono::duration_cast<std::chrono::microseconds>(now - begin_).count();
-        const std::int64_t microseconds = startMicroseconds_ + run;
-        const double before = root_.simSeconds;
-        root_.time.sim.sec = static_cast<std::int32_t>(microseconds / 1000000);
-        root_.time.sim.usec = static_cast<std::int32_t>(microseconds % 1000000);
-        root_.simSeconds = static_cast<double>(microseconds) * 1e-6;
-        root_.frameDelta = run == 0 ? 0.0 : root_.simSeconds - before;
-        wallAhead_ = wallNanoseconds() - microseconds * 1000;
-        return static_cast<double>(run) * 1e-6;
-    }
-
-    // Seconds on the simulation clock of a moment on the wall clock, given in nanoseconds since 1970.
-    double ofWall(std::int64_t nanoseconds) const
-    {
-        return static_cast<double>(nanoseconds - wallAhead_) * 1e-9;
-    }
-
-private:
-    static std::int64_t wallNanoseconds()
-    {
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-    }
-
-    vuRootNode &root_;
-    std::int64_t startMicroseconds_;
-    SteadyClock::time_point begin_;
-    std::int64_t wallAhead_ = 0;
 };
 
 // The tracks for the map, at most kMostTracks of them.
@@ -236,88 +199,233 @@ void printNotice(const std::string &line)
     std::fprintf(stderr, "tolvin run: %s\n", line.c_str());
 }
 
-void writeMap(const std::string &file, const Tracks &tracks, std::uint64_t entities, double seconds)
+// The tracks of others as the map of a terrain wants them.
+std::vector<OtherPath> pathsOf(const Tracks &tracks, const LocalFrame &frame)
 {
-    char title[96];
-    std::snprintf(title, sizeof title, "%llu entities in %.0f seconds", static_cast<unsigned long long>(entities),
-                  seconds);
-    writeTrackMap(file, tracks.all(), title);
+    std::vector<OtherPath> paths;
+    for (const MapTrack &track : tracks.all())
+    {
+        OtherPath &path = paths.emplace_back();
+        for (const Vector3 &position : track.extrapolated.positions())
+        {
+            path.places.push_back(frame.toLocal(position));
+        }
+    }
+    return paths;
 }
 
-// Frames until the duration, the frame count or a signal ends them.
-void runFrames(const RunOptions &options, vuRootNode &root, UdpReceiver &receiver, DisInput &input)
+// What takes part in the frames.
+struct Participants
 {
-    const double rate = options.rate > 0.0 ? options.rate : root.options.frameRate;
-    const auto period = std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(1.0 / rate));
-    const auto statistics = std::make_unique<RunStatistics>();
-    Tracks tracks;
-    FrameClock clock(root);
-    SteadyClock::duration taking{}; // time that the datagrams of the frame took
-    const UdpReceiver::Handler take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
+    vuRootNode &root;
+    UdpReceiver *receiver; // null when nothing is heard
+    DisInput *input;
+    OwnSide *own; // null without a scene
+    FrameClock clock;
+};
+
+class FrameLoop
+{
+public:
+    FrameLoop(const RunOptions &options, Participants &participants, double rate)
+        : options_(options),
+          p_(participants),
+          period_(std::chrono::duration_cast<SteadyClock::duration>(std::chrono::duration<double>(1.0 / rate))),
+          take_([this](std::span<const std::uint8_t> datagram, std::int64_t arrival) { take(datagram, arrival); })
+    {
+        const bool endless = options.duration <= 0.0 && options.frames == 0;
+        duration_ = endless && p_.own != nullptr ? p_.own->duration() : options.duration;
+    }
+
+    // Frames until the duration, the frame count or a signal ends them.
+    void run()
+    {
+        SteadyClock::time_point due = SteadyClock::now();
+        for (std::uint64_t number = 0; stopRequested == 0 && !isOver(number); ++number)
+        {
+            due += period_;
+            if (options_.pace() != Pace::Fast)
+            {
+                receiveUntil(due);
+            }
+            const SteadyClock::time_point begin = SteadyClock::now();
+            if (options_.pace() == Pace::Measured)
+            {
+                due = std::max(due, begin - period_); // frames that were missed are not made up for
+            }
+            frame();
+            statistics_->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin + taking_).count());
+            taking_ = {};
+            printLine();
+        }
+        finish();
+    }
+
+private:
+    bool isOver(std::uint64_t frames) const
+    {
+        return (options_.frames != 0 && frames >= options_.frames) || (duration_ > 0.0 && time_ >= duration_);
+    }
+
+    void take(std::span<const std::uint8_t> datagram, std::int64_t arrival)
     {
         const SteadyClock::time_point begin = SteadyClock::now();
-        input.take(datagram, clock.ofWall(arrival));
-        taking += SteadyClock::now() - begin;
-    };
-    SteadyClock::time_point due = SteadyClock::now();
-    double time = 0.0;
-    double lineTime = 0.0;
-    for (std::uint64_t frame = 0; stopRequested == 0; ++frame)
+        p_.input->take(datagram, p_.clock.ofWall(arrival));
+        taking_ += SteadyClock::now() - begin;
+    }
+
+    void receiveUntil(SteadyClock::time_point due)
     {
-        if ((options.frames != 0 && frame >= options.frames) || (options.duration > 0.0 && time >= options.duration))
-        {
-            break;
-        }
-        due += period;
         do // at least once, or a machine that is too slow for the rate would never hear anything
         {
-            receiver.receiveUntil(due, take);
+            p_.receiver->receiveUntil(due, take_);
         } while (stopRequested == 0 && SteadyClock::now() < due);
-        const SteadyClock::time_point begin = SteadyClock::now();
-        due = std::max(due, begin - period); // frames that were missed are not made up for
-        time = clock.advance();
-        input.frame([&](std::uint8_t algorithm, double metres) { statistics->addJump(algorithm, metres); });
-        if (!options.map.empty())
+    }
+
+    void frame()
+    {
+        time_ = p_.clock.advance();
+        if (p_.own != nullptr)
         {
-            tracks.addFrame(input);
+            p_.own->drive(time_);
         }
-        statistics->addFrame(std::chrono::duration<double>(SteadyClock::now() - begin + taking).count());
-        taking = {};
-        if (time - lineTime >= 1.0)
+        p_.input->frame([&](std::uint8_t algorithm, double metres) { statistics_->addJump(algorithm, metres); });
+        if (p_.own != nullptr)
         {
-            if (!options.quiet)
-            {
-                statistics->printLine(stdout, time, time - lineTime, input.counts(), input.entities().size());
-            }
-            lineTime = time - std::fmod(time, 1.0);
+            p_.own->settle(time_);
+        }
+        if (!options_.map.empty())
+        {
+            tracks_.addFrame(*p_.input);
         }
     }
-    statistics->printTables(stdout, input.counts(), input.entities(), receiver.dropped());
-    flushOutput();
-    if (!options.map.empty())
+
+    void printLine()
     {
-        writeMap(options.map, tracks, input.counts().entered, time);
+        if (time_ - lineTime_ < 1.0)
+        {
+            return;
+        }
+        if (!options_.quiet)
+        {
+            statistics_->printLine(stdout, time_, time_ - lineTime_, p_.input->counts(), p_.input->entities().size());
+        }
+        lineTime_ = time_ - std::fmod(time_, 1.0);
+    }
+
+    void finish()
+    {
+        if (p_.own != nullptr)
+        {
+            p_.own->finish();
+        }
+        if (p_.receiver != nullptr)
+        {
+            statistics_->printTables(stdout, p_.input->counts(), p_.input->entities(), p_.receiver->dropped());
+        }
+        if (p_.own != nullptr)
+        {
+            p_.own->printSummary(stdout);
+        }
+        flushOutput();
+        if (!options_.map.empty())
+        {
+            writeMap();
+        }
+    }
+
+    void writeMap() const
+    {
+        char others[96];
+        std::snprintf(others, sizeof others, "%llu entities in %.0f seconds",
+                      static_cast<unsigned long long>(p_.input->counts().entered), time_);
+        if (p_.own == nullptr)
+        {
+            writeTrackMap(options_.map, tracks_.all(), others);
+            return;
+        }
+        const Terrain &terrain = p_.own->world().terrain();
+        const std::string title = p_.own->name() + (p_.receiver == nullptr ? "" : std::string(", ") + others);
+        writeTerrainMap(options_.map, terrain, p_.own->paths(), pathsOf(tracks_, terrain.frame()), title);
+    }
+
+    const RunOptions &options_;
+    Participants &p_;
+    SteadyClock::duration period_;
+    UdpReceiver::Handler take_;
+    double duration_; // seconds, 0 for no end
+    std::unique_ptr<RunStatistics> statistics_ = std::make_unique<RunStatistics>();
+    Tracks tracks_;
+    SteadyClock::duration taking_{}; // time that the datagrams of the frame took
+    double time_ = 0.0;
+    double lineTime_ = 0.0;
+};
+
+void checkOptions(const RunOptions &options, const Description &description)
+{
+    const std::string what = !options.own.drive.empty()     ? "--drive"
+                             : !options.own.publish.empty() ? "--publish"
+                             : !options.own.log.empty()     ? "--log"
+                                                            : "";
+    if (description.scene.has_value())
+    {
+        return;
+    }
+    if (!what.empty())
+    {
+        throw std::runtime_error(what + " needs a description file with a SCENE");
+    }
+    if (!description.entities.empty())
+    {
+        throw std::runtime_error(options.scene + ':' + std::to_string(description.entities.front().line) +
+                                 ": ENTITY in a description without a SCENE");
     }
 }
 
-void run(const RunOptions &options)
+void takeSignals()
 {
-    UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
+    std::signal(SIGINT, requestStop);
+    std::signal(SIGTERM, requestStop);
+}
+
+void run(RunOptions options)
+{
+    const auto exercise = static_cast<std::uint8_t>(options.exercise);
+    std::optional<UdpReceiver> receiver;
+    if (!options.fast)
+    {
+        receiver.emplace(parseEndpoint(options.dis), parseInterface(options.interface));
+    }
     if (!options.map.empty())
     {
         const OutputFile map(options.map); // an hour's run should not end with a map that cannot be written
     }
-    pfArenaInfo info;
     {
         const RootPtr root = makeRoot();
-        const Surfaces surfaces(options, *root);
-        std::signal(SIGINT, requestStop); // not before: what is loaded may come from a pipe
-        std::signal(SIGTERM, requestStop);
-        DisInputOptions inputOptions = options.input;
-        inputOptions.exercise = static_cast<std::uint8_t>(options.exercise);
-        DisInput input(*root, inputOptions, printNotice);
-        runFrames(options, *root, receiver, input);
+        Description description;
+        const Surfaces surfaces(options, *root, description);
+        checkOptions(options, description);
+        const double rate = options.rate > 0.0 ? options.rate : root->options.frameRate;
+        Participants participants = {*root, receiver.has_value() ? &*receiver : nullptr, nullptr, nullptr,
+                                     FrameClock(*root, options.pace(), rate)};
+        takeSignals(); // not before: what is loaded may come from a pipe
+        options.input.exercise = exercise;
+        DisInput input(*root, options.input, printNotice);
+        std::unique_ptr<OwnSide> own;
+        if (description.scene.has_value())
+        {
+            options.own.world.exercise = exercise == 0 ? 1 : exercise;
+            options.own.world.site = options.input.site;
+            options.own.world.application = options.input.application;
+            options.own.interface = options.interface;
+            const std::string folder = std::filesystem::path(options.scene).parent_path().string();
+            own = std::make_unique<OwnSide>(*root, description, folder, options.own, printNotice);
+        }
+        participants.input = &input;
+        participants.own = own.get();
+        FrameLoop(options, participants, rate).run();
     }
+    pfArenaInfo info;
     pfGetArenaInfo(&info);
     if (info.blocksInUse != 0)
     {
@@ -334,7 +442,8 @@ void addRunCommand(CLI::App &app, int &exitCode)
         app.add_subcommand("run", "run the frame loop: show entities that DIS reports, move them");
     // The last one counts, so that scripts/run can hand options on that it gives itself.
     command->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    command->add_option("scene", options->scene, "description file: materials and textures to load");
+    command->add_option("scene", options->scene,
+                        "description file: materials and textures to load, the terrain, own entities");
     command->add_flag("--list", options->list, "print what was loaded of it");
     command->add_option("--duration", options->duration, "seconds to run; 0 runs until interrupted")
         ->check(within(0.0, 1e9))
@@ -359,7 +468,17 @@ void addRunCommand(CLI::App &app, int &exitCode)
     command->add_option("--max-entities", options->input.maxEntities, "entities to keep at most")
         ->check(within(1, 1000000))
         ->capture_default_str();
-    command->add_option("--map", options->map, "write a map of the tracks to this SVG file at the end");
+    command->add_option("--drive", options->own.drive,
+                        "drive an entity of the description by this script of mouse input, to its end");
+    command->add_option("--entity", options->own.world.driven,
+                        "which entity to drive (default: the first that can be)");
+    command->add_option("--publish", options->own.publish,
+                        "address and UDP port, or multicast group, to publish own entities to");
+    command->add_option("--log", options->own.log, "write each frame of the driven entity to this CSV file");
+    command->add_flag("--fast", options->fast,
+                      "do not wait between frames, and hear nothing: the same run gives the same files");
+    command->add_option("--map", options->map,
+                        "at the end, write a map of the tracks, with a SCENE of the terrain, to this SVG file");
     command->add_flag("--quiet", options->quiet, "print no line per second, only the tables at the end");
     command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { run(*options); }); });
 }

@@ -39,8 +39,7 @@ using Nanoseconds = std::int64_t; // since the start of sending, unless a name s
 
 constexpr Nanoseconds kSecond = 1'000'000'000;
 constexpr Nanoseconds kNever = std::numeric_limits<Nanoseconds>::max();
-constexpr std::size_t kBundleBytes = 1400;       // stays below the usual 1500 with all headers
-constexpr std::uint32_t kDeactivated = 1u << 23; // of the appearance
+constexpr std::size_t kBundleBytes = 1400; // stays below the usual 1500 with all headers
 
 struct SendOptions
 {
@@ -544,7 +543,7 @@ private:
                 pace_.waitUntil(start + static_cast<Nanoseconds>(i) * step);
             }
             vuEntityState report = reportAt(i, pace_.now());
-            report.appearance |= kDeactivated;
+            report.appearance |= kAppearanceDeactivated;
             outbox_.add(report);
         }
         outbox_.flush();

@@ -1,5 +1,7 @@
 #include "svg.h"
 
+#include <cmath>
+
 namespace tolvin
 {
 
@@ -32,6 +34,20 @@ void beginSvg(std::FILE *out, double width, double height)
                  "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 %.0f %.0f' width='%.0f' height='%.0f' "
                  "font-family='sans-serif'>\n<rect width='%.0f' height='%.0f' fill='white'/>\n",
                  width, height, width, height, width, height);
+}
+
+double tickStep(double extent, double most)
+{
+    const double rough = extent / most;
+    const double power = std::pow(10.0, std::floor(std::log10(rough)));
+    for (const double factor : {1.0, 2.0, 5.0})
+    {
+        if (factor * power >= rough)
+        {
+            return factor * power;
+        }
+    }
+    return 10.0 * power;
 }
 
 void endSvg(std::FILE *out)

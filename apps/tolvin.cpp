@@ -5,6 +5,7 @@
 #include "runcommand.h"
 #include "sendcommand.h"
 #include "suncommand.h"
+#include "terraincommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -39,6 +40,7 @@ int main(int argc, char **argv)
     tolvin::addNoiseCommand(app, exitCode);
     tolvin::addImageCommand(app, exitCode);
     tolvin::addModelCommand(app, exitCode);
+    tolvin::addTerrainCommand(app, exitCode);
     try
     {
         app.parse(argc, argv);

@@ -115,24 +115,9 @@ Frame frameAround(const std::vector<Path> &paths)
     return {(east.low + east.high - extent) / 2.0, (north.low + north.high - extent) / 2.0, extent};
 }
 
-// A step of 1, 2 or 5 times a power of ten that gives four to ten ticks.
-double tickStep(double extent)
-{
-    const double rough = extent / 10.0;
-    const double power = std::pow(10.0, std::floor(std::log10(rough)));
-    for (const double factor : {1.0, 2.0, 5.0})
-    {
-        if (factor * power >= rough)
-        {
-            return factor * power;
-        }
-    }
-    return 10.0 * power;
-}
-
 void drawAxes(std::FILE *out, const Frame &frame)
 {
-    const double step = tickStep(frame.extent);
+    const double step = tickStep(frame.extent, 10.0);
     std::fputs("<g stroke='#d8dde3' stroke-width='1' font-size='12' fill='#444'>\n", out);
     for (double east = std::ceil(frame.west / step) * step; east <= frame.west + frame.extent; east += step)
     {

@@ -1,4 +1,5 @@
 // Reads any bytes as a description. What is taken has to survive being dumped and read again, and nothing may stay behind.
+#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,13 +20,78 @@ static void require(bool condition)
     }
 }
 
-static std::string dump(const vuRootNode &root)
+static void dump(std::FILE *stream, const ModelDescription &model)
+{
+    std::fprintf(stream, "UP %c SCALE %.17g", model.up == UpAxis::Y ? 'Y' : 'Z', model.scale);
+}
+
+static void dump(std::FILE *stream, const SceneDescription &scene)
+{
+    const auto &[latitude, longitude, height] = scene.origin;
+    std::fprintf(stream, "SCENE \"%s\" { ORIGIN %.17g %.17g %.17g COLLIDE %#" PRIx32, scene.name.c_str(), latitude,
+                 longitude, height, scene.collide);
+    for (const TerrainDescription &terrain : scene.terrains)
+    {
+        std::fprintf(stream,
+                     "\nTERRAIN \"%s\" { STEP %d RADIUS %.17g UNDULATION %.17g HEIGHT %.17g %.17g CENTER %.17g %.17g ",
+                     terrain.model.file.c_str(), terrain.step, terrain.radius, terrain.undulation, terrain.lowest,
+                     terrain.highest, terrain.center[0], terrain.center[1]);
+        dump(stream, terrain.model);
+        if (terrain.spacing)
+        {
+            std::fprintf(stream, " SPACING %.17g", *terrain.spacing);
+        }
+        std::fputs(" }", stream);
+    }
+    std::fputs(" }\n", stream);
+}
+
+static void dump(std::FILE *stream, const EntityDescription &entity)
+{
+    static constexpr const char *kMotions[] = {"NONE", "DRIVE", "FLY"};
+    require(entity.marking.size() <= 11 && entity.motion <= VU_MOTION_FLY);
+    require(entity.probes.empty() || entity.probes.size() == 3);
+    std::fprintf(stream, "ENTITY \"%s\" { MARKING \"%s\" MOTION %s FORCE %d", entity.name.c_str(),
+                 entity.marking.c_str(), kMotions[entity.motion], entity.force);
+    const vuEntityType &type = entity.type;
+    std::fprintf(stream, " TYPE %d %d %d %d %d %d %d", type.kind, type.domain, type.country, type.category,
+                 type.subcategory, type.specific, type.extra);
+    std::fprintf(stream,
+                 " LIFT %.17g START %.17g %.17g HEADING %.17g HEIGHT %.17g MASK %" PRIu32 " SHM %" PRId32 " %" PRIu32,
+                 entity.lift, entity.start[0], entity.start[1], entity.heading, entity.height, entity.mask,
+                 entity.shmKey, entity.shmSize);
+    for (const auto &[x, y, z] : entity.probes)
+    {
+        std::fprintf(stream, " PROBE %.9g %.9g %.9g", x, y, z);
+    }
+    if (entity.id)
+    {
+        std::fprintf(stream, " ID %d %d %d", entity.id->site, entity.id->application, entity.id->entity);
+    }
+    if (entity.model)
+    {
+        std::fprintf(stream, " MODEL \"%s\" { ", entity.model->file.c_str());
+        dump(stream, *entity.model);
+        std::fputs(" }", stream);
+    }
+    std::fputs(entity.followTerrain ? " FOLLOW_TERRAIN }\n" : " }\n", stream);
+}
+
+static std::string dump(const vuRootNode &root, const Description &description)
 {
     char *text = nullptr;
     std::size_t size = 0;
     std::FILE *const stream = open_memstream(&text, &size);
     materialListPrintList(&root, stream);
     textureListPrintList(&root, stream);
+    if (description.scene)
+    {
+        dump(stream, *description.scene);
+    }
+    for (const EntityDescription &entity : description.entities)
+    {
+        dump(stream, entity);
+    }
     std::fclose(stream);
     std::string result(text, size);
     std::free(text);
@@ -49,12 +115,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }();
     const std::size_t before = blocksInUse();
     const std::string text(reinterpret_cast<const char *>(data), size);
-    if (readDescription(text, *root).empty())
+    Description description;
+    if (readDescription(text, *root, description).empty())
     {
-        const std::string first = dump(*root);
+        const std::string first = dump(*root, description);
         releaseSurfaces(*root);
-        require(readDescription(first, *root).empty());
-        require(dump(*root) == first);
+        Description again;
+        require(readDescription(first, *root, again).empty());
+        require(dump(*root, again) == first);
+    }
+    else
+    {
+        require(!description.scene && description.entities.empty() && root->materialLists.first == nullptr);
     }
     releaseSurfaces(*root);
     require(blocksInUse() == before);

@@ -51,6 +51,17 @@ static void checkEntityState(const Pdu &pdu)
     require(!reader.next(copy) && reader.fault() == PduFault::None);
 }
 
+static void checkRemoveEntity(const Pdu &pdu)
+{
+    RemoveEntity removal;
+    if (decodeRemoveEntity(pdu, removal) == PduFault::None)
+    {
+        std::array<std::uint8_t, kRemoveEntitySize> wire;
+        require(encodeRemoveEntity(removal, wire) == wire.size());
+        require(std::memcmp(wire.data() + kPduHeaderSize, pdu.bytes.data() + kPduHeaderSize, 16) == 0);
+    }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     PduReader reader({data, size});
@@ -65,6 +76,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         if (kindOf(pdu.header) == PduKind::EntityState)
         {
             checkEntityState(pdu);
+        }
+        else if (kindOf(pdu.header) == PduKind::RemoveEntity)
+        {
+            checkRemoveEntity(pdu);
         }
     }
     require(reader.fault() != PduFault::None || data + size - unread < 8);

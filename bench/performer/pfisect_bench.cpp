@@ -2,9 +2,13 @@
 // time.
 //
 // Vertical   segments down through the field
-// Slanting   Random: in any direction, from a place at most 100 units above it; Walking: down ahead, at 30 to 60 degrees
+// Slanting   Random: in any direction, from a place at most 100 units above it; else down ahead, at 30 to 60 degrees
 // Random     anywhere
-// Walking    each starts near the former
+// Walking    each starts a tenth of a triangle from the former
+// Striding   a triangle from it
+//
+// Nearest    the hierarchy alone
+// Scene      pfNodeIsectSegs, one segment at a time, with the point of the hit
 //
 // `bytes` are those of the hierarchy for one triangle, `hits` the share of segments that hit.
 #include <benchmark/benchmark.h>
@@ -12,13 +16,12 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <map>
 #include <memory>
 #include <numbers>
 #include <random>
 #include <string>
 #include <vector>
-
-#include <malloc.h>
 
 #include <tolvin/performer/pf.h>
 #include <tolvin/performer/pfhierarchy.hpp>
@@ -31,7 +34,6 @@ namespace
 {
 
 constexpr float kSpacing = 1;
-constexpr float kStep = 0.1F; // of a walk
 constexpr size_t kSegments = 1 << 17;
 
 // A square of about as many triangles, with hills, slopes and noise.
@@ -72,40 +74,46 @@ struct Field
     }
 };
 
-const Field &fieldOf(size_t count)
+// What is made once for each size, however often it is measured.
+template<typename Made>
+Made &madeOf(size_t count)
 {
-    static std::unique_ptr<Field> field;
-    if (field == nullptr || field->triangles.size() != count)
+    static std::map<size_t, std::unique_ptr<Made>> all;
+    std::unique_ptr<Made> &made = all[count];
+    if (made == nullptr)
     {
-        field.reset();
-        field = std::make_unique<Field>(count);
+        made = std::make_unique<Made>(count);
     }
-    return *field;
+    return *made;
 }
 
-enum Kind
+struct Kind
 {
-    kVerticalRandom,
-    kVerticalWalking,
-    kSlantingRandom,
-    kSlantingWalking
+    const char *name;
+    bool isVertical;
+    float step; // 0: anywhere
 };
 
-constexpr const char *kKinds[] = {"Vertical/Random", "Vertical/Walking", "Slanting/Random", "Slanting/Walking"};
+constexpr Kind kKinds[] = {{"Vertical/Random", true, 0},
+                           {"Vertical/Walking", true, 0.1F * kSpacing},
+                           {"Vertical/Striding", true, kSpacing},
+                           {"Slanting/Random", false, 0},
+                           {"Slanting/Walking", false, 0.1F * kSpacing},
+                           {"Slanting/Striding", false, kSpacing}};
 
-std::vector<pfSeg> segmentsOver(const Field &field, Kind kind)
+std::vector<pfSeg> segmentsOver(const Field &field, const Kind &kind)
 {
     std::mt19937 random(7);
     std::uniform_real_distribution<float> unit(0, 1);
-    const bool walks = kind == kVerticalWalking || kind == kSlantingWalking;
+    const bool walks = kind.step > 0;
     const float size = kSpacing * static_cast<float>(field.edge);
     float x = size / 2, y = size / 2, heading = 0.4F;
     std::vector<pfSeg> segments(kSegments);
     for (pfSeg &segment : segments)
     {
         heading += 0.1F * (unit(random) - 0.5F);
-        x = walks ? x + kStep * std::cos(heading) : size * unit(random);
-        y = walks ? y + kStep * std::sin(heading) : size * unit(random);
+        x = walks ? x + kind.step * std::cos(heading) : size * unit(random);
+        y = walks ? y + kind.step * std::sin(heading) : size * unit(random);
         if (x < 0 || y < 0 || x > size || y > size)
         {
             heading += std::numbers::pi_v<float> / 2;
@@ -117,7 +125,7 @@ std::vector<pfSeg> segmentsOver(const Field &field, Kind kind)
         const float level = std::sqrt(1 - down * down);
         segment = {
             {x, y, walks ? 60 : 20 + 80 * unit(random)}, {level * std::cos(turn), level * std::sin(turn), down}, 1000};
-        if (kind == kVerticalRandom || kind == kVerticalWalking)
+        if (kind.isVertical)
         {
             segment.dir[0] = segment.dir[1] = 0;
             segment.dir[2] = -1;
@@ -134,7 +142,7 @@ void tell(benchmark::State &state, size_t hits)
 
 void build(benchmark::State &state, size_t count)
 {
-    const Field &field = fieldOf(count);
+    const Field &field = madeOf<Field>(count);
     pfArenaInfo before, after;
     pfHierarchy *hierarchy = nullptr;
     void *const arena = pfGetSharedArena();
@@ -149,11 +157,19 @@ void build(benchmark::State &state, size_t count)
     state.counters["bytes"] = static_cast<double>(after.bytesInUse - before.bytesInUse) / static_cast<double>(count);
 }
 
-void intersect(benchmark::State &state, Kind kind, size_t count)
+struct Built
 {
-    const Field &field = fieldOf(count);
-    pfHierarchy *const hierarchy = pfBuildHierarchy(field.triangles, pfGetSharedArena());
-    const std::vector<pfSeg> segments = segmentsOver(field, kind);
+    pfHierarchy *hierarchy;
+
+    explicit Built(size_t count) : hierarchy(pfBuildHierarchy(madeOf<Field>(count).triangles, pfGetSharedArena()))
+    {
+    }
+};
+
+void intersect(benchmark::State &state, const Kind &kind, size_t count)
+{
+    const pfHierarchy &hierarchy = *madeOf<Built>(count).hierarchy;
+    const std::vector<pfSeg> segments = segmentsOver(madeOf<Field>(count), kind);
     size_t hits = 0;
     for (auto _ : state)
     {
@@ -162,10 +178,63 @@ void intersect(benchmark::State &state, Kind kind, size_t count)
         {
             const pfLocalSegment segment = {{pos[0], pos[1], pos[2]}, {dir[0], dir[1], dir[2]}, 0, length};
             pfTriangleHit hit;
-            hits += pfNearestHit(*hierarchy, segment, hit);
+            hits += pfNearestHit(hierarchy, segment, hit);
         }
     }
-    pfFree(hierarchy);
+    tell(state, hits);
+}
+
+// The field in a scene, a group, a geode and a GeoSet.
+struct Graph
+{
+    std::vector<float> coordinates;
+    pfScene *scene;
+
+    explicit Graph(size_t count) : scene(pfNewScene(pfGetSharedArena()))
+    {
+        void *const arena = pfGetSharedArena();
+        for (const pfTriangle &triangle : madeOf<Field>(count).triangles)
+        {
+            coordinates.insert(coordinates.end(), triangle.corners[0], triangle.corners[0] + 9);
+        }
+        pfGeoSet *const gset = pfNewGSet(arena);
+        pfGSetPrimType(gset, PFGS_TRIS);
+        pfGSetNumPrims(gset, static_cast<int>(count));
+        pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, coordinates.data(), nullptr);
+        pfGeode *const geode = pfNewGeode(arena);
+        pfAddGSet(geode, gset);
+        pfGroup *const group = pfNewGroup(arena);
+        pfAddChild(group, reinterpret_cast<pfNode *>(geode));
+        pfAddChild(reinterpret_cast<pfGroup *>(scene), reinterpret_cast<pfNode *>(group));
+    }
+};
+
+void intersectScene(benchmark::State &state, const Kind &kind, size_t count)
+{
+    auto *const scene = reinterpret_cast<pfNode *>(madeOf<Graph>(count).scene);
+    const std::vector<pfSeg> segments = segmentsOver(madeOf<Field>(count), kind);
+    pfSegSet set = {};
+    set.mode = PFTRAV_IS_PRIM | PFTRAV_IS_NORM | PFTRAV_IS_NEAREST;
+    set.activeMask = 1;
+    set.isectMask = ~0U;
+    pfHit **found[PFIS_MAX_SEGS];
+    pfNodeIsectSegs(scene, &set, found); // builds the hierarchy
+    size_t hits = 0;
+    for (auto _ : state)
+    {
+        hits = 0;
+        for (const pfSeg &segment : segments)
+        {
+            set.segs[0] = segment;
+            if (pfNodeIsectSegs(scene, &set, found) != 0)
+            {
+                pfVec3 point;
+                pfQueryHit(found[0][0], PFQHIT_POINT, point);
+                benchmark::DoNotOptimize(point);
+                ++hits;
+            }
+        }
+    }
     tell(state, hits);
 }
 
@@ -189,7 +258,7 @@ RTCScene embreeScene(RTCDevice device, const Field &field)
 
 void embreeBuild(benchmark::State &state, size_t count, const char *config)
 {
-    const Field &field = fieldOf(count);
+    const Field &field = madeOf<Field>(count);
     RTCDevice device = rtcNewDevice(config);
     for (auto _ : state)
     {
@@ -198,12 +267,20 @@ void embreeBuild(benchmark::State &state, size_t count, const char *config)
     rtcReleaseDevice(device);
 }
 
-void embreeIntersect(benchmark::State &state, Kind kind, size_t count)
+struct EmbreeBuilt
 {
-    const Field &field = fieldOf(count);
     RTCDevice device = rtcNewDevice(nullptr);
-    RTCScene scene = embreeScene(device, field);
-    const std::vector<pfSeg> segments = segmentsOver(field, kind);
+    RTCScene scene;
+
+    explicit EmbreeBuilt(size_t count) : scene(embreeScene(device, madeOf<Field>(count)))
+    {
+    }
+};
+
+void embreeIntersect(benchmark::State &state, const Kind &kind, size_t count)
+{
+    RTCScene scene = madeOf<EmbreeBuilt>(count).scene;
+    const std::vector<pfSeg> segments = segmentsOver(madeOf<Field>(count), kind);
     size_t hits = 0;
     for (auto _ : state)
     {
@@ -227,8 +304,6 @@ void embreeIntersect(benchmark::State &state, Kind kind, size_t count)
             hits += ray.hit.geomID != RTC_INVALID_GEOMETRY_ID;
         }
     }
-    rtcReleaseScene(scene);
-    rtcReleaseDevice(device);
     tell(state, hits);
 }
 #endif
@@ -251,11 +326,12 @@ const bool registered = []
         add("EmbreeBuild", count, embreeBuild, count, nullptr);
         add("EmbreeBuild/OneThread", count, embreeBuild, count, "threads=1");
 #endif
-        for (const Kind kind : {kVerticalRandom, kVerticalWalking, kSlantingRandom, kSlantingWalking})
+        for (const Kind &kind : kKinds)
         {
-            add(std::string("Nearest/") + kKinds[kind], count, intersect, kind, count);
+            add(std::string("Nearest/") + kind.name, count, intersect, kind, count);
+            add(std::string("Scene/") + kind.name, count, intersectScene, kind, count);
 #ifdef TOLVIN_EMBREE
-            add(std::string("Embree/") + kKinds[kind], count, embreeIntersect, kind, count);
+            add(std::string("Embree/") + kind.name, count, embreeIntersect, kind, count);
 #endif
         }
     }

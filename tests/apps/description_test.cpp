@@ -13,21 +13,22 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <vector>
 
 using namespace tolvin;
 
 namespace
 {
 
-class Description : public testing::Test
+class Descriptions : public testing::Test
 {
 protected:
-    Description() : root_(new vuRootNode)
+    Descriptions() : root_(new vuRootNode)
     {
         initRootNode(root_.get());
         before_ = blocksInUse();
     }
-    ~Description() override
+    ~Descriptions() override
     {
         capturedStderr([this] { releaseSurfaces(*root_); });
         EXPECT_EQ(blocksInUse(), before_);
@@ -47,7 +48,7 @@ protected:
         capturedStderr(
             [&]
             {
-                for (const auto &[line, column, what] : readDescription(text, *root_))
+                for (const auto &[line, column, what] : readDescription(text, *root_, description_))
                 {
                     lines += std::to_string(line) + ':' + std::to_string(column) + ' ' + what + '\n';
                 }
@@ -70,11 +71,12 @@ protected:
 
     std::unique_ptr<vuRootNode> root_;
     std::size_t before_ = 0;
+    tolvin::Description description_;
 };
 
 } // namespace
 
-TEST_F(Description, FillsTheRecords)
+TEST_F(Descriptions, FillsTheRecords)
 {
     EXPECT_EQ(read("# surfaces\nMATERIALLIST \"a\" { MATERIAL \"red\"{ALPHA .5 DIFFUSE 1 -0 2e-1}MATERIAL \"\" {} }\n"
                    "TEXTURELIST \"t\" { FPS 12.5 # of the film\n TEXTURE \"x y\" { \"dir/x{y}.rgb\" MAG_FILTER NEAREST "
@@ -95,7 +97,50 @@ TEST_F(Description, FillsTheRecords)
     EXPECT_EQ(materialListsCount(root_.get()), 2);
 }
 
-TEST_F(Description, DumpsComeBackAsTheSameText)
+TEST_F(Descriptions, FillsSceneAndEntities)
+{
+    EXPECT_EQ(
+        read("SCENE \"alps\" {\n COLLIDE 0xF0 ORIGIN -47.5 +359.25 650.5 # of the frame\n"
+             "\nTERRAIN \"a.hgt\"\n{ STEP 3 RADIUS 5e3 UNDULATION -46.5 }\n"
+             " TERRAIN \"b.png\" { SPACING .5 HEIGHT -10 20 CENTER 1 -2 } TERRAIN \"c.obj\" { SCALE 0.001 UP Y } }\n"
+             "MATERIALLIST \"m\" { } ENTITY\n \"jeep \xC3\xBC of the north\" { ID 1 65534 3 }\n"
+             "ENTITY \"plane\" { SHM 2001 64 MASK 4294967295 HEIGHT 100 HEADING -90 START -500.25 1e3 LIFT 2.5 PROBE 1 "
+             "2 3\n"
+             "PROBE 4 5 6 PROBE -7 8 .1 FOLLOW_TERRAIN MOTION FLY MARKING \"\" FORCE 2 TYPE 1 2 65535 4 5 6 7\n"
+             "MODEL \"p/q.obj\" }"),
+        "");
+    const SceneDescription &scene = description_.scene.value();
+    EXPECT_TRUE(scene.name == "alps" && scene.collide == 0xF0);
+    EXPECT_TRUE(scene.origin.latitude == -47.5 && scene.origin.longitude == 359.25 && scene.origin.height == 650.5);
+    ASSERT_EQ(scene.terrains.size(), 3u);
+    const TerrainDescription &a = scene.terrains[0], &b = scene.terrains[1], &c = scene.terrains[2];
+    EXPECT_TRUE(a.step == 3 && a.radius == 5000.0 && a.undulation == -46.5 && a.line == 4 && !a.spacing);
+    EXPECT_TRUE(b.spacing == 0.5 && b.lowest == -10.0 && b.highest == 20.0 && b.center[0] == 1.0 &&
+                b.center[1] == -2.0);
+    EXPECT_TRUE(c.model.file == "c.obj" && c.model.scale == 0.001 && c.model.up == UpAxis::Y);
+    ASSERT_EQ(description_.entities.size(), 2u);
+    const EntityDescription &jeep = description_.entities[0], &plane = description_.entities[1];
+    EXPECT_TRUE(jeep.id->site == 1 && jeep.id->application == 65534 && jeep.id->entity == 3 && !jeep.model);
+    EXPECT_TRUE(jeep.line == 7 && jeep.marking == "jeep ?? of " && jeep.motion == VU_MOTION_NONE &&
+                jeep.probes.empty());
+    EXPECT_TRUE(plane.model->file == "p/q.obj" && plane.model->up == UpAxis::Z && plane.line == 9 && !plane.id);
+    const vuEntityType &type = plane.type;
+    EXPECT_TRUE(type.kind == 1 && type.domain == 2 && type.country == 65535 && type.category == 4);
+    EXPECT_TRUE(type.subcategory == 5 && type.specific == 6 && type.extra == 7 && plane.force == 2);
+    EXPECT_TRUE(plane.marking.empty() && plane.motion == VU_MOTION_FLY && plane.followTerrain);
+    EXPECT_EQ(plane.probes, (std::vector<std::array<float, 3>>{{1, 2, 3}, {4, 5, 6}, {-7, 8, 0.1f}}));
+    EXPECT_TRUE(plane.lift == 2.5 && plane.start[0] == -500.25 && plane.start[1] == 1000.0 && plane.heading == -90.0);
+    EXPECT_TRUE(plane.height == 100.0 && plane.mask == UINT32_MAX && plane.shmKey == 2001 && plane.shmSize == 64);
+
+    // What there is already counts.
+    EXPECT_EQ(read("SCENE \"\" { } ENTITY \"plane\" { ID 1 65534 3 }"),
+              "1:1 SCENE: expected 1 of them at most\n1:21 \"plane\": expected a name that no other ENTITY has\n"
+              "1:34 1 65534 3: expected an identity that no other ENTITY has\n");
+    EXPECT_EQ(read("ENTITY \"third\" { }"), "");
+    EXPECT_TRUE(description_.entities.size() == 3 && description_.scene->terrains.size() == 3);
+}
+
+TEST_F(Descriptions, DumpsComeBackAsTheSameText)
 {
     const std::string text =
         "\nMATERIALLIST \"all\" {\n  MATERIAL \"m\" {\n    AMBIENT    0.125 -1 1e+30\n    DIFFUSE    0 0 0\n"
@@ -111,12 +156,12 @@ TEST_F(Description, DumpsComeBackAsTheSameText)
     EXPECT_NE(dump().find("    AMBIENT    3.40282e+38 1.4013e-45 -3.40282e+38\n"), std::string::npos);
 }
 
-TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
+TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"SCENE \"s\" { x { MATERIAL \"a\" { ALPHA x } } TEXTURELIST \"t\" { } }\nfoo",
-         "1:1 SCENE: expected MATERIALLIST or TEXTURELIST\n1:38 x: expected a number\n"
-         "2:1 foo: expected MATERIALLIST or TEXTURELIST\n"},
+        {"SKY \"s\" { x { MATERIAL \"a\" { ALPHA x } } TEXTURELIST \"t\" { } }\nfoo",
+         "1:1 SKY: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n1:36 x: expected a number\n"
+         "2:1 foo: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
         {"MATERIALLIST m {} TEXTURELIST {", "1:14 m: expected a name in quotes\n1:31 {: expected a name in quotes\n"
                                             "1:32 end of file: expected }\n"},
         {"MATERIALLIST \"m\" {\n MATERIAL \"a\" { ALPHA x\n  AMBIENT 1 1e999 7 SHINE 3 4 } }",
@@ -133,21 +178,66 @@ TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
          "1:70 -inf: expected a number\n"},
         {"MATERIALLIST \"m\x1B\" { \x1B\xC3\xBC\x7F }", "1:21 \\x1B\xC3\xBC\\x7F: expected MATERIAL or }\n"},
         {"MATERIALLIST \"a\" {\n MATERIAL \"x\" { ALPHA +-1 } }\n MATERIAL \"y\" { ALPHA bar FOO 1 }\n}",
-         "2:23 +-1: expected a number\n3:2 MATERIAL: expected MATERIALLIST or TEXTURELIST\n"
+         "2:23 +-1: expected a number\n3:2 MATERIAL: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"
          "3:23 bar: expected a number\n"
          "3:27 FOO: expected AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }\n"
-         "4:1 }: expected MATERIALLIST or TEXTURELIST\n"},
+         "4:1 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
         {"MATERIALLIST \"a\" {\n MATERAIL \"x\" {\n AMBIENT 1 2 x\nTEXTURELIST \"t\" {\n FPS { 25 }\n TEXTURE \"u\" { "
          "v } }",
          "2:2 MATERAIL: expected MATERIAL or }\n3:14 x: expected a number\n4:1 TEXTURELIST: expected }\n"
          "5:6 {: expected a number\n"
          "6:16 v: expected a file in quotes, WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }\n"},
-        {"MATERIALLIST \"m\" { } }", "1:22 }: expected MATERIALLIST or TEXTURELIST\n"},
+        // Scenes and entities: places, names of blocks, braces.
+        {"MATERIALLIST \"m\" { }\nSCENE \"s\" {\n ORIGN 1 2 3 COLLIDE 0xfffffffff\n TERRIAN \"a\" { STEP 0 RADIUS x 5\n"
+         " SPACING COLLIDE -1 }\nENTITY \"e\" { MODLE \"m\" { UP X }\n STEP 1 MODEL \"\" ID 1 2 }\nSCENE \"t\" { }",
+         "3:2 ORIGN: expected ORIGIN, COLLIDE, TERRAIN or }\n3:22 0xfffffffff: expected a mask of 32 bits, like 255 or "
+         "0xff\n4:2 TERRIAN: expected ORIGIN, COLLIDE, TERRAIN or }\n4:21 0: expected a whole number from 1 to 10000\n"
+         "4:30 x: expected metres from 0.001 to 10000000\n5:10 COLLIDE: expected metres from 0.001 to 10000000\n"
+         "5:18 -1: expected a mask of 32 bits, like 255 or 0xff\n"
+         "6:14 MODLE: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, "
+         "HEIGHT, MASK, SHM or }\n6:29 X: expected Y, Z\n7:2 STEP: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, "
+         "FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, HEIGHT, MASK, SHM or }\n7:15 \"\": expected a file in quotes\n"
+         "7:25 }: expected a whole number from 1 to 65534\n8:1 SCENE: expected 1 of them at "
+         "most\n"},
+        // All ranges; of a value that is missing only the first is told.
+        {"SCENE \"s\" { ORIGIN 90.1 -181 1e8 ORIGIN 1\n TERRAIN \"t\" { HEIGHT 5 5 CENTER nan 0 SCALE 0 UNDULATION 2e7 "
+         "} }",
+         "1:20 90.1: expected a latitude from -90 to 90\n1:25 -181: expected a longitude from -180 to 360\n"
+         "1:30 1e8: expected metres from -10000000 to 10000000\n1:34 ORIGIN: expected 1 of them at most\n"
+         "2:2 TERRAIN: expected a longitude from -180 to 360\n2:25 5: expected more metres for white than for black\n"
+         "2:34 nan: expected metres from -10000000 to 10000000\n2:46 0: expected a scale from 1e-06 to 1000000\n"
+         "2:59 2e7: expected metres from -10000000 to 10000000\n"},
+        {"ENTITY \"a\" {\n ID 0 65535 1.5\n TYPE 1 256 -1 x 1 1 1\n FORCE 256 LIFT 0 HEIGHT -1 HEADING 361 MOTION "
+         "SWIM\n"
+         " MARKING \"twelve bytes\"\n PROBE 1 2 3 SHM -1 4294967296 MASK 08x START 1\n}",
+         "2:5 0: expected a whole number from 1 to 65534\n2:7 65535: expected a whole number from 1 to 65534\n"
+         "2:13 1.5: expected a whole number from 1 to 65534\n3:9 256: expected a whole number from 0 to 255\n"
+         "3:13 -1: expected a whole number from 0 to 65535\n3:16 x: expected a whole number from 0 to 255\n"
+         "4:8 256: expected a whole number from 0 to 255\n4:17 0: expected metres from 0.001 to 10000000\n"
+         "4:26 -1: expected metres from 0 to 10000000\n4:37 361: expected degrees from -360 to 360\n"
+         "4:48 SWIM: expected DRIVE, FLY, NONE\n5:10 \"twelve bytes\": expected at most 11 characters of ASCII in "
+         "quotes\n"
+         "6:18 -1: expected a whole number from 0 to 2147483647\n6:21 4294967296: expected a whole number from 0 to "
+         "4294967295\n6:37 08x: expected a mask of 32 bits, like 255 or 0xff\n"
+         "7:1 }: expected metres from -10000000 to 10000000\n"},
+        {"ENTITY \"a\" { ID 1 2 3 PROBE 0 0 0 PROBE 0 0 0 } \"\nENTITY \"a\" { ID 1 +2 3\"x\n"
+         "PROBE 0 0 0 PROBE 0 0 0 PROBE 0 0 0 PROBE 0 0 0 }",
+         "1:47 }: expected 3 PROBEs or none\n1:49 \"\": expected a second quote on the same line\n"
+         "2:8 \"a\": expected a name that no other ENTITY has\n2:17 1 2 3: expected an identity that no other ENTITY "
+         "has\n2:23 \"x\": expected a second quote on the same line\n3:37 PROBE: expected 3 of them at most\n"},
+        // Blocks out of place are checked, and never deeper than they can be.
+        {"TERRAIN \"t\" { MODEL \"m\" { TERRAIN \"u\" { STEP x } } }",
+         "1:1 TERRAIN: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n1:15 MODEL: expected }\n"
+         "1:27 TERRAIN: expected }\n1:46 x: expected a whole number from 1 to 10000\n"
+         "1:50 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"
+         "1:52 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
+        {"MATERIALLIST \"m\" { } }", "1:22 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
     };
     for (const auto &[text, errors] : cases)
     {
         EXPECT_EQ(read(text), errors) << text;
         EXPECT_TRUE(root_->materialLists.first == nullptr && root_->textureLists.first == nullptr);
+        EXPECT_TRUE(!description_.scene && description_.entities.empty());
     }
     using namespace std::string_literals;
     EXPECT_EQ(read("MATERIALLIST \"a\0b\" { \0 }"s), "1:14 \"a\\x00b\": expected a text without zero bytes\n"
@@ -157,24 +247,94 @@ TEST_F(Description, EveryErrorIsToldAndNothingIsTaken)
     {
         many += "x\n";
     }
-    const std::vector<DescriptionError> errors = readDescription(many, *root_);
+    const std::vector<DescriptionError> errors = readDescription(many, *root_, description_);
     EXPECT_EQ(errors.size(), kMostErrors + 1);
     EXPECT_EQ(errors.back().text, "what else is wrong is not told");
 }
 
-TEST_F(Description, FilesNameThePlaceOfAnError)
+TEST_F(Descriptions, NoPrefixOfAnEntityIsTaken)
+{
+    const std::string text =
+        "ENTITY \"e\" { MODEL \"m\" { UP Z SCALE 1 } ID 1 2 3 TYPE 1 2 3 4 5 6 7 MOTION FLY SHM 1 2 MARKING "
+        "\"x\" PROBE 1 1 1 PROBE 1 1 1 PROBE 1 1 1 MASK 0x1 LIFT 1 START 1 1 }";
+    for (std::size_t size = 1; size < text.size(); ++size)
+    {
+        EXPECT_NE(read(text.substr(0, size)), "") << size;
+    }
+    EXPECT_TRUE(description_.entities.empty());
+    EXPECT_EQ(read(text), "");
+}
+
+TEST_F(Descriptions, MisplacedBlocksAndBracesDoNotTakeWhatFollows)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"SCENE \"s\" { TERRAIN \"a\" { STEP 2\n ORIGIN 1 2 3\nENTITY \"e\" { MODEL \"m\" UP Y ID 1 1 1 MODEL \"n\" { "
+         "UP "
+         "Y\nMOTION x }",
+         "2:2 ORIGIN: expected }\n3:1 ENTITY: expected }\n3:24 UP: expected {\n3:29 ID: expected }\n3:38 MODEL: "
+         "expected 1 of them at most\n"
+         "4:1 MOTION: expected }\n4:8 x: expected DRIVE, FLY, NONE\n"},
+        {"SCENE s { TERRAIN { } MATERIAL \"m\" { ALPHA x } FOO \"f\" 1 { 2 { TERRAIN \"t\" { UP 1 } } }\n COLLIDE x }",
+         "1:7 s: expected a name in quotes\n1:19 {: expected a file in quotes\n"
+         "1:23 MATERIAL: expected ORIGIN, COLLIDE, TERRAIN or }\n1:44 x: expected a number\n"
+         "1:48 FOO: expected ORIGIN, COLLIDE, TERRAIN or }\n1:81 1: expected Y, Z\n"
+         "2:10 x: expected a mask of 32 bits, like 255 or 0xff\n"},
+        {"ENTITY \"e\" { MARKNG \"a\" MARKING b MARKING \"\xC3\xBC\" STEP { x } TERRAIN \"t\" { } }\nSCENE \"s\" { } }",
+         "1:14 MARKNG: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, "
+         "HEIGHT, MASK, SHM or }\n1:33 b: expected at most 11 characters of ASCII in quotes\n"
+         "1:35 MARKING: expected 1 of them at most\n"
+         "1:43 \"\xC3\xBC\": expected at most 11 characters of ASCII in quotes\n"
+         "1:48 STEP: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, "
+         "HEIGHT, MASK, SHM or }\n"
+         "1:59 TERRAIN: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, "
+         "HEIGHT, MASK, SHM or }\n2:15 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
+    };
+    for (const auto &[text, errors] : cases)
+    {
+        EXPECT_EQ(read(text), errors) << text;
+    }
+    // Nor does anything nest without end.
+    std::string deep;
+    for (int i = 0; i < 100000; ++i)
+    {
+        deep += "x { TERRAIN \"t\" { MODEL \"m\" { ENTITY \"e\" { SCENE \"s\" { y { ";
+    }
+    EXPECT_NE(read(deep), "");
+}
+
+TEST_F(Descriptions, HasLimits)
+{
+    std::string terrains = "SCENE \"s\" { ";
+    for (int i = 0; i < 4096; ++i)
+    {
+        terrains += "TERRAIN \"t\" { }\n";
+    }
+    EXPECT_EQ(read(terrains + "TERRAIN \"t\" { } }"), "4097:1 TERRAIN: expected 4096 of them at most\n");
+    EXPECT_EQ(read(terrains + "}"), "");
+    std::string entities;
+    for (int i = 0; i < 65534; ++i)
+    {
+        entities += "ENTITY \"" + std::to_string(i) + "\" { }\n";
+    }
+    EXPECT_EQ(read(entities + "ENTITY \"e\" { }"), "65535:1 ENTITY: expected 65534 of them at most\n");
+    EXPECT_EQ(read(entities), "");
+    EXPECT_EQ(read("ENTITY \"e\" { }"), "1:1 ENTITY: expected 65534 of them at most\n");
+    EXPECT_EQ(description_.entities.size(), 65534u);
+}
+
+TEST_F(Descriptions, FilesNameThePlaceOfAnError)
 {
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_description_" + std::to_string(getpid()));
     std::ofstream(file) << "MATERIALLIST \"m\" {\n}\nrest";
     try
     {
-        readDescriptionFile(file, *root_);
+        readDescriptionFile(file, *root_, description_);
         ADD_FAILURE() << "no error";
     }
     catch (const std::runtime_error &error)
     {
-        EXPECT_EQ(error.what(), file.string() + ":3:1: rest: expected MATERIALLIST or TEXTURELIST");
+        EXPECT_EQ(error.what(), file.string() + ":3:1: rest: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY");
     }
     std::filesystem::remove(file);
-    EXPECT_THROW(readDescriptionFile(file, *root_), std::runtime_error);
+    EXPECT_THROW(readDescriptionFile(file, *root_, description_), std::runtime_error);
 }

@@ -51,6 +51,13 @@ Datagram datagramOf(const vuEntityState &report)
     return datagram;
 }
 
+Datagram removalOf(const vuEntityId &id, const vuEntityId &by, double seconds)
+{
+    Datagram datagram(kRemoveEntitySize);
+    EXPECT_EQ(encodeRemoveEntity({{6, 1, 0, 0, stampAt(seconds), 0}, by, id, 1}, datagram), datagram.size());
+    return datagram;
+}
+
 // An initialised root node with an input, whose clock the tests move; everything is released at the end.
 class DisInputTest : public testing::Test
 {
@@ -206,6 +213,21 @@ TEST_F(DisInputTest, RemovesEntitiesThatLeaveOrFallSilent)
         EXPECT_EQ(input->entities().find({7, 8, 5}), nullptr);
     }
     EXPECT_TRUE(input->counts().left == 1 && input->counts().leaves == 2 && input->counts().late == 2);
+
+    // Only the application of an entity removes it, and never one of ours.
+    for (const vuEntityId id : {vuEntityId{7, 9, 6}, {1, 1000, 6}, {7, 8, 6}})
+    {
+        take(datagramOf(reportOf(6, 7200.16)));
+        take(removalOf(id, {id.site, 8, 0}, 7200.17));
+        take(removalOf(id, {id.site, id.application, 0}, 7200.17));
+        frameAt(7200.2);
+        EXPECT_EQ(input->entities().find({7, 8, 6}) != nullptr, id.application != 8) << id.application;
+    }
+    EXPECT_TRUE(input->counts().otherPdus == 2 && input->counts().own == 1 && input->counts().left == 2);
+    Datagram cut = removalOf({7, 8, 6}, {7, 8, 0}, 7200.2);
+    cut[9] = 24;
+    take(cut);
+    EXPECT_EQ(input->counts().faults[static_cast<std::size_t>(PduFault::BodyTooShort)], 1u);
 
     const std::pair<double, std::size_t> steps[] = {{7211.99, 4}, {7212.01, 2}, {7331.9, 2},
                                                     {7332.1, 1},  {7343.9, 1},  {7344.1, 0}};

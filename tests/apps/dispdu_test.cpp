@@ -146,6 +146,31 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
     EXPECT_EQ(walk(with(kPdu, 2, 2) + with(kPdu, 3, 2)).state.timestamp, 0u);
 }
 
+TEST(DisPdu, DecodesAndEncodesRemovals)
+{
+    // Header, originating 1:2:0, receiving 1:2:772, request 0xDEADBEEF.
+    const Bytes wire = {6, 9, 12, 5, 0x12, 0x34, 0x56, 0x78, 0, 28, 0,    0,    0,    1,
+                        0, 2, 0,  0, 0,    1,    0,    2,    3, 4,  0xDE, 0xAD, 0xBE, 0xEF};
+    for (std::uint8_t length = 12; length <= 36; length += 8) // more than is needed is no fault
+    {
+        Bytes cut = with(wire, 9, length);
+        cut.resize(length);
+        PduReader reader(cut);
+        Pdu pdu;
+        RemoveEntity removal{};
+        ASSERT_TRUE(reader.next(pdu) && kindOf(pdu.header) == PduKind::RemoveEntity);
+        ASSERT_EQ(decodeRemoveEntity(pdu, removal), length < 28 ? PduFault::BodyTooShort : PduFault::None);
+        EXPECT_EQ(removal.request, length < 28 ? 0 : 0xDEADBEEF);
+        EXPECT_EQ(removal.receiving.entity, length < 28 ? 0 : 772);
+        removal.header.pduType = removal.header.protocolFamily = 1;
+        Bytes encoded(28);
+        EXPECT_EQ(encodeRemoveEntity(removal, std::span(encoded).first(27)), 0u);
+        EXPECT_EQ(encodeRemoveEntity(removal, encoded), 28u);
+        EXPECT_TRUE(length < 28 || encoded == wire);
+    }
+    EXPECT_EQ(kindOf({6, 9, 12, 1, 0, 28}), PduKind::Other);
+}
+
 TEST(DisPdu, RefusesNumbersThatMoveNowhere)
 {
     using enum PduFault;

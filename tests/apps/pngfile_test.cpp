@@ -85,6 +85,11 @@ TEST_F(PngFile, ReadsBackAsWritten)
         EXPECT_TRUE(image.width == shape.width && image.height == shape.height);
         EXPECT_EQ(image.format, formats[channels - 1]);
         EXPECT_EQ(filesThere(), 1);
+        const auto png = encodedPng(shape, [&](std::uint32_t y) { return bytes.data() + y * shape.width * channels; });
+        std::vector<std::uint8_t> file(std::filesystem::file_size(folder_ / "a.png"));
+        std::ifstream(folder_ / "a.png")
+            .read(reinterpret_cast<char *>(file.data()), static_cast<std::streamsize>(file.size()));
+        EXPECT_EQ(png, file);
     }
 }
 
@@ -111,6 +116,8 @@ TEST_F(PngFile, KeepsWhatWasThereWhenItFails)
     EXPECT_TRUE(unchanged());
 
     EXPECT_THROW(write(file, {0, 1, PixelFormat::Rgb}, bytes), std::runtime_error);
+    EXPECT_THROW(encodedPng({0, 1, PixelFormat::Rgb}, throwing), std::runtime_error);
+    EXPECT_THROW(encodedPng(shape, throwing), std::domain_error);
     EXPECT_TRUE(unchanged());
 }
 

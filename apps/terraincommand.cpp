@@ -1,0 +1,313 @@
+#include "terraincommand.h"
+
+#include "counted.h"
+#include "description.h"
+#include "exitcode.h"
+#include "optionrange.h"
+#include "plaintext.h"
+#include "quietstderr.h"
+#include "terrain.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include <tolvin/kernel/kernelgeneric.h>
+
+namespace tolvin
+{
+
+namespace
+{
+
+constexpr double kWholeCell = 1e7; // metres: there is no place on this side of the earth that is farther
+
+struct TerrainOptions
+{
+    std::vector<std::string> files;
+    std::vector<std::string> at;
+    std::vector<std::string> local;
+    std::string origin;
+    TerrainDescription description; // of each file, but for its name
+    std::optional<double> spacing;
+    std::pair<double, double> height = {0.0, 100.0};
+    std::string up = "Z";
+    std::vector<CLI::Option *> notOfScenes; // what descriptions tell themselves
+};
+
+// Numbers with commas between them; none when anything else is there.
+std::vector<double> numbersIn(std::string_view text)
+{
+    std::vector<double> numbers;
+    for (bool more = true; more;)
+    {
+        double &number = numbers.emplace_back();
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+        more = text.starts_with(',');
+        if (error != std::errc() || !std::isfinite(number) || (!more && !text.empty()))
+        {
+            return {};
+        }
+        text.remove_prefix(more ? 1 : 0);
+    }
+    return numbers;
+}
+
+std::optional<Geodetic> geodeticIn(const std::string &text, std::size_t mostNumbers)
+{
+    std::vector<double> numbers = numbersIn(text);
+    if (numbers.size() < 2 || numbers.size() > mostNumbers || std::abs(numbers[0]) > 90.0 ||
+        std::abs(numbers[1]) > 360.0)
+    {
+        return std::nullopt;
+    }
+    numbers.resize(3);
+    return std::abs(numbers[2]) <= 1e6 ? std::optional(Geodetic{numbers[0], numbers[1], numbers[2]}) : std::nullopt;
+}
+
+CLI::Validator matching(const std::string &expected, const std::function<bool(const std::string &)> &isGood)
+{
+    const auto check = [=](const std::string &text) { return isGood(text) ? "" : text + ": expected " + expected; };
+    return CLI::Validator(check, expected);
+}
+
+bool isDescription(const std::string &file)
+{
+    const std::filesystem::path extension = std::filesystem::path(file).extension();
+    return extension == ".scene" || extension == ".txt";
+}
+
+Geodetic originOf(const TerrainOptions &options)
+{
+    if (!options.origin.empty())
+    {
+        return *geodeticIn(options.origin, 3);
+    }
+    const std::string &first = options.files.front();
+    const std::optional<CellCorner> corner = first.ends_with(".hgt") ? cellCornerOf(first) : std::nullopt;
+    return corner ? Geodetic{corner->latitude + 0.5, corner->longitude + 0.5, 0.0} : Geodetic{};
+}
+
+SceneDescription sceneOfFiles(const TerrainOptions &options)
+{
+    SceneDescription scene;
+    scene.origin = originOf(options);
+    for (const std::string &file : options.files)
+    {
+        if (isDescription(file))
+        {
+            throw std::runtime_error(file + ": expected no other file beside a description");
+        }
+        TerrainDescription &terrain = scene.terrains.emplace_back(options.description);
+        terrain.model.file = file;
+        terrain.model.up = options.up == "Y" ? UpAxis::Y : UpAxis::Z;
+        terrain.spacing = options.spacing;
+        terrain.lowest = options.height.first;
+        terrain.highest = options.height.second;
+    }
+    return scene;
+}
+
+SceneDescription sceneOfDescription(const TerrainOptions &options)
+{
+    const std::string &file = options.files.front();
+    for (const CLI::Option *const option : options.notOfScenes)
+    {
+        if (option->count() > 0)
+        {
+            throw std::runtime_error(option->get_name() + ": " + file + " tells that itself");
+        }
+    }
+    const auto root = std::make_unique<vuRootNode>();
+    Description description;
+    {
+        const QuietStandardError quiet;
+        initRootNode(root.get());
+    }
+    readDescriptionFile(file, *root, description);
+    releaseSurfaces(*root);
+    if (!description.scene || description.scene->terrains.empty())
+    {
+        throw std::runtime_error(file + ": expected a SCENE with a TERRAIN");
+    }
+    return *description.scene;
+}
+
+// So that what is printed as 0 has no sign.
+double rounded(double value, int decimals)
+{
+    const double unit = std::pow(10.0, decimals);
+    return std::round(value * unit) / unit + 0.0;
+}
+
+void printSummary(const Terrain &terrain, const Geodetic &origin)
+{
+    std::printf("origin %.9f %.9f %.3f\n", origin.latitude, origin.longitude, origin.height);
+    for (const TerrainPart &part : terrain.files())
+    {
+        const std::string name = std::filesystem::path(part.file).filename().string();
+        std::printf("file triangles %zu lowest %.2f highest %.2f name %s\n", part.triangles, rounded(part.lowest, 2),
+                    rounded(part.highest, 2), plainText(name).c_str());
+    }
+    std::printf("triangles %zu\n", terrain.triangles());
+    if (const std::optional<GroundExtent> extent = terrain.extent())
+    {
+        const char *const axes[] = {"east", "north", "up"};
+        for (std::size_t i = 0; i < 3; ++i)
+        {
+            std::printf("%s %.2f %.2f\n", axes[i], rounded(extent->least[i], 2), rounded(extent->greatest[i], 2));
+        }
+    }
+}
+
+// Returns whether there is ground.
+bool printGround(const char *kind, const std::string &place, const std::optional<GroundPoint> &ground)
+{
+    if (!ground)
+    {
+        std::printf("%s %s no ground\n", kind, place.c_str());
+        return false;
+    }
+    const double slope = slopeOf(*ground);
+    char aspect[20] = "-";
+    if (slope >= 0.005) // what is printed as 0 has no direction
+    {
+        std::snprintf(aspect, sizeof aspect, "%.1f", std::fmod(std::round(aspectOf(*ground) * 10.0), 3600.0) / 10.0);
+    }
+    std::printf("%s %s height %.3f slope %.2f downhill %s\n", kind, place.c_str(), rounded(ground->height, 3), slope,
+                aspect);
+    return true;
+}
+
+// On the very edge of a cell, where people ask for whole degrees, rounding decides whether there is ground: the next
+// centimetre counts as well.
+std::optional<GroundPoint> groundCloseTo(const Terrain &terrain, const Vector3 &place)
+{
+    constexpr double kNear = 0.01;
+    std::optional<GroundPoint> ground = terrain.groundAt(place[0], place[1]);
+    for (int i = 0; i < 9 && !ground; ++i)
+    {
+        ground = terrain.groundAt(place[0] + (i % 3 - 1) * kNear, place[1] + (i / 3 - 1) * kNear);
+    }
+    return ground;
+}
+
+// Height above the ellipsoid, and the normal in the frame of the place itself: away from the origin the ellipsoid's normal leans,
+// and the ground at a latitude and longitude is not straight below its place at height 0.
+std::optional<GroundPoint> groundAt(const Terrain &terrain, Geodetic place)
+{
+    constexpr int kMostSteps = 20; // each brings it nearer a hundred times or more
+    std::optional<GroundPoint> ground;
+    double step = 1.0;
+    for (int i = 0; i < kMostSteps && std::abs(step) > 1e-5; ++i)
+    {
+        const Vector3 above = terrain.frame().toLocal(geocentricOf(place));
+        ground = groundCloseTo(terrain, above);
+        if (!ground)
+        {
+            return std::nullopt;
+        }
+        const double height = geodeticOf(terrain.frame().toGeocentric({above[0], above[1], ground->height})).height;
+        step = height - std::exchange(place.height, height);
+    }
+    const Vector3 normal = rotated(terrain.frame().rotation(), ground->normal);
+    return GroundPoint{place.height, rotated(transposed(LocalFrame(place).rotation()), normal)};
+}
+
+void runTerrain(const TerrainOptions &options)
+{
+    const bool isScene = options.files.size() == 1 && isDescription(options.files.front());
+    const SceneDescription scene = isScene ? sceneOfDescription(options) : sceneOfFiles(options);
+    const std::string folder = isScene ? std::filesystem::path(options.files.front()).parent_path().string() : "";
+    const Terrain terrain(scene, folder);
+    std::size_t missing = 0;
+    for (const std::string &place : options.at)
+    {
+        missing += printGround("at", place, groundAt(terrain, *geodeticIn(place, 2))) ? 0 : 1;
+    }
+    for (const std::string &place : options.local)
+    {
+        const std::vector<double> numbers = numbersIn(place);
+        missing += printGround("local", place, terrain.groundAt(numbers[0], numbers[1])) ? 0 : 1;
+    }
+    if (options.at.empty() && options.local.empty())
+    {
+        printSummary(terrain, scene.origin);
+    }
+    flushOutput();
+    if (missing > 0)
+    {
+        throw std::runtime_error(counted(missing, "place") + " without ground");
+    }
+}
+
+void addFileOptions(CLI::App &command, TerrainOptions &o)
+{
+    const auto isOrigin = [](const std::string &text) { return geodeticIn(text, 3).has_value(); };
+    TerrainDescription &d = o.description;
+    o.notOfScenes = {
+        command
+            .add_option("--origin", o.origin,
+                        "where the local frame touches the earth, degrees and metres above the ellipsoid (default: the "
+                        "middle of the first cell, 0,0,0 for other files)")
+            ->check(matching("LAT,LON[,HEIGHT]", isOrigin)),
+        command.add_option("--radius", d.radius, "metres around the origin, of cells (default: all)")
+            ->check(within(1.0, kWholeCell)),
+        command.add_option("--step", d.step, "use every so manieth sample of cells")
+            ->check(within(1, 10000))
+            ->capture_default_str(),
+        command
+            .add_option("--undulation", d.undulation,
+                        "metres of the geoid above the ellipsoid, added to the heights of cells")
+            ->check(within(-1000.0, 1000.0))
+            ->capture_default_str(),
+        command.add_option("--spacing", o.spacing, "metres from pixel to pixel of a picture")->check(within(1e-3, 1e6)),
+        command.add_option("--height", o.height, "heights of black and white of a picture, metres (default: 0 100)")
+            ->check(within(-1e6, 1e6)),
+        command.add_option("--up", o.up, "axis of a model that points upwards, Y or Z")
+            ->transform(CLI::IsMember({"Y", "Z"}, CLI::ignore_case))
+            ->capture_default_str(),
+        command.add_option("--scale", d.model.scale, "metres of a unit of a model")
+            ->check(within(1e-6, 1e6))
+            ->capture_default_str(),
+    };
+}
+
+} // namespace
+
+void addTerrainCommand(CLI::App &app, int &exitCode)
+{
+    CLI::App *const command = app.add_subcommand("terrain", "read a terrain and tell its heights");
+    command->get_formatter()->column_width(40);
+    const auto options = std::make_shared<TerrainOptions>();
+    options->description.radius = kWholeCell;
+    command
+        ->add_option("files", options->files,
+                     "cells of heights (.hgt), pictures of heights (.png), model files, or one description with a "
+                     "SCENE (.scene, .txt)")
+        ->required();
+    command->add_option("--at", options->at, "tell the height above the ellipsoid there, in degrees; may be repeated")
+        ->allow_extra_args(false)
+        ->check(matching("LAT,LON", [](const std::string &text) { return geodeticIn(text, 2).has_value(); }));
+    command
+        ->add_option("--local", options->local, "tell the height in the local frame there, in metres; may be repeated")
+        ->allow_extra_args(false)
+        ->check(matching("EAST,NORTH", [](const std::string &text) { return numbersIn(text).size() == 2; }));
+    addFileOptions(*command, *options);
+    command->footer("A line for each place: 'at 47.5,11.5 height METRES slope DEGREES downhill DEGREES', or 'no "
+                    "ground' after the place.\n"
+                    "The direction downhill is clockwise from north, - where it is flat. Without places, a summary.");
+    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runTerrain(*options); }); });
+}
+
+} // namespace tolvin

@@ -1,0 +1,413 @@
+#include "world.h"
+
+#include "scenenodes.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <numbers>
+#include <stdexcept>
+#include <utility>
+
+namespace tolvin
+{
+
+namespace
+{
+
+constexpr double kRadian = std::numbers::pi / 180.0;
+constexpr double kSlopeReach = 3.0; // tangent of 71.6 degrees
+
+template<typename Record>
+Record *newRecord()
+{
+    void *const block = pfMalloc(sizeof(Record), pfGetSharedArena());
+    if (block == nullptr)
+    {
+        throw std::bad_alloc();
+    }
+    std::memset(block, 0, sizeof(Record));
+    return static_cast<Record *>(block);
+}
+
+// Degrees clockwise from north to radians counter-clockwise, from -pi to pi.
+float psiOf(double heading)
+{
+    return static_cast<float>(std::remainder(-heading * kRadian, 2.0 * std::numbers::pi));
+}
+
+float degrees(float radians)
+{
+    return static_cast<float>(radians / kRadian);
+}
+
+std::string named(const EntityDescription &entity)
+{
+    return "ENTITY \"" + entity.name + "\" of line " + std::to_string(entity.line);
+}
+
+std::string textOf(const vuEntityId &id)
+{
+    return std::to_string(id.site) + ':' + std::to_string(id.application) + ':' + std::to_string(id.entity);
+}
+
+bool follows(const vuEntity &entity)
+{
+    return (entity.entityFlags & VU_ENTITY_FOLLOW_TERRAIN) != 0;
+}
+
+bool canBeDriven(const EntityDescription &entity)
+{
+    return entity.motion == VU_MOTION_DRIVE || entity.motion == VU_MOTION_FLY;
+}
+
+pfDCS *transformationNode(const vuEntity &entity)
+{
+    return reinterpret_cast<pfDCS *>(entity.nodes[1]);
+}
+
+} // namespace
+
+World::World(vuRootNode &root, const Description &description, const std::string &folder, const WorldOptions &options,
+             NoticeSink notice)
+    : root_(root),
+      description_(description),
+      folder_(folder),
+      options_(options),
+      notice_(std::move(notice))
+{
+    try
+    {
+        terrain_ = std::make_unique<Terrain>(*description.scene, folder);
+        makeScene();
+        for (const EntityDescription &entity : description.entities)
+        {
+            addEntity(entity);
+        }
+        chooseDriven();
+        settle();
+    }
+    catch (...)
+    {
+        release();
+        throw;
+    }
+}
+
+World::~World()
+{
+    release();
+}
+
+void World::makeScene()
+{
+    top_ = hold(pfNewScene(pfGetSharedArena()));
+    addChild(top_.get(), asPfNode(terrain_->node()));
+    view_ = hold(pfNewChan(pfGetSharedArena()));
+    pfChanScene(view_.get(), top_.get());
+    channel_ = newRecord<vuChannel>();
+    channel_->channel = view_.get();
+    channel_->mouseInput = 1;
+    setWindow(1280, 1024);
+
+    scene_ = newRecord<vuScene>();
+    vunodeInit(&scene_->node, description_.scene->name.c_str());
+    vulistInit(&scene_->entities);
+    scene_->sceneNode = asPfNode(top_.get());
+    scene_->collideWord = description_.scene->collide;
+    scene_->disSite = static_cast<std::uint8_t>(options_.site);
+    scene_->disApplication = static_cast<std::uint8_t>(options_.application);
+    vunodeAppend(&root_.scenes, &scene_->node);
+}
+
+void World::setWindow(int width, int height)
+{
+    channel_->width = width;
+    channel_->height = height;
+    pfChanWindowSize(channel_->channel, width, height);
+}
+
+// One of the description's, or the least number that is free.
+vuEntityId World::identityOf(const EntityDescription &entity) const
+{
+    if (entity.id.has_value())
+    {
+        if (entity.id->site != options_.site || entity.id->application != options_.application)
+        {
+            throw std::runtime_error(named(entity) + ": ID " + textOf(*entity.id) + " does not begin with site " +
+                                     std::to_string(options_.site) + " and application " +
+                                     std::to_string(options_.application) + ", which this program has");
+        }
+        return *entity.id;
+    }
+    vuEntityId id = {options_.site, options_.application, 1};
+    const auto isTaken = [&id](const EntityDescription &other)
+    { return other.id.has_value() && other.id->entity == id.entity; };
+    const auto isGiven = [&id](const OwnEntity &own) { return own.entity->disId.entity == id.entity; };
+    while (std::ranges::any_of(description_.entities, isTaken) || std::ranges::any_of(entities_, isGiven))
+    {
+        ++id.entity;
+    }
+    return id;
+}
+
+void World::addEntity(const EntityDescription &entity)
+{
+    const vuEntityId id = identityOf(entity);
+    vuEntity *const record = newRecord<vuEntity>();
+    entityInit(record, entity.name.c_str());
+    entityAppend(scene_, record);
+    OwnEntity &own = entities_.emplace_back();
+    own.description = &entity;
+    own.entity = record;
+    record->disId = id;
+    setState(own);
+    addNodes(own);
+    if (entity.shmSize > 0)
+    {
+        own.layout.size = entity.shmSize;
+        own.definition.layout = &own.layout;
+        record->shmKey = entity.shmKey;
+    }
+    own.definition.fileName = entity.model.has_value() ? const_cast<char *>(entity.model->file.c_str()) : nullptr;
+    record->definition = &own.definition;
+    entityAllocVars(&root_, record);
+    if (entity.shmSize > 0 && record->vars == nullptr)
+    {
+        throw std::runtime_error(named(entity) + ": no memory for its variables with key " +
+                                 std::to_string(entity.shmKey));
+    }
+}
+
+// Where it starts, and what it reports.
+void World::setState(OwnEntity &own)
+{
+    const EntityDescription &entity = *own.description;
+    vuEntity &record = *own.entity;
+    const auto [east, north] = entity.start;
+    const std::optional<GroundPoint> ground = terrain_->groundAt(east, north);
+    if (!ground.has_value() && entity.followTerrain)
+    {
+        throw std::runtime_error(named(entity) + ": there is no ground at its START");
+    }
+    own.ground = ground.has_value() ? std::optional(ground->height) : std::nullopt;
+    const double aloft = entity.motion == VU_MOTION_DRIVE && entity.followTerrain ? 0.0 : entity.height;
+    record.position[0] = east;
+    record.position[1] = north;
+    record.position[2] = own.ground.value_or(0.0) + aloft;
+    record.orientation[0] = psiOf(entity.heading);
+    record.groundHeight = static_cast<float>(own.ground.value_or(0.0));
+    own.tested = {east, north};
+    own.height = own.ground.value_or(0.0);
+    record.motionKind = entity.motion;
+    record.entityFlags |= entity.followTerrain ? VU_ENTITY_FOLLOW_TERRAIN : 0;
+
+    vuEntityState &es = record.xform.es;
+    es.exerciseId = options_.exercise;
+    es.entityId = record.disId;
+    es.entityType = es.altEntityType = entity.type;
+    es.forceId = entity.force;
+    const std::string &marking = entity.marking.empty() ? entity.name : entity.marking;
+    std::fill(std::begin(es.marking.text), std::end(es.marking.text), '\0');
+    std::copy_n(marking.begin(), std::min(marking.size(), sizeof es.marking.text), es.marking.text);
+    resetXForm(&record);
+    stopXForm(&record); // takes over place and attitude
+    record.recvTime = root_.simSeconds;
+    record.pduTime = std::fmod(root_.simSeconds, 3600.0);
+}
+
+void World::addNodes(OwnEntity &own)
+{
+    void *const arena = pfGetSharedArena();
+    const EntityDescription &entity = *own.description;
+    vuEntity &record = *own.entity;
+    const Held<pfDCS> origin = hold(pfNewDCS(arena));
+    const Held<pfDCS> attitude = hold(pfNewDCS(arena));
+    addChild(top_.get(), asPfNode(origin.get()));
+    addChild(origin.get(), asPfNode(attitude.get()));
+    record.nodes[1] = asPfNode(origin.get());
+    record.nodes[2] = asPfNode(attitude.get());
+    pfNodeName(record.nodes[1], entity.name.c_str());
+    if (entity.model.has_value())
+    {
+        addChild(attitude.get(), modelOf(*entity.model));
+    }
+    record.word18 = entity.mask;
+    pfNodeTravMask(record.nodes[1], PFTRAV_ISECT, entity.mask, PFTRAV_SELF, PF_SET);
+    for (std::size_t i = 0; i < entity.probes.size(); ++i)
+    {
+        std::copy(entity.probes[i].begin(), entity.probes[i].end(), record.probes[i].pos);
+    }
+}
+
+// Of entities with the same model, one.
+pfNode *World::modelOf(const ModelDescription &model)
+{
+    ModelDescription whole = model;
+    whole.file = (std::filesystem::path(folder_) / model.file).string();
+    const std::string key =
+        whole.file + '\n' + std::to_string(static_cast<int>(model.up)) + ' ' + std::to_string(model.scale);
+    std::unique_ptr<ModelNodes> &nodes = models_[key];
+    if (nodes == nullptr)
+    {
+        nodes = std::make_unique<ModelNodes>(whole);
+    }
+    return nodes->node();
+}
+
+void World::chooseDriven()
+{
+    const std::string &name = options_.driven;
+    for (OwnEntity &own : entities_)
+    {
+        const bool wanted = name.empty() ? canBeDriven(*own.description) : own.description->name == name;
+        if (driven_ == nullptr && wanted)
+        {
+            driven_ = &own;
+        }
+    }
+    if (!name.empty() && driven_ == nullptr)
+    {
+        throw std::runtime_error("the description has no ENTITY \"" + name + "\" to drive");
+    }
+    if (driven_ != nullptr && !canBeDriven(*driven_->description))
+    {
+        throw std::runtime_error(named(*driven_->description) + ": has neither MOTION DRIVE nor MOTION FLY");
+    }
+    root_.ownEntity = driven_ == nullptr ? nullptr : driven_->entity;
+}
+
+void World::drive(const pfuMouse &mouse)
+{
+    if (driven_ != nullptr)
+    {
+        driven_->entity->xform.es.velocity[2] = 0.0F; // the ground tells the height, not dead reckoning
+        pfuSetMouse(&mouse);
+        doXForm(&root_, driven_->entity, channel_);
+    }
+}
+
+void World::settle()
+{
+    for (OwnEntity &own : entities_)
+    {
+        place(own);
+        own.entity->groundDistance = -1.0F; // no distance; what has none afterwards has found no ground
+    }
+    checkCollisions(&root_);
+    for (OwnEntity &own : entities_)
+    {
+        vuEntity &entity = *own.entity;
+        if (follows(entity) && canBeDriven(*own.description))
+        {
+            settleOnGround(own);
+        }
+        // Asked for by itself, so that it tells how well the entity keeps to it.
+        const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1]);
+        own.ground = ground.has_value() ? std::optional(ground->height) : std::nullopt;
+        placeModel(own);
+    }
+}
+
+void World::settleOnGround(OwnEntity &own)
+{
+    vuEntity &entity = *own.entity;
+    double &height = entity.xform.es.location[2];
+    const std::uint64_t lost = own.lost;
+    if (findGround(own))
+    {
+        height = entity.groundHeight;
+    }
+    // For others, who do not know the ground. What was put on it again has not climbed there.
+    const double climbed = height - std::exchange(own.height, height);
+    entity.xform.es.velocity[2] =
+        own.lost == lost && root_.frameDelta > 0.0 ? static_cast<float>(climbed / root_.frameDelta) : 0.0F;
+    // What flies along the ground has its report on it, and its place above it.
+    entity.position[2] = height + (own.description->motion == VU_MOTION_FLY ? own.description->height : 0.0);
+}
+
+// The node that segments to the ground start from.
+void World::place(OwnEntity &own)
+{
+    vuEntity &entity = *own.entity;
+    const double moved = std::hypot(entity.position[0] - own.tested[0], entity.position[1] - own.tested[1]);
+    own.tested = {entity.position[0], entity.position[1]};
+    own.lift = std::max(own.description->lift, kSlopeReach * moved);
+    const auto lift = static_cast<float>(own.lift);
+    for (std::size_t i = 0; i < own.description->probes.size(); ++i)
+    {
+        entity.probes[i].length = 2.0F * lift; // as far down as up
+    }
+    pfDCS *const node = transformationNode(entity);
+    pfDCSRot(node, degrees(entity.orientation[0]), 0.0F, 0.0F);
+    pfDCSTrans(node, static_cast<float>(entity.position[0]), static_cast<float>(entity.position[1]),
+               static_cast<float>(entity.position[2] + own.lift));
+}
+
+// The node with pitch and roll, and the model below it, from where segments start down to where the entity is.
+void World::placeModel(OwnEntity &own)
+{
+    const vuEntity &entity = *own.entity;
+    pfDCS *const origin = transformationNode(entity);
+    pfDCSTrans(origin, static_cast<float>(entity.position[0]), static_cast<float>(entity.position[1]),
+               static_cast<float>(entity.position[2] + own.lift));
+    auto *const attitude = reinterpret_cast<pfDCS *>(entity.nodes[2]);
+    pfDCSRot(attitude, 0.0F, degrees(entity.orientation[1]), degrees(entity.orientation[2]));
+    pfDCSTrans(attitude, 0.0F, 0.0F, static_cast<float>(-own.lift));
+}
+
+// Whether there is ground below an entity that follows it. Where the kernel has found none it may be above.
+bool World::findGround(OwnEntity &own)
+{
+    vuEntity &entity = *own.entity;
+    if (entity.groundDistance >= 0.0F)
+    {
+        return true;
+    }
+    const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1]);
+    if (!ground.has_value())
+    {
+        if (own.withoutGround++ == 0)
+        {
+            notice_(own.description->name + " is where there is no ground");
+        }
+        return false;
+    }
+    ++own.lost;
+    entity.groundHeight = static_cast<float>(ground->height);
+    entity.groundDistance = static_cast<float>(own.lift);
+    const pfVec3 below = {static_cast<float>(entity.position[0]), static_cast<float>(entity.position[1]),
+                          entity.groundHeight};
+    for (auto &point : entity.groundPoints) // level, until the next frame finds them
+    {
+        std::ranges::copy(below, point);
+    }
+    return true;
+}
+
+void World::release()
+{
+    root_.ownEntity = nullptr;
+    for (OwnEntity &own : entities_)
+    {
+        entityReleaseSharedMem(own.entity);
+        vunodeDelete(&scene_->entities, &own.entity->node); // unlinks it and releases its name
+        pfFree(own.entity->smooth);
+        pfFree(own.entity);
+    }
+    entities_.clear();
+    if (scene_ != nullptr)
+    {
+        vunodeDelete(&root_.scenes, &scene_->node);
+        pfFree(scene_);
+    }
+    pfFree(channel_);
+    view_.reset();
+    top_.reset(); // before what is in it
+    models_.clear();
+    terrain_.reset();
+}
+
+} // namespace tolvin
