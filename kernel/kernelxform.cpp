@@ -390,7 +390,10 @@ void fetchBehind(const vunode *entity)
 {
     if (const vunode *next = entity->next; next != nullptr)
     {
-        fetchNode(reinterpret_cast<const vuEntity *>(next)->nodes[1]);
+        if (const pfNode *node = reinterpret_cast<const vuEntity *>(next)->nodes[1]; node != nullptr)
+        {
+            fetchNode(node);
+        }
         if (next->next != nullptr)
         {
             fetchEntity(reinterpret_cast<const vuEntity *>(next->next));

@@ -2,13 +2,21 @@
  * Motion models: entities that are driven here, with the mouse, and the ground under them.
  *
  * A motion model writes a report of its own, xform.es, as if it had come from the network; dead reckoning moves the entity
- * along from it. Heading psi 0 points along +y and grows counter-clockwise about +z. Each frame, in this order:
+ * along from it. Heading psi 0 points along +y and grows counter-clockwise about +z.
  *
- *   the application   writes simSeconds and frameDelta of the root node, and the clock that they belong to
+ * To begin with, the application sets motionKind, entityFlags, position, orientation and the probes of an entity, and calls
+ * resetXForm and then stopXForm, which puts place and attitude into the report; and checkCollisions, or sets groundHeight and
+ * groundPoints itself, before doXForm reads them. Each frame, in this order:
+ *
+ *   the application   writes simSeconds and frameDelta (finite, not negative) of the root node, and time.sim, which is simSeconds
  *   doXForm           steers the driven entity (or doXFormI_COLLIDE, when its movement is restricted)
  *   updateEntityPositions
  *   the application   places the transformation nodes
  *   checkCollisions   finds the ground, for the next frame's doXForm
+ *
+ * Of the three probes that count, 0 and 1 are a pair across the vehicle and 2 is on its long axis, where the application places
+ * them. With 0 at the right front, 1 at the left front and 2 at the rear, theta grows as the nose goes up and phi as the right side
+ * goes down, as in DIS.
  */
 #ifndef TOLVIN_KERNEL_KERNELXFORM_H
 #define TOLVIN_KERNEL_KERNELXFORM_H
@@ -38,9 +46,9 @@ typedef struct xform
     float speed;         /* along the heading, world units per second; negative is reverse */
     float accel;         /* speed change per second while a button is held, default 20000 / 3 */
     float topSpeed;      /* limit of the speed in both directions, default 100 / 3.6 */
-    int32_t word10;      /* 0; not read by the library */
+    int32_t word10;      /* 0; the application's */
     vuEntityState es;    /* the motion model's own state */
-    uint32_t blockA4[9]; /* 0; not read by the library */
+    uint32_t blockA4[9]; /* 0; the application's */
 } xform;
 
 VU_LAYOUT(xform, kind, 0x00, 4);
@@ -129,7 +137,8 @@ TOLVIN_API void stopXForm(struct vuEntity *entity);
  *   several  stop the entity (stopXForm)
  *
  * moveLock forbids changes of speed, and turning with the middle button. The report is then stamped as received at simSeconds,
- * and, unless stopped, given its new velocity, and its place after frameDelta seconds.
+ * and, unless stopped, given its new velocity, and its place after frameDelta seconds; z of both stays. The heading is kept
+ * within -pi to pi.
  *
  * No entity, no channel, and an entity of another kind are reported ("Warning") and change nothing. root must not be null. An
  * entity without a driver keeps its velocity.
@@ -139,8 +148,8 @@ TOLVIN_API void doXForm(struct vuRootNode *root, struct vuEntity *entity, vuChan
 /*
  * As doXForm, for an entity whose movement the application restricts: moveBlock (VU_BLOCK_*) forbids one way of changing
  * the speed, turnDirection (VU_TURN_*, only read) one way of turning, moveLock nothing. Only the middle button turns. With the
- * pointer in the very middle, the direction refused or not is that of the call before, of whatever entity. Not for several
- * threads at once.
+ * pointer in the very middle, the direction refused or not is that of the call before, of whatever entity. An entity of
+ * another kind is reported as "Info". Not for several threads at once.
  */
 TOLVIN_API void doXFormI_COLLIDE(struct vuRootNode *root, struct vuEntity *entity, vuChannel *channel);
 
@@ -155,7 +164,8 @@ TOLVIN_API void doXFormI_COLLIDE(struct vuRootNode *root, struct vuEntity *entit
  * groundDistance. An entity does not meet itself: its node is hidden (its PFTRAV_ISECT mask 0) meanwhile, and has the mask
  * word18 afterwards.
  *
- * Four intersections for each DRIVE entity, one for others. root must not be null.
+ * Four intersections for each DRIVE entity, one for others. A scene without sceneNode has no ground, which pfNodeIsectSegs reports
+ * for each of them, and a node that is no pfDCS counts as one at the origin. root must not be null.
  */
 TOLVIN_API void checkCollisions(struct vuRootNode *root);
 

@@ -83,6 +83,7 @@ struct Work
     pfHit *none;                   // an empty array
 };
 
+constexpr pfMatrix kIdentity = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
 constexpr Place kWorld = {{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {0, 0, 0}}, {}, {}};
 
 bool isFinite(std::span<const double, 3> vector)
@@ -212,15 +213,20 @@ std::span<pfNode *const> countingChildren(const pfGroup &group)
     return value >= 0 && value < group.count ? children.subspan(static_cast<size_t>(value), 1) : children.first(0);
 }
 
-void setHit(pfHit &hit, const Work &work, pfGeode &geode, pfGeoSet &gset, const pfTriangleHit &where)
+// All but where it is.
+void setHit(pfHit &hit, const Work &work, pfGeode &geode, pfGeoSet &gset)
 {
-    hit.where = where;
     hit.segment = work.set->segs[work.number];
     hit.number = work.number;
     hit.wantsNormal = (work.set->mode & PFTRAV_IS_NORM) != 0;
     hit.gset = &gset;
     hit.geode = &geode;
     hit.userData = work.set->userData;
+    if (work.places.size() == 1)
+    {
+        std::memcpy(hit.toWorld, kIdentity, sizeof kIdentity);
+        return;
+    }
     const auto &matrix = work.places.back().toWorld;
     for (int row = 0; row < 4; ++row)
     {
@@ -288,7 +294,8 @@ void keepHit(Work &work, pfGeode &geode, pfGeoSet &gset, const pfTriangleHit &wh
     pfHit *hit = isNearest ? newNearest(work, where.t) : newHit(work, where.t);
     if (hit != nullptr)
     {
-        setHit(*hit, work, geode, gset, where);
+        hit->where = where;
+        setHit(*hit, work, geode, gset);
     }
 }
 
@@ -301,7 +308,8 @@ bool takeHit(Work &work, pfGeode &geode, pfGeoSet &gset, const pfTriangleHit &wh
         return true;
     }
     pfHit hit;
-    setHit(hit, work, geode, gset, where);
+    hit.where = where;
+    setHit(hit, work, geode, gset);
     const int verdict = work.set->discFunc(&hit);
     if ((verdict & PFTRAV_IS_IGNORE) == 0)
     {
@@ -385,9 +393,24 @@ bool isLeft(const Work &work, const pfTriangleHit &hit)
     return hit.t >= work.least && hit.t <= work.most;
 }
 
+// The nearest hit of the segment, sought where it is to stay: a hit that is copied as soon as it was written has to wait for
+// its own bytes.
+void findFirst(Work &work, pfGeode &geode, pfGeoSet &gset, const pfHierarchy *hierarchy, const pfLocalSegment &segment)
+{
+    pfHit &hit = work.hits.emplace_back();
+    if (!findNearest(gset, hierarchy, segment, hit.where))
+    {
+        work.hits.pop_back();
+        return;
+    }
+    work.most = hit.where.t;
+    setHit(hit, work, geode, gset);
+}
+
 void intersectGSet(Work &work, pfGeode &geode, pfGeoSet &gset)
 {
-    const pfHierarchy *hierarchy = pfHierarchyOf(gset);
+    const pfHierarchy *hierarchy = gset.hierarchy.load(std::memory_order_acquire);
+    hierarchy = hierarchy != nullptr ? hierarchy : pfHierarchyOf(gset);
     if (hierarchy == nullptr && gset.triangles.load(std::memory_order_acquire) != kSomeTriangles)
     {
         return;
@@ -398,6 +421,11 @@ void intersectGSet(Work &work, pfGeode &geode, pfGeoSet &gset)
     pfTriangleHit hit;
     if (work.set->discFunc == nullptr && (work.set->mode & PFTRAV_IS_NEAREST) != 0)
     {
+        if (work.hits.size() == work.firstHit && makeRoom(work))
+        {
+            findFirst(work, geode, gset, hierarchy, segment);
+            return;
+        }
         const bool any = findNearest(gset, hierarchy, segment, hit);
         if (any && (work.hits.size() == work.firstHit || hit.t < work.hits.back().where.t))
         {
@@ -472,19 +500,23 @@ void enter(Work &work, const pfGroup &group)
     }
 }
 
-// The next node that the segment may hit something below; null when there is none left.
+// Whether the segment may hit something below a node.
+bool mayHit(const Work &work, pfNode &node)
+{
+    pfBox box;
+    return (node.masks[PFTRAV_ISECT] & work.set->isectMask) != 0 && pfBoxOf(node, box) &&
+           meets(box, work.places.back(), work.least, work.most);
+}
+
+// The next node of which that is so; null when there is none left.
 pfNode *nextNode(const Work &work, Step &step)
 {
-    const Place &place = work.places.back();
-    const unsigned int mask = work.set->isectMask;
     for (pfNode *const *next = step.next; next != step.end; ++next)
     {
-        pfNode &node = **next;
-        pfBox box;
-        if ((node.masks[PFTRAV_ISECT] & mask) != 0 && pfBoxOf(node, box) && meets(box, place, work.least, work.most))
+        if (mayHit(work, **next))
         {
             step.next = next + 1;
-            return &node;
+            return *next;
         }
     }
     return nullptr;
@@ -502,21 +534,30 @@ pfNode *skipOnlyChildren(pfNode *node, unsigned int mask)
 }
 
 // Visit what the segment comes to.
-void visit(Work &work, pfNode &node)
+void visit(Work &work, pfNode &met)
 {
-    if (node.kind == NodeKind::Geode)
+    pfNode *const node = skipOnlyChildren(&met, work.set->isectMask);
+    if (node == nullptr)
     {
-        intersectGeode(work, static_cast<pfGeode &>(node));
+        return;
+    }
+    if (node->kind == NodeKind::Geode)
+    {
+        intersectGeode(work, static_cast<pfGeode &>(*node));
     }
     else
     {
-        enter(work, static_cast<const pfGroup &>(node));
+        enter(work, static_cast<const pfGroup &>(*node));
     }
 }
 
 // Not recursive: graphs may be deeper than the stack.
-void traverse(Work &work)
+void traverse(Work &work, pfNode &top)
 {
+    if (mayHit(work, top))
+    {
+        visit(work, top);
+    }
     while (!work.steps.empty() && !work.isOver)
     {
         pfNode *next = nextNode(work, work.steps.back());
@@ -528,15 +569,15 @@ void traverse(Work &work)
             }
             work.steps.pop_back();
         }
-        else if (pfNode *node = skipOnlyChildren(next, work.set->isectMask))
+        else
         {
-            visit(work, *node);
+            visit(work, *next);
         }
     }
 }
 
-// Begin at the top node, in the world; false when there is nothing to intersect, or no room for it.
-bool start(Work &work, int number, pfNode *const &top)
+// Begin in the world; false when there is nothing to intersect, or no room for it.
+bool start(Work &work, int number)
 {
     const pfSeg &segment = work.set->segs[number];
     work.number = number;
@@ -544,17 +585,7 @@ bool start(Work &work, int number, pfNode *const &top)
     work.most = segment.length;
     work.firstHit = work.hits.size();
     work.steps.clear();
-    work.places.clear();
-    try
-    {
-        work.steps.emplace_back(std::span(&top, 1), false);
-        work.places.push_back(kWorld);
-    }
-    catch (const std::exception &)
-    {
-        work.isShortOfMemory = true;
-        return false;
-    }
+    work.places.erase(work.places.begin() + 1, work.places.end());
     Place &world = work.places.back();
     std::copy_n(segment.pos, 3, world.segment.origin);
     std::copy_n(segment.dir, 3, world.segment.direction);
@@ -577,7 +608,10 @@ pfHit **arrayOf(Work &work, size_t first, size_t last)
     }
     const auto comesFirst = [](const pfHit *a, const pfHit *b)
     { return a->where.t < b->where.t || (a->where.t == b->where.t && a < b); };
-    std::sort(work.pointers.begin() + static_cast<ptrdiff_t>(start), work.pointers.end(), comesFirst);
+    if (last - first > 1)
+    {
+        std::sort(work.pointers.begin() + static_cast<ptrdiff_t>(start), work.pointers.end(), comesFirst);
+    }
     work.pointers.push_back(nullptr);
     return &work.pointers[start];
 }
@@ -597,9 +631,9 @@ int intersect(Work &work, pfNode *top, pfHit **hits[])
     size_t ends[PFIS_MAX_SEGS];
     const auto find = [&](int i)
     {
-        if (!work.isOver && start(work, i, top))
+        if (!work.isOver && start(work, i))
         {
-            traverse(work);
+            traverse(work, *top);
         }
         ends[i] = work.hits.size();
     };
@@ -616,7 +650,17 @@ int intersect(Work &work, pfNode *top, pfHit **hits[])
     return count;
 }
 
-thread_local Work workOfThread;
+// Through a pointer in the thread's own block: anything else that a library has of a thread takes a call.
+Work &workOfThread()
+{
+    [[gnu::tls_model("initial-exec")]] static thread_local Work *known;
+    if (known == nullptr)
+    {
+        static thread_local Work work;
+        known = &work;
+    }
+    return *known;
+}
 
 // Give back what the last intersection found, and begin another.
 void reset(Work &work, const pfSegSet &set)
@@ -627,6 +671,18 @@ void reset(Work &work, const pfSegSet &set)
     work.hits.clear();
     work.pointers.clear();
     work.none = nullptr;
+    try
+    {
+        if (work.places.empty())
+        {
+            work.places.push_back(kWorld);
+        }
+    }
+    catch (const std::exception &)
+    {
+        work.isShortOfMemory = true;
+        work.isOver = true;
+    }
 }
 
 // A callback may throw through here.
@@ -691,7 +747,7 @@ int pfNodeIsectSegs(pfNode *node, pfSegSet *segSet, pfHit **hits[])
         fprintf(stderr, "%s: no %s\n", __func__, segSet == nullptr ? "pfSegSet" : "place for hits");
         return 0;
     }
-    Work &work = workOfThread;
+    Work &work = workOfThread();
     if (work.isBusy)
     {
         static thread_local pfHit *none;
