@@ -409,12 +409,11 @@ Vector3 transformed(const pfVec3 point, const pfMatrix matrix)
     return to;
 }
 
-GroundPoint groundOf(const pfHit *hit)
+// The plane of the triangle that was hit, at the very place: segments begin at the next one that single precision knows.
+GroundPoint groundOf(const pfHit *hit, double east, double north)
 {
-    pfVec3 point;
     pfVec3 triangle[3];
     pfMatrix matrix;
-    pfQueryHit(hit, PFQHIT_POINT, point);
     pfQueryHit(hit, PFQHIT_TRI, triangle);
     pfQueryHit(hit, PFQHIT_XFORM, matrix);
     const Vector3 a = transformed(triangle[0], matrix);
@@ -425,7 +424,10 @@ GroundPoint groundOf(const pfHit *hit)
     const Vector3 across = {ab[1] * ac[2] - ab[2] * ac[1], ab[2] * ac[0] - ab[0] * ac[2],
                             ab[0] * ac[1] - ab[1] * ac[0]};
     const double size = std::copysign(length(across), across[2]); // upwards, whichever side was meant to be up
-    return {transformed(point, matrix)[2], {across[0] / size, across[1] / size, across[2] / size}};
+    const Vector3 normal = {across[0] / size, across[1] / size, across[2] / size};
+    const double height = a[2] - (normal[0] * (east - a[0]) + normal[1] * (north - a[1])) / normal[2];
+    const auto [lowest, highest] = std::minmax({a[2], b[2], c[2]}); // on walls, the place is beside the triangle
+    return {std::clamp(height, lowest, highest), normal};
 }
 
 } // namespace
@@ -451,7 +453,7 @@ std::optional<GroundPoint> Terrain::groundAt(double east, double north) const
     {
         return std::nullopt;
     }
-    return groundOf(hits[0][0]);
+    return groundOf(hits[0][0], east, north);
 }
 
 double slopeOf(const GroundPoint &point)
