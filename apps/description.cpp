@@ -7,6 +7,8 @@
 #include "surfacereader.h"
 
 #include <algorithm>
+#include <cctype>
+#include <filesystem>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
@@ -31,9 +33,24 @@ void append(Surfaces &surfaces, Description &&from, vuRootNode &root, Descriptio
     surfaces.moveTo(root);
 }
 
-} // namespace
+//   prefix  of places
+void setPlaces(Description &description, const std::string &prefix)
+{
+    if (description.scene)
+    {
+        for (TerrainDescription &terrain : description.scene->terrains)
+        {
+            terrain.where.insert(0, prefix);
+        }
+    }
+    for (EntityDescription &entity : description.entities)
+    {
+        entity.where.insert(0, prefix);
+    }
+}
 
-std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root, Description &description)
+std::vector<DescriptionError> readText(std::string_view text, const std::string &prefix, vuRootNode &root,
+                                       Description &description)
 {
     Surfaces surfaces;
     Description read;
@@ -52,9 +69,24 @@ std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode 
     std::vector<DescriptionError> errors = in.takeErrors();
     if (errors.empty())
     {
+        setPlaces(read, prefix);
         append(surfaces, std::move(read), root, description);
     }
     return errors;
+}
+
+} // namespace
+
+TerrainKind terrainKindOf(const std::string &file)
+{
+    std::string end = std::filesystem::path(file).extension();
+    std::ranges::transform(end, end.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return end == ".hgt" ? TerrainKind::Cell : end == ".png" ? TerrainKind::Picture : TerrainKind::Model;
+}
+
+std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root, Description &description)
+{
+    return readText(text, "", root, description);
 }
 
 void readDescriptionFile(const std::string &file, vuRootNode &root, Description &description)
@@ -69,7 +101,7 @@ void readDescriptionFile(const std::string &file, vuRootNode &root, Description 
                                            return true;
                                        });
     const QuietStandardError quiet; // the kernel tells what it releases after an error
-    const std::vector<DescriptionError> errors = readDescription(text, root, description);
+    const std::vector<DescriptionError> errors = readText(text, file + ':', root, description);
     std::string message;
     for (const auto &[line, column, what] : errors)
     {

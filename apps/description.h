@@ -9,7 +9,8 @@
 //   }
 //   SCENE "name" {
 //     ORIGIN 47.5 11.25 650                        # latitude, longitude, metres above the ellipsoid: of the local frame
-//     COLLIDE 0xffffffff                           # which entities and other nodes count as ground
+//     COLLIDE 1                                    # bits of what counts as ground, this one unless given; terrain
+//                                                  # has all bits, an entity those of its MASK
 //     TERRAIN "N47E011.hgt" { STEP 1  RADIUS 20000  UNDULATION 46.5 }
 //     TERRAIN "valley.png" { SPACING 16  HEIGHT 600 1100  CENTER 0 0 }
 //     TERRAIN "town.obj" { UP Z  SCALE 1  CENTER 0 0 }
@@ -24,7 +25,8 @@
 //     PROBE 0.9 1.4 0  PROBE -0.9 1.4 0  PROBE 0 -1.4 0   # right front, left front, rear
 //     LIFT 25                                      # metres from the ground up to where segments to the ground begin
 //     START -500 1200  HEADING 90  HEIGHT 100      # metres east, north; degrees clockwise; metres above the ground
-//     MASK 0xffffffff  SHM 2001 64                 # shared-memory key, bytes of variables
+//     MASK 0xfffffffe                              # these unless given: no ground for others but with a COLLIDE for it
+//     SHM 2001 64                                  # shared-memory key, bytes of variables
 //   }
 //
 // White space separates, # begins a comment that ends with the line. Attributes may be left out and stand in any order; the
@@ -70,7 +72,17 @@ struct ModelDescription
     double scale = 1.0;
 };
 
-// What of it counts depends on the kind of file: cells of heights (.hgt), pictures of heights (.png), others are models.
+// What a file's name tells by its end, in capitals or not: cells of heights (.hgt), pictures of heights (.png), others are models.
+enum class TerrainKind
+{
+    Cell,
+    Picture,
+    Model
+};
+
+TerrainKind terrainKindOf(const std::string &file);
+
+// What of it counts depends on the kind of file; descriptions that give other attributes are refused.
 struct TerrainDescription
 {
     ModelDescription model;                    // the file, whatever it is
@@ -81,14 +93,14 @@ struct TerrainDescription
     int step = 1;                              // of a cell: every so manieth sample is used
     double radius = 20000.0;                   // of a cell: metres around the origin; what is beyond is left out
     double undulation = 0.0;                   // of a cell: metres of the geoid above the ellipsoid
-    int line = 0;                              // where it stands in the file
+    std::string where;                         // its keyword: FILE:LINE:COLUMN, LINE:COLUMN of a text; else empty
 };
 
 struct SceneDescription
 {
     std::string name;
     Geodetic origin;
-    std::uint32_t collide = UINT32_MAX;
+    std::uint32_t collide = 1; // not 0
     std::vector<TerrainDescription> terrains;
 };
 
@@ -105,12 +117,13 @@ struct EntityDescription
     std::vector<std::array<float, 3>> probes; // none or three
     double lift = 25.0;
     std::array<double, 2> start = {0.0, 0.0};
-    double heading = 0.0; // degrees clockwise from north
-    double height = 0.0;  // metres above the ground
-    std::uint32_t mask = UINT32_MAX;
+    double heading = 0.0;            // degrees clockwise from north
+    double height = 0.0;             // metres above the ground
+    std::uint32_t mask = 0xfffffffe; // no ground for others, with a scene's default
     std::int32_t shmKey = 0;
     std::uint32_t shmSize = 0; // bytes
     int line = 0;              // where it stands in the file
+    std::string where;         // FILE:LINE:COLUMN, as of a terrain
 };
 
 // What does not go into the root node.

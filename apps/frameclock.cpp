@@ -35,7 +35,7 @@ double FrameClock::advance()
         pace_ == Pace::Measured ? measured() : std::llround(static_cast<double>(frames_) / rate_ * 1e6);
     show(sinceStart);
     root_.frameDelta = pace_ == Pace::Measured ? root_.simSeconds - before : 1.0 / rate_;
-    return static_cast<double>(sinceStart) * 1e-6;
+    return static_cast<double>(sinceStart) / 1e6; // the number that is nearest to the decimal one
 }
 
 std::int64_t FrameClock::measured() const
@@ -49,7 +49,7 @@ void FrameClock::show(std::int64_t sinceStart)
     const std::int64_t now = start_ + sinceStart;
     root_.time.sim.sec = static_cast<std::int32_t>(now / 1000000);
     root_.time.sim.usec = static_cast<std::int32_t>(now % 1000000);
-    root_.simSeconds = static_cast<double>(now) * 1e-6;
+    root_.simSeconds = static_cast<double>(now) / 1e6;
     wallAhead_ = wallNanoseconds() - now * 1000;
 }
 

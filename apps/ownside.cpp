@@ -1,6 +1,7 @@
 #include "ownside.h"
 
 #include "counted.h"
+#include "plaintext.h"
 
 #include <cmath>
 #include <numbers>
@@ -41,11 +42,15 @@ OwnSide::OwnSide(vuRootNode &root, const Description &description, const std::st
     }
     if (!options.publish.empty())
     {
-        sender_.emplace(parseEndpoint(options.publish), parseInterface(options.interface));
+        sender_.emplace(parseEndpoint(options.publish), parseInterface(options.interface), options.timeToLive);
         PublisherOptions published;
         published.exercise = options.world.exercise;
         publisher_.emplace(world_.terrain().frame(), published,
                            [this](std::span<const std::uint8_t> pdu) { send(pdu); });
+    }
+    if (!options.log.empty() && driven == nullptr)
+    {
+        throw std::runtime_error("--log: the description has no ENTITY that could be driven");
     }
     if (!options.log.empty())
     {
@@ -58,9 +63,9 @@ OwnSide::OwnSide(vuRootNode &root, const Description &description, const std::st
     }
 }
 
-double OwnSide::duration() const
+std::optional<double> OwnSide::duration() const
 {
-    return script_.has_value() ? script_->samples.back().time : 0.0;
+    return script_.has_value() ? std::optional(script_->samples.back().time) : std::nullopt;
 }
 
 void OwnSide::send(std::span<const std::uint8_t> pdu)
@@ -83,7 +88,7 @@ void OwnSide::settle(double time)
     if (const OwnEntity *const driven = world_.driven(); driven != nullptr)
     {
         const double *const p = driven->entity->position;
-        paths_.front().add({p[0], p[1], p[2]}, driven->ground.value_or(p[2]));
+        paths_.front().add({p[0], p[1], p[2]}, driven->ground.value_or(NAN));
         logDriven(time);
     }
     if (publisher_.has_value())
@@ -101,7 +106,7 @@ void OwnSide::logDriven(double time)
     {
         const OwnEntity &own = *world_.driven();
         const vuEntity &entity = *own.entity;
-        std::fprintf(log_->stream(), "%.3f,%.4f,%.4f,%.4f,%.4f,%.3f,%.3f,%.3f,%.3f\n", time, entity.position[0],
+        std::fprintf(log_->stream(), "%.6f,%.4f,%.4f,%.4f,%.4f,%.3f,%.3f,%.3f,%.3f\n", time, entity.position[0],
                      entity.position[1], entity.position[2], own.ground.value_or(NAN), headingOf(entity.orientation[0]),
                      entity.orientation[1] / kRadian, entity.orientation[2] / kRadian,
                      static_cast<double>(entity.xform.speed));
@@ -132,10 +137,13 @@ void OwnSide::printSummary(std::FILE *out) const
     for (const DrivenPath &path : paths_)
     {
         const OwnEntity &own = *world_.driven();
-        std::fprintf(out, "  %s went %.2f km, %.2g m from the ground at most", path.name().c_str(),
-                     path.length() / 1000.0, path.farthest());
-        std::fprintf(out, "; ground lost and found again: %s, frames without ground: %llu\n",
-                     counted(own.lost, "time").c_str(), static_cast<unsigned long long>(own.withoutGround));
+        std::fprintf(out, "  %s went %.2f km", plainText(path.name()).c_str(), path.length() / 1000.0);
+        if (own.description->followTerrain)
+        {
+            std::fprintf(out, ", never more than %.4f m from the ground; ground lost and found again: %s",
+                         path.farthest(), counted(own.lost, "time").c_str());
+        }
+        std::fprintf(out, "; frames without ground: %llu\n", static_cast<unsigned long long>(own.withoutGround));
     }
     if (publisher_.has_value())
     {

@@ -24,7 +24,8 @@ struct OwnSideOptions
     std::string drive;     // script, or empty
     std::string publish;   // address and port, or empty
     std::string interface; // for multicasts
-    std::string log;       // file, or empty
+    int timeToLive = 1;
+    std::string log; // file, or empty
 };
 
 class OwnSide
@@ -65,8 +66,8 @@ public:
         return world_;
     }
 
-    // Seconds that the script lasts; 0 without one.
-    double duration() const;
+    // Seconds that the script lasts; none without one.
+    std::optional<double> duration() const;
 
 private:
     void logDriven(double time);

@@ -19,7 +19,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -234,7 +236,14 @@ public:
           take_([this](std::span<const std::uint8_t> datagram, std::int64_t arrival) { take(datagram, arrival); })
     {
         const bool endless = options.duration <= 0.0 && options.frames == 0;
-        duration_ = endless && p_.own != nullptr ? p_.own->duration() : options.duration;
+        if (options.duration > 0.0)
+        {
+            duration_ = options.duration;
+        }
+        else if (endless && p_.own != nullptr)
+        {
+            duration_ = p_.own->duration();
+        }
     }
 
     // Frames until the duration, the frame count or a signal ends them.
@@ -264,7 +273,7 @@ public:
 private:
     bool isOver(std::uint64_t frames) const
     {
-        return (options_.frames != 0 && frames >= options_.frames) || (duration_ > 0.0 && time_ >= duration_);
+        return (options_.frames != 0 && frames >= options_.frames) || (duration_.has_value() && time_ >= *duration_);
     }
 
     void take(std::span<const std::uint8_t> datagram, std::int64_t arrival)
@@ -309,16 +318,38 @@ private:
         if (!options_.quiet)
         {
             statistics_->printLine(stdout, time_, time_ - lineTime_, p_.input->counts(), p_.input->entities().size());
+            const std::string driven = p_.own == nullptr ? "" : p_.own->world().drivenText();
+            std::printf("%s%s%s", driven.empty() ? "" : "          ", driven.c_str(), driven.empty() ? "" : "\n");
         }
         lineTime_ = time_ - std::fmod(time_, 1.0);
     }
 
+    // Whatever of it fails, the rest is done; the first failure is the caller's.
     void finish()
     {
-        if (p_.own != nullptr)
+        std::exception_ptr failure;
+        const auto attempt = [&failure](const std::function<void()> &part)
         {
-            p_.own->finish();
+            try
+            {
+                part();
+            }
+            catch (...)
+            {
+                failure = failure == nullptr ? std::current_exception() : failure;
+            }
+        };
+        attempt([this] { p_.own != nullptr ? p_.own->finish() : void(); });
+        attempt([this] { printTables(); });
+        attempt([this] { options_.map.empty() ? void() : writeMap(); });
+        if (failure != nullptr)
+        {
+            std::rethrow_exception(failure);
         }
+    }
+
+    void printTables() const
+    {
         if (p_.receiver != nullptr)
         {
             statistics_->printTables(stdout, p_.input->counts(), p_.input->entities(), p_.receiver->dropped());
@@ -328,10 +359,6 @@ private:
             p_.own->printSummary(stdout);
         }
         flushOutput();
-        if (!options_.map.empty())
-        {
-            writeMap();
-        }
     }
 
     void writeMap() const
@@ -353,7 +380,7 @@ private:
     Participants &p_;
     SteadyClock::duration period_;
     UdpReceiver::Handler take_;
-    double duration_; // seconds, 0 for no end
+    std::optional<double> duration_; // seconds, none for no end
     std::unique_ptr<RunStatistics> statistics_ = std::make_unique<RunStatistics>();
     Tracks tracks_;
     SteadyClock::duration taking_{}; // time that the datagrams of the frame took
@@ -367,6 +394,10 @@ void checkOptions(const RunOptions &options, const Description &description)
                              : !options.own.publish.empty() ? "--publish"
                              : !options.own.log.empty()     ? "--log"
                                                             : "";
+    if (!options.own.log.empty() && options.own.log == options.map)
+    {
+        throw std::runtime_error("--log and --map name the same file: " + options.map);
+    }
     if (description.scene.has_value())
     {
         return;
@@ -377,15 +408,16 @@ void checkOptions(const RunOptions &options, const Description &description)
     }
     if (!description.entities.empty())
     {
-        throw std::runtime_error(options.scene + ':' + std::to_string(description.entities.front().line) +
-                                 ": ENTITY in a description without a SCENE");
+        throw std::runtime_error(description.entities.front().where + ": ENTITY in a description without a SCENE");
     }
 }
 
 void takeSignals()
 {
-    std::signal(SIGINT, requestStop);
-    std::signal(SIGTERM, requestStop);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) // own entities leave properly, whoever is gone
+    {
+        std::signal(signal, requestStop);
+    }
 }
 
 void run(RunOptions options)
@@ -474,6 +506,9 @@ void addRunCommand(CLI::App &app, int &exitCode)
                         "which entity to drive (default: the first that can be)");
     command->add_option("--publish", options->own.publish,
                         "address and UDP port, or multicast group, to publish own entities to");
+    command->add_option("--ttl", options->own.timeToLive, "hops that published multicasts may take")
+        ->check(within(0, 255))
+        ->capture_default_str();
     command->add_option("--log", options->own.log, "write each frame of the driven entity to this CSV file");
     command->add_flag("--fast", options->fast,
                       "do not wait between frames, and hear nothing: the same run gives the same files");

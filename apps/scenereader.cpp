@@ -1,6 +1,7 @@
 #include "scenereader.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace tolvin
@@ -28,12 +29,32 @@ constexpr std::string_view kAroundModel[] = {"MATERIALLIST", "TEXTURELIST",    "
                                              "MOTION",       "FOLLOW_TERRAIN", "PROBE", "LIFT",   "START",    "HEADING",
                                              "HEIGHT",       "MASK",           "SHM"};
 
+// By kind of terrain.
+constexpr std::string_view kOfCell[] = {"STEP", "RADIUS", "UNDULATION"};
+constexpr std::string_view kOfPicture[] = {"SPACING", "HEIGHT", "CENTER"};
+constexpr std::string_view kOfModel[] = {"CENTER", "UP", "SCALE"};
+constexpr struct
+{
+    Keywords attributes;
+    const char *kind;
+} kTerrainAttributes[] = {{kOfCell, "a cell (.hgt)"}, {kOfPicture, "a picture (.png)"}, {kOfModel, "a model"}};
+
 constexpr NamedCode kUpAxes[] = {{"Y", static_cast<int>(UpAxis::Y)}, {"Z", static_cast<int>(UpAxis::Z)}};
 constexpr NamedCode kMotions[] = {{"DRIVE", VU_MOTION_DRIVE}, {"FLY", VU_MOTION_FLY}, {"NONE", VU_MOTION_NONE}};
 
 std::string atMost(std::size_t count)
 {
     return std::to_string(count) + " of them at most";
+}
+
+bool isControl(char c)
+{
+    return (c >= '\0' && c < ' ') || c == '\x7F';
+}
+
+std::string placeOf(const Token &token)
+{
+    return std::to_string(token.line) + ':' + std::to_string(token.column);
 }
 
 // A name as marking: reports have room for few characters, of ASCII.
@@ -78,6 +99,10 @@ bool SceneReader::attributes(Record &record, const Attribute<Record> (&table)[kC
                              }
                              if (isHere ? in_.takeKeyword(keyword) : isBlock && in_.takeMisspelt(expected, true))
                              {
+                                 if constexpr (std::is_same_v<Record, TerrainDescription>)
+                                 {
+                                     requireKind(record);
+                                 }
                                  read(*this, record);
                                  return true;
                              }
@@ -159,7 +184,7 @@ SceneDescription SceneReader::scene()
 {
     static constexpr Attribute<SceneDescription> kAttributes[] = {
         {"ORIGIN", [](SceneReader &in, SceneDescription &scene) { in.origin(scene.origin); }},
-        {"COLLIDE", [](SceneReader &in, SceneDescription &scene) { in.in_.mask(scene.collide); }},
+        {"COLLIDE", [](SceneReader &in, SceneDescription &scene) { in.collide(scene.collide); }},
         {"TERRAIN",
          [](SceneReader &in, SceneDescription &scene)
          {
@@ -172,7 +197,7 @@ SceneDescription SceneReader::scene()
          kMostTerrains, true},
     };
     SceneDescription scene;
-    scene.name = in_.blockName();
+    scene.name = plainName();
     attributes(scene, kAttributes, kOuterKeywords);
     return scene;
 }
@@ -191,7 +216,7 @@ TerrainDescription SceneReader::terrain()
         {"SCALE", [](SceneReader &in, Terrain &terrain) { in.scale(terrain.model); }},
     };
     Terrain terrain;
-    terrain.line = in_.keyword().line;
+    terrain.where = placeOf(in_.keyword());
     terrain.model.file = fileName();
     if (hasBlock(kAttributes))
     {
@@ -245,6 +270,7 @@ EntityDescription SceneReader::entity()
     };
     Entity entity;
     entity.line = in_.keyword().line;
+    entity.where = placeOf(in_.keyword());
     entity.name = entityName();
     entity.marking = markingOf(entity.name);
     const bool isClosed = attributes(entity, kAttributes, kOuterKeywords);
@@ -261,6 +287,17 @@ std::string SceneReader::entityName()
     if (name.kind == TokenKind::Text && !names_.emplace(name.text).second)
     {
         in_.complain("a name that no other ENTITY has");
+    }
+    return plainName();
+}
+
+// One that maps and lists can show.
+std::string SceneReader::plainName()
+{
+    const Token &name = in_.token();
+    if (name.kind == TokenKind::Text && std::ranges::any_of(name.text, isControl))
+    {
+        in_.complain("a name without control characters");
     }
     return in_.blockName();
 }
@@ -280,6 +317,26 @@ void SceneReader::origin(Geodetic &origin)
     in_.number(origin.latitude, "a latitude", -90.0, 90.0);
     in_.number(origin.longitude, "a longitude", -180.0, 360.0);
     metres(origin.height);
+}
+
+void SceneReader::requireKind(const TerrainDescription &terrain)
+{
+    const auto &[attributes, kind] = kTerrainAttributes[static_cast<std::size_t>(terrainKindOf(terrain.model.file))];
+    if (!terrain.model.file.empty() && std::ranges::find(attributes, in_.keyword().text) == attributes.end())
+    {
+        in_.complainAt(in_.keyword(), in_.keyword().text, alternatives(attributes) + " for " + kind);
+    }
+}
+
+// Without a bit there would be no ground.
+void SceneReader::collide(std::uint32_t &mask)
+{
+    const Token place = in_.token();
+    in_.mask(mask);
+    if (mask == 0)
+    {
+        in_.complainAt(place, place.text, "a mask with a bit");
+    }
 }
 
 void SceneReader::upAxis(ModelDescription &model)

@@ -39,10 +39,13 @@ private:
     TerrainDescription terrain();
     ModelDescription model();
     EntityDescription entity();
+    std::string plainName();
     std::string entityName();
     std::string fileName();
 
+    void requireKind(const TerrainDescription &terrain);
     void origin(Geodetic &origin);
+    void collide(std::uint32_t &mask);
     void upAxis(ModelDescription &model);
     void scale(ModelDescription &model);
     void heights(TerrainDescription &terrain);

@@ -5,6 +5,17 @@
 namespace tolvin
 {
 
+namespace
+{
+
+// Control characters that XML 1.0 does not have, not even escaped.
+bool isUnknown(char c)
+{
+    return c >= '\0' && c < ' ' && c != '\t' && c != '\n' && c != '\r';
+}
+
+} // namespace
+
 std::string escaped(const std::string &text)
 {
     std::string result;
@@ -22,7 +33,7 @@ std::string escaped(const std::string &text)
             result += "&gt;";
             break;
         default:
-            result += c;
+            result += isUnknown(c) ? "\xEF\xBF\xBD" : std::string(1, c); // U+FFFD
         }
     }
     return result;

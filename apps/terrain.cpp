@@ -6,7 +6,6 @@
 #include "scenenodes.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <deque>
 #include <filesystem>
@@ -30,12 +29,6 @@ constexpr double kFarthest = 1e7; // metres from the origin
 // What a square takes in the arena: coordinates and normal of a corner, 72 bytes that intersections keep of each of its two
 // triangles, and some to spare for other things.
 constexpr std::size_t kBytesPerSquare = 24 + 2 * 72 + 8;
-
-std::string lowerCase(std::string text)
-{
-    std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 std::string bytesOf(const std::string &file)
 {
@@ -85,6 +78,12 @@ struct HeightRange
         highest = std::max(highest, height);
     }
 };
+
+// Of an error's text.
+std::string prefixOf(const TerrainDescription &description)
+{
+    return description.where.empty() ? "" : description.where + ": ";
+}
 
 double onMap(const Vector3 &place)
 {
@@ -322,31 +321,30 @@ Terrain::Terrain(const SceneDescription &scene, const std::string &folder)
     }
     if (!scene.terrains.empty() && parts_->triangles == 0)
     {
-        throw std::runtime_error(parts_->files.front().file +
+        const auto isCell = [](const TerrainPart &part) { return terrainKindOf(part.file) == TerrainKind::Cell; };
+        throw std::runtime_error(prefixOf(scene.terrains.front()) + parts_->files.front().file +
                                  ": no ground: expected four known heights beside one another" +
-                                 (parts_->grids.empty() ? "" : ", within RADIUS of the origin"));
+                                 (std::ranges::any_of(parts_->files, isCell) ? ", within RADIUS of the origin" : ""));
     }
 }
 
 Terrain::~Terrain() = default;
 
-// Errors get the file's name where they lack it, and the line.
+// Errors get the file's name where they lack it, and where the description has it.
 void Terrain::add(const TerrainDescription &description, const std::string &file)
 {
-    const std::string line = description.line == 0 ? "" : " (TERRAIN of line " + std::to_string(description.line) + ')';
+    const std::string where = prefixOf(description);
     try
     {
-        const std::string extension = lowerCase(std::filesystem::path(file).extension());
-        if (extension == ".hgt")
+        switch (terrainKindOf(file))
         {
+        case TerrainKind::Cell:
             parts_->addCell(description, file);
-        }
-        else if (extension == ".png")
-        {
+            break;
+        case TerrainKind::Picture:
             parts_->addPicture(description, file);
-        }
-        else
-        {
+            break;
+        case TerrainKind::Model:
             parts_->addModel(description, file);
         }
     }
@@ -357,11 +355,11 @@ void Terrain::add(const TerrainDescription &description, const std::string &file
     catch (const std::runtime_error &error)
     {
         const std::string text = error.what();
-        throw std::runtime_error((text.starts_with(file) ? text : file + ": " + text) + line);
+        throw std::runtime_error(where + (text.starts_with(file) ? text : file + ": " + text));
     }
     catch (const std::bad_alloc &)
     {
-        throw std::runtime_error(file + ": no room for it in the shared arena or in memory" + line);
+        throw std::runtime_error(where + file + ": no room for it in the shared arena or in memory");
     }
 }
 
@@ -432,16 +430,18 @@ GroundPoint groundOf(const pfHit *hit, double east, double north)
 
 } // namespace
 
-std::optional<GroundPoint> Terrain::groundAt(double east, double north) const
+std::optional<GroundPoint> Terrain::groundAt(double east, double north, double from) const
 {
     const std::optional<GroundExtent> all = extent();
     const bool isOver =
         all && east >= all->least[0] && east <= all->greatest[0] && north >= all->least[1] && north <= all->greatest[1];
-    if (!isOver)
+    if (!isOver || !(from >= all->least[2]))
     {
         return std::nullopt;
     }
-    const auto top = static_cast<float>(all->greatest[2] + 1.0 + std::abs(all->greatest[2]) * 1e-6);
+    const double above = all->greatest[2] + 1.0 + std::abs(all->greatest[2]) * 1e-6;
+    // One rounding higher, so that ground at that very height counts.
+    const float top = std::nextafter(static_cast<float>(std::min(from, above)), std::numeric_limits<float>::infinity());
     const auto span = static_cast<float>((top - all->least[2]) * 1.01 + 2.0);
     pfSegSet set = {};
     set.mode = PFTRAV_IS_PRIM | PFTRAV_IS_NEAREST;

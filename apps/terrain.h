@@ -5,6 +5,7 @@
 #include "geodesy.h"
 #include "heightgrid.h"
 
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,9 +40,9 @@ struct TerrainPart
 class Terrain
 {
 public:
-    // Reads the terrains of a scene; files beside `folder`, the description's, unless their paths are absolute. What a file is its
-    // name tells: cells end in .hgt, pictures in .png, all others are models. Throws std::runtime_error that names file (and the
-    // description's line): for what cannot be read, does not fit into the shared arena, or when there is not one triangle.
+    // Reads the terrains of a scene; files beside `folder`, the description's, unless their paths are absolute. Throws
+    // std::runtime_error that names the file (and before it where the description does): for what cannot be read, does not fit into
+    // the shared arena, or when there is not one triangle.
     Terrain(const SceneDescription &scene, const std::string &folder);
     ~Terrain();
 
@@ -60,8 +61,9 @@ public:
     // None without geometry.
     std::optional<GroundExtent> extent() const;
 
-    // The highest ground at a place, none where there is no ground. By a segment straight down.
-    std::optional<GroundPoint> groundAt(double east, double north) const;
+    // The highest ground at a place that is not above a height; none where there is no such ground. By a segment straight down.
+    std::optional<GroundPoint> groundAt(double east, double north,
+                                        double from = std::numeric_limits<double>::infinity()) const;
 
 private:
     void add(const TerrainDescription &description, const std::string &file);

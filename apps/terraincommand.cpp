@@ -94,12 +94,17 @@ Geodetic originOf(const TerrainOptions &options)
         return *geodeticIn(options.origin, 3);
     }
     const std::string &first = options.files.front();
-    const std::optional<CellCorner> corner = first.ends_with(".hgt") ? cellCornerOf(first) : std::nullopt;
+    const std::optional<CellCorner> corner =
+        terrainKindOf(first) == TerrainKind::Cell ? cellCornerOf(first) : std::nullopt;
     return corner ? Geodetic{corner->latitude + 0.5, corner->longitude + 0.5, 0.0} : Geodetic{};
 }
 
 SceneDescription sceneOfFiles(const TerrainOptions &options)
 {
+    if (options.height.second <= options.height.first)
+    {
+        throw std::runtime_error("--height: expected more metres for white than for black");
+    }
     SceneDescription scene;
     scene.origin = originOf(options);
     for (const std::string &file : options.files)

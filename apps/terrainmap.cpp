@@ -480,7 +480,7 @@ std::string lengthText(double metres)
     char text[40];
     if (metres < 0.1)
     {
-        std::snprintf(text, sizeof text, "%.1f mm", std::ceil(1e4 * metres - 1e-6) / 10.0);
+        std::snprintf(text, sizeof text, "%.1f mm", std::max(0.0, std::ceil(1e4 * metres - 1e-6)) / 10.0);
     }
     else
     {

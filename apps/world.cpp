@@ -1,14 +1,17 @@
 #include "world.h"
 
+#include "plaintext.h"
 #include "scenenodes.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <new>
 #include <numbers>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 namespace tolvin
@@ -45,7 +48,7 @@ float degrees(float radians)
 
 std::string named(const EntityDescription &entity)
 {
-    return "ENTITY \"" + entity.name + "\" of line " + std::to_string(entity.line);
+    return (entity.where.empty() ? "" : entity.where + ": ") + "ENTITY \"" + entity.name + '"';
 }
 
 std::string textOf(const vuEntityId &id)
@@ -84,6 +87,13 @@ World::World(vuRootNode &root, const Description &description, const std::string
         makeScene();
         for (const EntityDescription &entity : description.entities)
         {
+            if (entity.id.has_value())
+            {
+                numbers_.insert(entity.id->entity);
+            }
+        }
+        for (const EntityDescription &entity : description.entities)
+        {
             addEntity(entity);
         }
         chooseDriven();
@@ -105,6 +115,9 @@ void World::makeScene()
 {
     top_ = hold(pfNewScene(pfGetSharedArena()));
     addChild(top_.get(), asPfNode(terrain_->node()));
+    vehicles_ = hold(pfNewGroup(pfGetSharedArena()));
+    addChild(top_.get(), asPfNode(vehicles_.get()));
+    pfNodeTravMask(asPfNode(vehicles_.get()), PFTRAV_ISECT, 0, PFTRAV_SELF, PF_SET);
     view_ = hold(pfNewChan(pfGetSharedArena()));
     pfChanScene(view_.get(), top_.get());
     channel_ = newRecord<vuChannel>();
@@ -130,7 +143,7 @@ void World::setWindow(int width, int height)
 }
 
 // One of the description's, or the least number that is free.
-vuEntityId World::identityOf(const EntityDescription &entity) const
+vuEntityId World::identityOf(const EntityDescription &entity)
 {
     if (entity.id.has_value())
     {
@@ -142,15 +155,13 @@ vuEntityId World::identityOf(const EntityDescription &entity) const
         }
         return *entity.id;
     }
-    vuEntityId id = {options_.site, options_.application, 1};
-    const auto isTaken = [&id](const EntityDescription &other)
-    { return other.id.has_value() && other.id->entity == id.entity; };
-    const auto isGiven = [&id](const OwnEntity &own) { return own.entity->disId.entity == id.entity; };
-    while (std::ranges::any_of(description_.entities, isTaken) || std::ranges::any_of(entities_, isGiven))
+    std::uint16_t number = 1;
+    for (auto next = numbers_.begin(); next != numbers_.end() && *next <= number; ++next)
     {
-        ++id.entity;
+        number = static_cast<std::uint16_t>(*next + 1);
     }
-    return id;
+    numbers_.insert(number);
+    return {options_.site, options_.application, number};
 }
 
 void World::addEntity(const EntityDescription &entity)
@@ -225,34 +236,49 @@ void World::addNodes(OwnEntity &own)
     vuEntity &record = *own.entity;
     const Held<pfDCS> origin = hold(pfNewDCS(arena));
     const Held<pfDCS> attitude = hold(pfNewDCS(arena));
-    addChild(top_.get(), asPfNode(origin.get()));
+    addChild(vehicles_.get(), asPfNode(origin.get()));
     addChild(origin.get(), asPfNode(attitude.get()));
     record.nodes[1] = asPfNode(origin.get());
     record.nodes[2] = asPfNode(attitude.get());
     pfNodeName(record.nodes[1], entity.name.c_str());
     if (entity.model.has_value())
     {
-        addChild(attitude.get(), modelOf(*entity.model));
+        addChild(attitude.get(), modelOf(entity));
     }
     record.word18 = entity.mask;
+    // Of many vehicles that are ground for nobody, segments ask but once.
+    pfNodeTravMask(asPfNode(vehicles_.get()), PFTRAV_ISECT, entity.mask, PFTRAV_SELF, PF_OR);
     pfNodeTravMask(record.nodes[1], PFTRAV_ISECT, entity.mask, PFTRAV_SELF, PF_SET);
     for (std::size_t i = 0; i < entity.probes.size(); ++i)
     {
         std::copy(entity.probes[i].begin(), entity.probes[i].end(), record.probes[i].pos);
+        own.reach = std::max(own.reach, std::hypot(double{entity.probes[i][0]}, double{entity.probes[i][1]}));
     }
 }
 
 // Of entities with the same model, one.
-pfNode *World::modelOf(const ModelDescription &model)
+pfNode *World::modelOf(const EntityDescription &entity)
 {
-    ModelDescription whole = model;
-    whole.file = (std::filesystem::path(folder_) / model.file).string();
+    ModelDescription model = *entity.model;
+    model.file = (std::filesystem::path(folder_) / model.file).string();
     const std::string key =
-        whole.file + '\n' + std::to_string(static_cast<int>(model.up)) + ' ' + std::to_string(model.scale);
+        model.file + '\n' + std::to_string(static_cast<int>(model.up)) + ' ' + std::to_string(model.scale);
     std::unique_ptr<ModelNodes> &nodes = models_[key];
-    if (nodes == nullptr)
+    if (nodes != nullptr)
     {
-        nodes = std::make_unique<ModelNodes>(whole);
+        return nodes->node();
+    }
+    try
+    {
+        nodes = std::make_unique<ModelNodes>(model);
+    }
+    catch (const std::system_error &)
+    {
+        throw;
+    }
+    catch (const std::runtime_error &error)
+    {
+        throw std::runtime_error(named(entity) + ": " + error.what());
     }
     return nodes->node();
 }
@@ -289,6 +315,19 @@ void World::drive(const pfuMouse &mouse)
     }
 }
 
+std::string World::drivenText() const
+{
+    if (driven_ == nullptr)
+    {
+        return "";
+    }
+    const vuEntity &entity = *driven_->entity;
+    char text[120];
+    std::snprintf(text, sizeof text, "%.0f m east, %.0f m north, height %.1f m, %.0f km/h", entity.position[0],
+                  entity.position[1], entity.position[2], 3.6 * static_cast<double>(entity.xform.speed));
+    return plainText(driven_->description->name) + ": " + text;
+}
+
 void World::settle()
 {
     for (OwnEntity &own : entities_)
@@ -305,7 +344,8 @@ void World::settle()
             settleOnGround(own);
         }
         // Asked for by itself, so that it tells how well the entity keeps to it.
-        const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1]);
+        const double from = entity.position[2] + (follows(entity) ? own.lift : 0.0);
+        const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1], from);
         own.ground = ground.has_value() ? std::optional(ground->height) : std::nullopt;
         placeModel(own);
     }
@@ -334,7 +374,7 @@ void World::place(OwnEntity &own)
     vuEntity &entity = *own.entity;
     const double moved = std::hypot(entity.position[0] - own.tested[0], entity.position[1] - own.tested[1]);
     own.tested = {entity.position[0], entity.position[1]};
-    own.lift = std::max(own.description->lift, kSlopeReach * moved);
+    own.lift = std::max(own.description->lift, kSlopeReach * (moved + own.reach));
     const auto lift = static_cast<float>(own.lift);
     for (std::size_t i = 0; i < own.description->probes.size(); ++i)
     {
@@ -405,6 +445,7 @@ void World::release()
     }
     pfFree(channel_);
     view_.reset();
+    vehicles_.reset();
     top_.reset(); // before what is in it
     models_.clear();
     terrain_.reset();

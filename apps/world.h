@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -31,6 +32,7 @@ struct OwnEntity
     double lift = 0.0;      // metres from its position up to the origin of its transformation node, in this frame
     std::uint64_t lost = 0; // times that the ground was lost and found again
     std::uint64_t withoutGround = 0; // frames without any
+    double reach = 0.0;              // metres from its origin to the farthest probe, on the map
     std::optional<double> ground;    // height of the ground below it in this frame
     std::array<double, 2> tested{};  // where it was when its ground was looked for
     double height = 0.0;             // of the ground that it followed, then
@@ -49,7 +51,7 @@ struct WorldOptions
 // Each frame: drive(), then updateEntityPositions() (alone, or as part of DisInput::frame), then settle().
 //
 // Segments to the ground begin at an entity's transformation node (nodes[1]), which keeps LIFT metres above the wheels, or three
-// times as far as the entity went in this frame: no slope under 70 degrees brings it under the ground. Pitch and roll are in a
+// times as far as the entity went in this frame and its probes reach: no slope under 70 degrees brings it under the ground. Pitch and roll are in a
 // node below that one (nodes[2]), so that the probes stay where they are on the map. An entity that finds no ground below is put
 // on the highest ground at its place, if there is any.
 class World
@@ -67,6 +69,9 @@ public:
 
     World(const World &) = delete;
     World &operator=(const World &) = delete;
+
+    // A line about the driven entity; empty without one.
+    std::string drivenText() const;
 
     const Terrain &terrain() const
     {
@@ -109,8 +114,8 @@ private:
     void setState(OwnEntity &own);
     void addNodes(OwnEntity &own);
     void chooseDriven();
-    pfNode *modelOf(const ModelDescription &model);
-    vuEntityId identityOf(const EntityDescription &entity) const;
+    pfNode *modelOf(const EntityDescription &entity);
+    vuEntityId identityOf(const EntityDescription &entity);
     void place(OwnEntity &own);
     void placeModel(OwnEntity &own);
     void settleOnGround(OwnEntity &own);
@@ -128,6 +133,8 @@ private:
     OwnEntity *driven_ = nullptr;
     vuScene *scene_ = nullptr;
     Held<pfScene> top_;
+    Held<pfGroup> vehicles_;          // the nodes of all entities
+    std::set<std::uint16_t> numbers_; // of entities, taken
     Held<pfChannel> view_;
     vuChannel *channel_ = nullptr;
 };

@@ -2,7 +2,7 @@
  * Channels: views of a scene in a part of a window. They keep what they are given, for a renderer to use. A channel is a block
  * of pfNewChan's arena with the reference count of pfmemory.h, and holds a reference to its scene. No function takes a lock. A
  * null channel, or an object that is none, is reported on standard error and changes nothing; nothing is written then, and 0
- * returned. Pointers to write to may be null.
+ * returned. Pointers to write to may be null, those to read from not.
  */
 #ifndef TOLVIN_PERFORMER_PFCHANNEL_H
 #define TOLVIN_PERFORMER_PFCHANNEL_H

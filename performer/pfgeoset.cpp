@@ -361,11 +361,13 @@ std::vector<pfTriangle> pfTrianglesOf(const pfGeoSet &gset)
 
 const pfHierarchy *pfHierarchyOf(pfGeoSet &gset)
 {
-    if (const pfHierarchy *known = gset.hierarchy.load(std::memory_order_acquire))
+    constexpr unsigned kPatience = 64; // intersections until there may be room again
+    if (const pfHierarchy *built = gset.hierarchy.load(std::memory_order_acquire))
     {
-        return known;
+        return built;
     }
-    if (gset.triangles.load(std::memory_order_relaxed) != kUnknownTriangles)
+    const int known = gset.triangles.load(std::memory_order_relaxed);
+    if (known == kNoTriangles || (known == kSomeTriangles && ++gset.asked % kPatience != 0))
     {
         return nullptr;
     }

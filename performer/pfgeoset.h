@@ -1,6 +1,8 @@
 /*
  * GeoSets: primitives of one kind with their coordinates and other attributes. They keep what they are given, for a renderer
  * to use and for anybody to read back. Attribute and index lists stay the caller's: a GeoSet only points to them.
+ * They must be whole while they are set: as long as the primitives, lengths and indices say, and readable in every process that
+ * asks for a box of the GeoSet, or one above it, or intersects it, because whoever comes first reads them.
  *
  * A GeoSet is a block of pfNewGSet's arena, with the reference count of pfmemory.h: pfRef, pfUnref and pfDelete work on it.
  * No function takes a lock; pfnode.h tells who may do what at once. A null object, one that is no GeoSet, or a selector that

@@ -40,6 +40,7 @@ struct pfGeoSet
     // tells without a look at the lists whether there are any: kUnknown, kNone, kSome.
     std::atomic<pfHierarchy *> hierarchy;
     std::atomic<int> triangles;
+    std::atomic<unsigned> asked; // how often, since there was no room
 };
 
 enum

@@ -11,6 +11,9 @@ namespace
 constexpr int kAttributes = PFSTATE_TEXTURE + 1;
 constexpr int kModes = PFSTATE_CULLFACE + 1;
 
+// In the order of the attributes.
+constexpr const pfType *kAttributeTypes[] = {&pfMaterialType, &pfMaterialType, &pfTextureType};
+
 } // namespace
 
 struct pfGeoState
@@ -70,7 +73,8 @@ pfGeoState *pfNewGState(void *arena)
 
 void pfGStateAttr(pfGeoState *gstate, int attribute, void *object)
 {
-    if (isAttribute(__func__, gstate, attribute))
+    if (isAttribute(__func__, gstate, attribute) &&
+        (object == nullptr || pfIsGiven(__func__, object, *kAttributeTypes[attribute])))
     {
         pfExchange(gstate->attributes[attribute], object);
     }

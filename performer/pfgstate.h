@@ -44,7 +44,7 @@ enum
 /* A new GeoState without materials and texture. Null when there is no room, silently. */
 PF_API pfGeoState *pfNewGState(void *arena);
 
-/* Set or, with null, take away. The reference to what was there before is given back; that is not deleted. */
+/* Set or, with null, take away; an object of another type is reported and changes nothing. The reference to what was there before is given back; that is not deleted. */
 PF_API void pfGStateAttr(pfGeoState *gstate, int attribute, void *object);
 PF_API void *pfGetGStateAttr(const pfGeoState *gstate, int attribute);
 

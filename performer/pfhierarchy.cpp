@@ -11,12 +11,10 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
-#include <functional>
-#include <future>
 #include <limits>
 #include <memory>
 #include <new>
-#include <system_error>
+#include <numeric>
 
 // A function that is inlined wherever it is used, so that it is compiled for the processor of its caller.
 #define INLINE [[gnu::always_inline]] inline
@@ -25,7 +23,7 @@
 #ifdef __clang__
 #define UNROLL _Pragma("unroll")
 #else
-#define UNROLL _Pragma("GCC unroll 3")
+#define UNROLL _Pragma("GCC unroll 4")
 #endif
 
 // Vectors are handed over only where that is inlined.
@@ -42,15 +40,18 @@ namespace
 
 constexpr uint32_t kLanes = 4; // triangles in a block
 constexpr uint32_t kWidth = 8; // children of a node
-constexpr uint32_t kMostInCell = 24;
 constexpr uint32_t kLeaf = 1U << 31;
 constexpr uint32_t kNone = UINT32_MAX;
-constexpr int kBlockBits = 28; // of a block's number
-constexpr int kStepBits = 17;
-constexpr uint32_t kFar = (1U << kStepBits) - 1;
-constexpr uint64_t kList = uint64_t{1} << 63;
-constexpr uint64_t kDeep = UINT64_MAX; // a cell of too many blocks: the hierarchy is better there
-constexpr uint64_t kEmpty = UINT64_MAX - 1;
+
+// Of the grid.
+constexpr int kLevels = 3; // the cells of each are four times as wide as those of the one before
+constexpr int kCellBits = 6;
+constexpr double kBlocksInCell = 3;
+constexpr int kMargin = 12; // blocks so near are fetched for the next segment, should it be a step away
+constexpr uint32_t kMostInCell = 64;
+constexpr uint32_t kMostAtPoint = 32; // blocks
+constexpr uint32_t kMostHuge = 16;
+
 constexpr size_t kMostTriangles = size_t{1} << 28;
 constexpr int kMostLevels = 40; // from there on nodes are halved, which ends after 28 more
 constexpr size_t kStack = 7 * (kMostLevels + 28) + kWidth;
@@ -67,9 +68,28 @@ struct alignas(32) Node
     uint32_t children[kWidth]; // a node, or a block and kLeaf
 };
 
-// The blocks of a cell of the grid, in a number: the first of them and, above, how far up the second and the third are,
-// kFar for none. Or kDeep; or the place of a list of more, closed by kNone, and kList.
-using Cell = uint64_t;
+// The grid is for vertical segments: on most of its ways a processor waits for memory, so it is small enough to stay near, and
+// leads to the blocks at once. It has squares of cells on several levels. Each block is at home in the cell of its least
+// corner, on the first level where it is no larger than a cell, so that it reaches into the next cells at most; blocks are in
+// the order of these cells. The box of a block from above is in units of 1/64 cell, rounded down, and its place counts from
+// any multiple of 256: nothing that is compared with it is so far away.
+struct Level
+{
+    uint32_t columns; // a multiple of 4; 0 when no block is there
+    uint32_t firstCell;
+};
+
+struct Print
+{
+    uint8_t least[2];
+    uint8_t size[2];
+};
+
+// Cells come in squares of 4 by 4, so that neighbours are near each other.
+INLINE uint32_t numberOfCell(uint32_t column, uint32_t row, uint32_t columns)
+{
+    return (row / 4 * (columns / 4) + column / 4) * 16 + row % 4 * 4 + column % 4;
+}
 
 } // namespace
 
@@ -84,13 +104,13 @@ struct pfHierarchy
     // From here.
     size_t nodes;
     size_t blocks;
-    size_t cells;
-    size_t lists;
+    size_t firsts; // block of each cell, and of those that are in no cell
+    size_t prints;
 
-    uint32_t columns; // of cells; 0 without a grid
-    uint32_t rows;
-    double cellsPerX;
-    double cellsPerY;
+    double unitsPerLength; // of the finest level; 0 without a grid
+    Level levels[kLevels];
+    uint32_t cells;
+    uint32_t blockCount;
 };
 
 namespace
@@ -102,10 +122,10 @@ const Item *at(const pfHierarchy &hierarchy, size_t offset)
     return reinterpret_cast<const Item *>(reinterpret_cast<const char *>(&hierarchy) + offset);
 }
 
-// Whatever the rounding, a coordinate between two others is in a cell between theirs.
-uint32_t cellOf(double coordinate, double least, double perUnit, uint32_t count)
+// Whatever the rounding, a coordinate between two others is not outside theirs.
+INLINE uint32_t unitsOf(double coordinate, double least, double perLength)
 {
-    return std::min(count - 1, static_cast<uint32_t>((coordinate - least) * perUnit));
+    return static_cast<uint32_t>(static_cast<int32_t>((coordinate - least) * perLength));
 }
 
 //
@@ -216,9 +236,8 @@ INLINE auto isHit(const Sides<Number> &sides)
 
 // Which of the triangles the line through the segment hits.
 template<bool isVertical, bool hasAvx2>
-INLINE unsigned hitBlock(const Block &block, const Line &line)
+INLINE unsigned hitBlock(const Block &block, const Line &line, Sides<Doubles> &sides)
 {
-    Sides<Doubles> sides;
     const float(&x)[3][kLanes] = block.at[isVertical ? 0 : line.x];
     const float(&y)[3][kLanes] = block.at[isVertical ? 1 : line.y];
     const float(&z)[3][kLanes] = block.at[isVertical ? 2 : line.z];
@@ -283,6 +302,19 @@ bool isAbove(const double (&x)[3])
     return !(x[0] > 0 && x[1] > 0 && x[2] > 0) && !(x[0] < 0 && x[1] < 0 && x[2] < 0);
 }
 
+// Where the line hits a triangle, of corners corner(number, axis); false where it only seemed to.
+template<bool isVertical, typename Corner>
+INLINE bool placeHit(const Corner &corner, const Line &line, const Sides<double> &sides, double &t,
+                     double (&weights)[2])
+{
+    const double(&e)[3] = sides.edges, (&z)[3] = sides.z;
+    t = ((e[0] * z[0] + e[1] * z[1]) + e[2] * z[2]) / (sides.sum * line.direction[2]) * line.unscale;
+    weights[0] = e[1] / sides.sum;
+    weights[1] = e[2] / sides.sum;
+    return std::fabs(t) <= DBL_MAX &&
+           (isVertical ? isAbove(sides.x) && isAbove(sides.y) : settle(corner, line.segment, t));
+}
+
 // The test of one triangle: the numbers of a lane, and the hit. Its corners are corner(number, axis).
 template<bool isVertical, typename Corner>
 INLINE bool hitCorners(const Corner &corner, const Line &line, double &t, double (&weights)[2])
@@ -296,16 +328,7 @@ INLINE bool hitCorners(const Corner &corner, const Line &line, double &t, double
         sides.z[i] = corner(i, isVertical ? 2 : line.z) - line.origin[2];
     }
     measureSides<isVertical>(line, sides);
-    if (!isHit(sides))
-    {
-        return false;
-    }
-    const double(&e)[3] = sides.edges, (&z)[3] = sides.z;
-    t = ((e[0] * z[0] + e[1] * z[1]) + e[2] * z[2]) / (sides.sum * line.direction[2]) * line.unscale;
-    weights[0] = e[1] / sides.sum;
-    weights[1] = e[2] / sides.sum;
-    return std::fabs(t) <= DBL_MAX &&
-           (isVertical ? isAbove(sides.x) && isAbove(sides.y) : settle(corner, line.segment, t));
+    return isHit(sides) && placeHit<isVertical>(corner, line, sides, t, weights);
 }
 
 // What is sought, and what was found of it.
@@ -320,14 +343,24 @@ struct Search
 
 // Few of many blocks have a hit: worth no room in what is inlined everywhere.
 template<bool isVertical>
-[[gnu::noinline]] void takeHits(const Block &block, unsigned lanes, Search &search)
+[[gnu::noinline]] void takeHits(const Block &block, unsigned lanes, const Sides<Doubles> &measured, Search &search)
 {
     for (; lanes != 0; lanes &= lanes - 1)
     {
         const auto lane = static_cast<unsigned>(std::countr_zero(lanes));
         const auto corner = [&](int number, int axis) { return block.at[axis][number][lane]; };
+        Sides<double> sides;
+        UNROLL
+        for (int i = 0; i < 3; ++i)
+        {
+            sides.x[i] = measured.x[i][lane];
+            sides.y[i] = measured.y[i][lane];
+            sides.z[i] = corner(i, isVertical ? 2 : search.line.z) - search.line.origin[2];
+            sides.edges[i] = measured.edges[i][lane];
+        }
+        sides.sum = measured.sum[lane];
         double t, weights[2];
-        if (!hitCorners<isVertical>(corner, search.line, t, weights) || !(t >= search.line.segment.least) ||
+        if (!placeHit<isVertical>(corner, search.line, sides, t, weights) || !(t >= search.line.segment.least) ||
             !(t <= search.most) ||
             (search.nearest != nullptr && search.found && t == search.most &&
              block.prims[lane] >= search.nearest->triangle.prim))
@@ -351,6 +384,20 @@ template<bool isVertical>
             }
         }
     }
+}
+
+// Whether any triangle was hit.
+template<bool isVertical, bool hasAvx2>
+INLINE bool testBlock(const Block &block, Search &search)
+{
+    Sides<Doubles> sides;
+    const unsigned hit = hitBlock<isVertical, hasAvx2>(block, search.line, sides);
+    if (hit != 0)
+    {
+        const Sides<Doubles> kept = sides; // so that the others stay in registers
+        takeHits<isVertical>(block, hit, kept, search);
+    }
+    return hit != 0;
 }
 
 //
@@ -454,6 +501,28 @@ INLINE unsigned enterNode(const Node &node, const Part &part, float most, float 
     return bitsOfEight(near <= far);
 }
 
+INLINE void fetchBlock(const Block &block)
+{
+    __builtin_prefetch(&block);
+    __builtin_prefetch(&block.at[1][1]);
+    __builtin_prefetch(&block.prims);
+}
+
+INLINE void fetchNode(const Node &node)
+{
+    __builtin_prefetch(node.sides[0][0]);
+    __builtin_prefetch(node.sides[0][2]);
+    __builtin_prefetch(node.sides[1][1]);
+    __builtin_prefetch(node.children);
+}
+
+INLINE unsigned leavesOf(const Node &node)
+{
+    FloatBits children;
+    std::memcpy(&children, node.children, sizeof children);
+    return bitsOfEight(children);
+}
+
 template<bool isVertical, bool hasAvx2>
 INLINE void search(const pfHierarchy &hierarchy, Search &search)
 {
@@ -465,53 +534,149 @@ INLINE void search(const pfHierarchy &hierarchy, Search &search)
     const Node *nodes = at<Node>(hierarchy, hierarchy.nodes);
     const Block *blocks = at<Block>(hierarchy, hierarchy.blocks);
     Open stack[kStack];
-    size_t open = 0;
-    uint32_t child = 0;
+    size_t open = 1;
+    stack[0] = {0, 0};
     float most = 1;
-    for (;;)
+    while (open != 0)
     {
-        if ((child & kLeaf) != 0)
+        --open;
+        if (stack[open].s > most)
         {
-            const Block &block = blocks[child & ~kLeaf];
-            if (const unsigned hit = hitBlock<isVertical, hasAvx2>(block, search.line); hit != 0)
+            continue;
+        }
+        const Node &node = nodes[stack[open].child];
+        alignas(32) float s[kWidth];
+        const unsigned entered = enterNode(node, part, most, s), leaves = leavesOf(node);
+        for (unsigned left = entered & leaves; left != 0; left &= left - 1)
+        {
+            fetchBlock(blocks[node.children[std::countr_zero(left)] & ~kLeaf]);
+        }
+        const size_t first = open;
+        for (unsigned left = entered & ~leaves; left != 0; left &= left - 1)
+        {
+            const auto i = static_cast<unsigned>(std::countr_zero(left));
+            fetchNode(nodes[node.children[i]]);
+            // The nearest on top.
+            size_t place = open++;
+            for (; place > first && stack[place - 1].s < s[i]; --place)
             {
-                takeHits<isVertical>(block, hit, search);
+                stack[place] = stack[place - 1];
+            }
+            stack[place] = {s[i], node.children[i]};
+        }
+        // At once: whether a child on the stack is a node or a block would be foretold badly.
+        for (unsigned left = entered & leaves; left != 0; left &= left - 1)
+        {
+            const uint32_t block = node.children[std::countr_zero(left)] & ~kLeaf;
+            if (s[std::countr_zero(left)] <= most && testBlock<isVertical, hasAvx2>(blocks[block], search))
+            {
                 most = partUpTo(part, search.most);
             }
         }
-        else
-        {
-            const Node &node = nodes[child];
-            alignas(32) float s[kWidth];
-            const size_t first = open;
-            for (unsigned entered = enterNode(node, part, most, s); entered != 0; entered &= entered - 1)
-            {
-                const auto i = static_cast<unsigned>(std::countr_zero(entered));
-                // The nearest on top.
-                size_t place = open++;
-                for (; place > first && stack[place - 1].s < s[i]; --place)
-                {
-                    stack[place] = stack[place - 1];
-                }
-                const uint32_t each = node.children[i];
-                stack[place] = {s[i], each};
-                const char *const next = (each & kLeaf) != 0 ? reinterpret_cast<const char *>(blocks + (each & ~kLeaf))
-                                                             : reinterpret_cast<const char *>(nodes + each);
-                __builtin_prefetch(next);
-                __builtin_prefetch(next + 64);
-                __builtin_prefetch(next + 128);
-            }
-        }
-        do
-        {
-            if (open == 0)
-            {
-                return;
-            }
-            --open;
-        } while (stack[open].s > most);
-        child = stack[open].child;
     }
+}
+
+// Blocks whose prints a point is in.
+struct Found
+{
+    uint32_t blocks[kMostAtPoint + 16];
+    uint32_t count = 0;
+};
+
+// In which of four prints a point is, or within a margin, of those of them that count.
+INLINE unsigned lookAt(const Print *prints, uint32_t count, __m128i point, unsigned char margin)
+{
+    const __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i *>(prints));
+    const __m128i out = _mm_set1_epi32(margin * 0x101);
+    const __m128i sizes = _mm_adds_epu8(_mm_srli_epi32(four, 16), _mm_add_epi8(out, out));
+    const __m128i way = _mm_and_si128(_mm_sub_epi8(_mm_add_epi8(point, out), four), _mm_set1_epi32(0xffff));
+    const __m128i isIn = _mm_cmpeq_epi32(_mm_max_epu8(way, sizes), sizes);
+    const auto in = static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(isIn)));
+    return in & (15U >> (4 - std::min(count, 4U)));
+}
+
+// Blocks from a first one on.
+struct Run
+{
+    uint32_t first;
+    uint32_t count;
+};
+
+// False when there are too many. Four runs at a time, and four blocks of each, so that next to nothing depends on how many
+// there are, which is foretold badly.
+INLINE bool lookInto(const pfHierarchy &hierarchy, Run (&runs)[4], uint32_t x, uint32_t y, Found &found)
+{
+    const auto *prints = at<Print>(hierarchy, hierarchy.prints);
+    const auto *blocks = at<Block>(hierarchy, hierarchy.blocks);
+    const __m128i point = _mm_set1_epi32(static_cast<int>((x & 255) | (y & 255) << 8));
+    for (;;)
+    {
+        unsigned in = 0, near = 0;
+        uint32_t most = 0;
+        UNROLL
+        for (unsigned i = 0; i < 4; ++i)
+        {
+            in |= lookAt(prints + runs[i].first, runs[i].count, point, 0) << 4 * i;
+            near |= lookAt(prints + runs[i].first, runs[i].count, point, kMargin) << 4 * i;
+            most = std::max(most, runs[i].count);
+        }
+        for (; near != 0; near &= near - 1)
+        {
+            const auto i = static_cast<uint32_t>(std::countr_zero(near));
+            const uint32_t block = runs[i / 4].first + i % 4;
+            fetchBlock(blocks[block]);
+            found.blocks[found.count] = block;
+            found.count += in >> i & 1;
+        }
+        if (most <= 4)
+        {
+            return true;
+        }
+        if (most > kMostInCell || found.count > kMostAtPoint)
+        {
+            return false;
+        }
+        for (Run &run : runs)
+        {
+            const uint32_t done = std::min(run.count, 4U);
+            run = {run.first + done, run.count - done};
+        }
+    }
+}
+
+// False where the hierarchy is better.
+INLINE bool lookIntoGrid(const pfHierarchy &hierarchy, double x, double y, Found &found)
+{
+    const auto *firsts = at<uint32_t>(hierarchy, hierarchy.firsts);
+    const uint32_t unitX = unitsOf(x, hierarchy.least[0], hierarchy.unitsPerLength);
+    const uint32_t unitY = unitsOf(y, hierarchy.least[1], hierarchy.unitsPerLength);
+    for (int i = 0; i < kLevels; ++i)
+    {
+        const Level &level = hierarchy.levels[i];
+        if (level.columns == 0)
+        {
+            continue;
+        }
+        const uint32_t levelX = unitX >> 2 * i, levelY = unitY >> 2 * i;
+        const uint32_t column = levelX >> kCellBits, row = levelY >> kCellBits;
+        Run runs[4];
+        UNROLL
+        for (uint32_t j = 0; j < 4; ++j)
+        {
+            const uint32_t left = j % 2, below = j / 2;
+            const bool isThere = column >= left && row >= below;
+            const uint32_t number = isThere ? numberOfCell(column - left, row - below, level.columns) : 0;
+            const uint32_t *cell = firsts + level.firstCell + number;
+            runs[j] = {cell[0], isThere ? cell[1] - cell[0] : 0};
+        }
+        if (!lookInto(hierarchy, runs, levelX, levelY, found))
+        {
+            return false;
+        }
+    }
+    const uint32_t huge = firsts[hierarchy.cells];
+    Run runs[4] = {{huge, hierarchy.blockCount - huge}, {}, {}, {}};
+    return runs[0].count == 0 || lookInto(hierarchy, runs, 0, 0, found);
 }
 
 // False where the hierarchy is better.
@@ -524,52 +689,15 @@ INLINE bool searchGrid(const pfHierarchy &hierarchy, Search &search)
     {
         return true;
     }
-    if (hierarchy.columns == 0)
+    Found found;
+    if (hierarchy.unitsPerLength == 0 || !lookIntoGrid(hierarchy, x, y, found))
     {
         return false;
     }
     const Block *blocks = at<Block>(hierarchy, hierarchy.blocks);
-    const size_t row = cellOf(y, hierarchy.least[1], hierarchy.cellsPerY, hierarchy.rows);
-    const size_t column = cellOf(x, hierarchy.least[0], hierarchy.cellsPerX, hierarchy.columns);
-    const Cell cell = at<Cell>(hierarchy, hierarchy.cells)[row * hierarchy.columns + column];
-    if (cell >= kList)
+    for (uint32_t i = 0; i < found.count; ++i)
     {
-        if (cell == kDeep)
-        {
-            return false;
-        }
-        const uint32_t *list = at<uint32_t>(hierarchy, hierarchy.lists) + (cell & ~kList);
-        for (; cell != kEmpty && *list != kNone; ++list)
-        {
-            if (const unsigned hit = hitBlock<true, hasAvx2>(blocks[*list], search.line); hit != 0)
-            {
-                takeHits<true>(blocks[*list], hit, search);
-            }
-        }
-        return true;
-    }
-    const Block *const first = blocks + (cell & ((1U << kBlockBits) - 1));
-    const auto second = static_cast<uint32_t>(cell >> kBlockBits) & kFar;
-    const auto third = static_cast<uint32_t>(cell >> (kBlockBits + kStepBits)) & kFar;
-    const Block *const hits[3] = {first, second == kFar ? first : first + second,
-                                  third == kFar ? first : first + third};
-    for (const Block *each : hits)
-    {
-        __builtin_prefetch(each);
-        __builtin_prefetch(&each->at[1][1]);
-        __builtin_prefetch(&each->prims);
-    }
-    // Two in any case: whether there are two is foretold too badly.
-    unsigned hit = hitBlock<true, hasAvx2>(*first, search.line);
-    hit |= (second == kFar ? 0 : hitBlock<true, hasAvx2>(*hits[1], search.line) << kLanes);
-    if (third != kFar)
-    {
-        hit |= hitBlock<true, hasAvx2>(*hits[2], search.line) << (2 * kLanes);
-    }
-    for (; hit != 0; hit &= hit - 1)
-    {
-        const auto lane = static_cast<unsigned>(std::countr_zero(hit));
-        takeHits<true>(*hits[lane / kLanes], 1U << lane % kLanes, search);
+        testBlock<true, hasAvx2>(blocks[found.blocks[i]], search);
     }
     return true;
 }
@@ -703,18 +831,13 @@ public:
 
     Builder(Items theItems, uint32_t count) : items{std::move(theItems), std::make_unique_for_overwrite<Item[]>(count)}
     {
-        if (count >= kWorthThread)
+        if (count != 0)
         {
-            buildByTwo(measured(0, count, 0));
-        }
-        else if (count != 0)
-        {
-            build(measured(0, count, 0), 0, tree);
+            build(measured(0, count, 0), 0);
         }
     }
 
 private:
-    static constexpr uint32_t kWorthThread = 50000;
     static constexpr uint32_t kBins = 16;
 
     Items items[2];
@@ -894,14 +1017,14 @@ private:
         }
     }
 
-    uint32_t addLeaf(const Range &range, Leaves &leaves) const
+    uint32_t addLeaf(const Range &range)
     {
-        std::array<uint32_t, kLanes> &leaf = leaves.emplace_back();
+        std::array<uint32_t, kLanes> &leaf = tree.leaves.emplace_back();
         for (uint32_t i = 0; i < kLanes; ++i)
         {
             leaf[i] = i < range.size() ? items[range.buffer][range.begin + i].triangle & ~kNormal : kNone;
         }
-        return static_cast<uint32_t>(leaves.size() - 1) | kLeaf;
+        return static_cast<uint32_t>(tree.leaves.size() - 1) | kLeaf;
     }
 
     static void setBoxes(Node &node, const Range (&children)[kWidth], uint32_t count)
@@ -945,77 +1068,22 @@ private:
         return count;
     }
 
-    uint32_t build(const Range &range, int level, Tree &part)
+    uint32_t build(const Range &range, int level)
     {
         if (range.size() <= kLanes && level > 0)
         {
-            return addLeaf(range, part.leaves);
+            return addLeaf(range);
         }
         Range children[kWidth];
         const uint32_t count = divide(range, level, children);
-        const auto number = static_cast<uint32_t>(part.nodes.size());
-        setBoxes(part.nodes.emplace_back(), children, count);
+        const auto number = static_cast<uint32_t>(tree.nodes.size());
+        setBoxes(tree.nodes.emplace_back(), children, count);
         for (uint32_t i = 0; i < count; ++i)
         {
-            const uint32_t child = build(children[i], level + 1, part);
-            part.nodes[number].children[i] = child;
+            const uint32_t child = build(children[i], level + 1);
+            tree.nodes[number].children[i] = child;
         }
         return number;
-    }
-
-    // About half of it in another thread, if there is one.
-    void buildByTwo(const Range &range)
-    {
-        Range children[kWidth];
-        const uint32_t count = divide(range, 0, children);
-        setBoxes(tree.nodes.emplace_back(), children, count);
-        Tree other;
-        uint32_t sizes[2] = {0, 0}, numbers[kWidth] = {};
-        bool isOther[kWidth] = {};
-        for (uint32_t i = 0; i < count; ++i)
-        {
-            isOther[i] = sizes[1] < sizes[0];
-            sizes[isOther[i]] += children[i].size();
-        }
-        const auto buildPart = [&](bool which, Tree &part)
-        {
-            for (uint32_t i = 0; i < count; ++i)
-            {
-                numbers[i] = isOther[i] == which ? build(children[i], 1, part) : numbers[i];
-            }
-        };
-        std::future<void> task;
-        try
-        {
-            task = std::async(std::launch::async, buildPart, true, std::ref(other));
-        }
-        catch (const std::system_error &)
-        {
-            buildPart(true, other);
-        }
-        buildPart(false, tree);
-        if (task.valid())
-        {
-            task.get();
-        }
-        append(other, numbers, isOther);
-    }
-
-    void append(Tree &other, uint32_t (&numbers)[kWidth], const bool (&isOther)[kWidth])
-    {
-        const auto nodes = static_cast<uint32_t>(tree.nodes.size());
-        const auto leaves = static_cast<uint32_t>(tree.leaves.size());
-        const auto moved = [=](uint32_t child) { return child + ((child & kLeaf) != 0 ? leaves : nodes); };
-        for (Node &node : other.nodes)
-        {
-            std::transform(node.children, node.children + kWidth, node.children, moved);
-        }
-        for (uint32_t i = 0; i < kWidth; ++i)
-        {
-            tree.nodes[0].children[i] = isOther[i] ? moved(numbers[i]) : numbers[i];
-        }
-        tree.nodes.insert(tree.nodes.end(), other.nodes.begin(), other.nodes.end());
-        tree.leaves.insert(tree.leaves.end(), other.leaves.begin(), other.leaves.end());
     }
 };
 
@@ -1023,216 +1091,137 @@ private:
 // The grid.
 //
 
-// A triangle from above, in units of cells.
-struct Footprint
-{
-    uint32_t least[2], greatest[2]; // cells, closed
-    double edges[3][3];             // a x + b y + c >= 0 inside, to which cells are compared by their middles
-    bool isOnEdge;                  // <= 0, too
-
-    bool covers(uint32_t column, uint32_t row) const
-    {
-        if (column < least[0] || column > greatest[0] || row < least[1] || row > greatest[1])
-        {
-            return false;
-        }
-        const double x = column + 0.5, y = row + 0.5;
-        for (const auto &[a, b, c] : edges)
-        {
-            const double value = a * x + b * y + c;
-            const double reach = 0.51 * (std::fabs(a) + std::fabs(b)); // half a cell, and some more for rounding
-            if (value < -reach || (isOnEdge && value > reach))
-            {
-                return false;
-            }
-        }
-        return true;
-    }
-};
-
+// Puts the blocks in order of their cells, and the numbers of the blocks in the nodes right.
 class GridBuilder
 {
 public:
-    uint32_t columns = 0, rows = 0;
-    double perUnit[2] = {0, 0};
-    std::vector<Cell> cells;
-    std::vector<uint32_t> lists;
+    std::vector<Print> prints;
+    std::vector<uint32_t> firsts;
 
-    GridBuilder(std::span<const pfTriangle> theTriangles, const pfHierarchy &hierarchy, const Leaves &leaves)
+    GridBuilder(std::span<const pfTriangle> theTriangles, pfHierarchy &theHierarchy, Tree &theTree)
         : triangles(theTriangles),
-          least{hierarchy.least[0], hierarchy.least[1]}
+          hierarchy(theHierarchy),
+          tree(theTree)
     {
-        const double sizes[2] = {hierarchy.greatest[0] - least[0], hierarchy.greatest[1] - least[1]};
-        if (sizes[0] <= 0 || sizes[1] <= 0)
+        const double width = hierarchy.greatest[0] - hierarchy.least[0];
+        const double height = hierarchy.greatest[1] - hierarchy.least[1];
+        const auto count = static_cast<uint32_t>(tree.leaves.size());
+        const double cell = std::sqrt(width / count * kBlocksInCell) * std::sqrt(height);
+        if (!(cell > 0) || std::max(width, height) / cell > std::min(kMostColumns, 4.0 * count))
         {
             return;
         }
-        const auto count = static_cast<double>(triangles.size());
-        double wanted = std::max(1.0, 0.75 * count);
-        do
+        hierarchy.unitsPerLength = (1 << kCellBits) / cell;
+        hierarchy.blockCount = count;
+        prints.resize(count);
+        cells.resize(count);
+        numberCells(width, height);
+        for (uint32_t i = 0; i < count; ++i)
         {
-            const double square = std::sqrt(sizes[0] / wanted) * std::sqrt(sizes[1]);
-            columns = static_cast<uint32_t>(std::clamp(sizes[0] / square, 1.0, wanted));
-            rows = static_cast<uint32_t>(std::clamp(wanted / columns, 1.0, wanted));
-            perUnit[0] = columns / sizes[0];
-            perUnit[1] = rows / sizes[1];
-            wanted /= 4;
-        } while (!isFineEnough() && columns * rows > 16);
-        enter(leaves);
-        index();
+            settle(i);
+        }
+        if (!sort())
+        {
+            hierarchy.unitsPerLength = 0;
+        }
     }
 
 private:
+    static constexpr double kMostColumns = 1 << 20;
+
     std::span<const pfTriangle> triangles;
-    double least[2];
-    std::vector<uint32_t> counts;
+    pfHierarchy &hierarchy;
+    Tree &tree;
+    std::vector<uint32_t> cells; // of the blocks
 
-    static constexpr uint32_t kInline = 3;
-
-    struct Entry
+    void numberCells(double width, double height)
     {
-        uint32_t cell, block;
-    };
-    std::vector<std::array<uint32_t, kInline>> firsts;
-    std::vector<Entry> more; // than these
+        for (int i = 0; i < kLevels; ++i)
+        {
+            const int bits = kCellBits + 2 * i;
+            const uint32_t columns = (unitsOf(width, 0, hierarchy.unitsPerLength) >> bits) / 4 * 4 + 4;
+            const uint32_t rows = (unitsOf(height, 0, hierarchy.unitsPerLength) >> bits) / 4 * 4 + 4;
+            hierarchy.levels[i] = {columns, hierarchy.cells};
+            hierarchy.cells += columns * rows;
+        }
+    }
 
-    void cellsOf(const pfTriangle &triangle, Footprint &print) const
+    // The cell and the print of a block.
+    void settle(uint32_t block)
     {
+        uint32_t least[2], greatest[2];
         for (int axis = 0; axis < 2; ++axis)
         {
-            const float a = triangle.corners[0][axis], b = triangle.corners[1][axis], c = triangle.corners[2][axis];
-            const uint32_t count = axis == 0 ? columns : rows;
-            print.least[axis] = cellOf(std::min({a, b, c}), least[axis], perUnit[axis], count);
-            print.greatest[axis] = cellOf(std::max({a, b, c}), least[axis], perUnit[axis], count);
-        }
-    }
-
-    // Whether huge triangles, which are in many cells each, make no more entries than the others.
-    bool isFineEnough() const
-    {
-        double entries = 0;
-        for (const pfTriangle &triangle : triangles)
-        {
-            Footprint print;
-            cellsOf(triangle, print);
-            entries += (print.greatest[0] - print.least[0] + 1.0) * (print.greatest[1] - print.least[1] + 1.0);
-        }
-        return entries <= 16.0 * static_cast<double>(triangles.size());
-    }
-
-    Footprint footprint(const pfTriangle &triangle) const
-    {
-        Footprint print;
-        cellsOf(triangle, print);
-        double at[3][2];
-        for (int i = 0; i < 3; ++i)
-        {
-            at[i][0] = (triangle.corners[i][0] - least[0]) * perUnit[0];
-            at[i][1] = (triangle.corners[i][1] - least[1]) * perUnit[1];
-        }
-        const double area =
-            (at[1][0] - at[0][0]) * (at[2][1] - at[0][1]) - (at[2][0] - at[0][0]) * (at[1][1] - at[0][1]);
-        const double sign = area < 0 ? -1 : 1;
-        print.isOnEdge = area == 0;
-        for (int i = 0; i < 3; ++i)
-        {
-            const double(&from)[2] = at[i], (&to)[2] = at[(i + 1) % 3];
-            const double a = sign * (from[1] - to[1]), b = sign * (to[0] - from[0]);
-            print.edges[i][0] = a;
-            print.edges[i][1] = b;
-            print.edges[i][2] = -(a * from[0] + b * from[1]);
-        }
-        return print;
-    }
-
-    void enter(const Leaves &leaves)
-    {
-        firsts.assign(size_t{columns} * rows, {kNone, kNone, kNone});
-        counts.assign(firsts.size(), 0);
-        for (uint32_t block = 0; block < leaves.size(); ++block)
-        {
-            Footprint prints[kLanes];
-            uint32_t from[2] = {UINT32_MAX, UINT32_MAX}, to[2] = {0, 0};
-            uint32_t count = 0;
-            for (; count < kLanes && leaves[block][count] != kNone; ++count)
+            float from = FLT_MAX, to = -FLT_MAX;
+            for (const uint32_t triangle : tree.leaves[block])
             {
-                prints[count] = footprint(triangles[leaves[block][count]]);
-                for (int axis = 0; axis < 2; ++axis)
+                if (triangle != kNone)
                 {
-                    from[axis] = std::min(from[axis], prints[count].least[axis]);
-                    to[axis] = std::max(to[axis], prints[count].greatest[axis]);
+                    const pfVec3(&corners)[3] = triangles[triangle].corners;
+                    from = std::min({from, corners[0][axis], corners[1][axis], corners[2][axis]});
+                    to = std::max({to, corners[0][axis], corners[1][axis], corners[2][axis]});
                 }
             }
-            for (uint32_t row = from[1]; row <= to[1]; ++row)
+            least[axis] = unitsOf(from, hierarchy.least[axis], hierarchy.unitsPerLength);
+            greatest[axis] = unitsOf(to, hierarchy.least[axis], hierarchy.unitsPerLength);
+        }
+        cells[block] = hierarchy.cells;
+        prints[block] = {{0, 0}, {255, 255}};
+        for (int i = 0; i < kLevels; ++i)
+        {
+            const uint32_t x = least[0] >> 2 * i, y = least[1] >> 2 * i;
+            const uint32_t sizeX = (greatest[0] >> 2 * i) - x, sizeY = (greatest[1] >> 2 * i) - y;
+            if (std::max(sizeX, sizeY) >> kCellBits == 0)
             {
-                for (uint32_t column = from[0]; column <= to[0]; ++column)
-                {
-                    if (std::any_of(prints, prints + count,
-                                    [=](const Footprint &print) { return print.covers(column, row); }))
-                    {
-                        enter(row * columns + column, block);
-                    }
-                }
+                const Level &level = hierarchy.levels[i];
+                cells[block] = level.firstCell + numberOfCell(x >> kCellBits, y >> kCellBits, level.columns);
+                prints[block] = {{static_cast<uint8_t>(x), static_cast<uint8_t>(y)},
+                                 {static_cast<uint8_t>(sizeX), static_cast<uint8_t>(sizeY)}};
+                return;
             }
         }
     }
 
-    void enter(uint32_t cell, uint32_t block)
+    // False when too many blocks are in no cell.
+    bool sort()
     {
-        const uint32_t count = counts[cell]++;
-        if (count < kInline)
+        std::vector<uint32_t> next(hierarchy.cells + 2);
+        for (const uint32_t cell : cells)
         {
-            firsts[cell][count] = block;
+            ++next[cell + 1];
         }
-        else if (count < kMostInCell)
+        std::partial_sum(next.begin(), next.end(), next.begin());
+        firsts.assign(next.begin(), next.end() - 1);
+        if (cells.size() - firsts.back() > kMostHuge)
         {
-            more.push_back({cell, block});
+            return false;
         }
-    }
-
-    // The cell of up to three blocks, in order; kList when they do not fit.
-    static Cell pack(const std::array<uint32_t, kInline> &blocks)
-    {
-        const uint64_t second = blocks[1] == kNone ? kFar : blocks[1] - blocks[0];
-        const uint64_t third = blocks[2] == kNone ? kFar : blocks[2] - blocks[0];
-        const bool fits = (blocks[1] == kNone || second < kFar) && (blocks[2] == kNone || third < kFar);
-        return fits ? blocks[0] | (second | third << kStepBits) << kBlockBits : kList;
-    }
-
-    void index()
-    {
-        size_t deep = 0;
-        cells.resize(firsts.size());
+        for (int i = 0; i < kLevels; ++i)
+        {
+            Level &level = hierarchy.levels[i];
+            const uint32_t end = i + 1 < kLevels ? hierarchy.levels[i + 1].firstCell : hierarchy.cells;
+            level.columns = firsts[level.firstCell] < firsts[end] ? level.columns : 0;
+        }
+        Leaves leaves(cells.size());
+        std::vector<Print> sorted(cells.size() + 3); // four are read at once
         for (size_t i = 0; i < cells.size(); ++i)
         {
-            cells[i] = counts[i] == 0            ? kEmpty
-                       : counts[i] > kMostInCell ? kDeep
-                       : counts[i] > kInline     ? kList
-                                                 : pack(firsts[i]);
-            deep += cells[i] == kDeep;
-            if (cells[i] == kList)
+            const uint32_t number = next[cells[i]]++;
+            leaves[number] = tree.leaves[i];
+            sorted[number] = prints[i];
+            cells[i] = number;
+        }
+        tree.leaves.swap(leaves);
+        prints.swap(sorted);
+        for (Node &node : tree.nodes)
+        {
+            for (uint32_t i = 0; i < kWidth; ++i)
             {
-                const size_t place = lists.size();
-                const uint32_t here = std::min(counts[i], kInline);
-                lists.insert(lists.end(), firsts[i].begin(), firsts[i].begin() + here);
-                lists.resize(place + counts[i] + 1, kNone);
-                cells[i] |= place;
-                counts[i] = static_cast<uint32_t>(place + here); // where its next goes
+                uint32_t &child = node.children[i];
+                child = (child & kLeaf) != 0 ? cells[child & ~kLeaf] | kLeaf : child;
             }
         }
-        for (const auto &[cell, block] : more)
-        {
-            if (cells[cell] != kDeep)
-            {
-                lists[counts[cell]++] = block;
-            }
-        }
-        if (2 * deep > cells.size())
-        {
-            columns = 0;
-            cells.clear();
-            lists.clear();
-        }
+        return true;
     }
 };
 
@@ -1341,22 +1330,17 @@ pfHierarchy *build(std::span<const pfTriangle> triangles, void *arena)
 {
     pfHierarchy made = {};
     measure(triangles, made);
-    std::vector<Node> nodes;
-    Leaves leaves;
+    Tree tree;
     {
         Builder builder(itemsOf(triangles, made), static_cast<uint32_t>(triangles.size()));
-        nodes.swap(builder.tree.nodes);
-        leaves.swap(builder.tree.leaves);
+        std::swap(tree, builder.tree);
     }
-    const GridBuilder grid(triangles, made, leaves);
-    made.columns = grid.columns;
-    made.rows = grid.rows;
-    made.cellsPerX = grid.perUnit[0];
-    made.cellsPerY = grid.perUnit[1];
+    const GridBuilder grid(triangles, made, tree);
+    const auto &[nodes, leaves] = tree;
 
     Layout layout;
     const size_t offsets[] = {layout.add<Node>(nodes.size()), layout.add<Block>(leaves.size()),
-                              layout.add<Cell>(grid.cells.size()), layout.add<uint32_t>(grid.lists.size())};
+                              layout.add<uint32_t>(grid.firsts.size()), layout.add<Print>(grid.prints.size())};
     void *memory =
         layout.isPossible ? pfMalloc(sizeof(pfHierarchy) + alignof(Node) - 1 + layout.bytes, arena) : nullptr;
     if (memory == nullptr)
@@ -1368,8 +1352,8 @@ pfHierarchy *build(std::span<const pfTriangle> triangles, void *arena)
     const size_t start = (address + sizeof(pfHierarchy) + alignof(Node) - 1) / alignof(Node) * alignof(Node) - address;
     made.nodes = start + offsets[0];
     made.blocks = start + offsets[1];
-    made.cells = start + offsets[2];
-    made.lists = start + offsets[3];
+    made.firsts = start + offsets[2];
+    made.prints = start + offsets[3];
     auto *hierarchy = new (memory) pfHierarchy(made);
     std::copy(nodes.begin(), nodes.end(), partAt<Node>(*hierarchy, made.nodes));
     auto *blocks = partAt<Block>(*hierarchy, made.blocks);
@@ -1381,8 +1365,8 @@ pfHierarchy *build(std::span<const pfTriangle> triangles, void *arena)
         }
         ++blocks;
     }
-    std::copy(grid.cells.begin(), grid.cells.end(), partAt<Cell>(*hierarchy, made.cells));
-    std::copy(grid.lists.begin(), grid.lists.end(), partAt<uint32_t>(*hierarchy, made.lists));
+    std::copy(grid.firsts.begin(), grid.firsts.end(), partAt<uint32_t>(*hierarchy, made.firsts));
+    std::copy(grid.prints.begin(), grid.prints.end(), partAt<Print>(*hierarchy, made.prints));
     return hierarchy;
 }
 

@@ -16,6 +16,13 @@
 #include <tuple>
 #include <vector>
 
+// Before a loop over axes that every segment comes to.
+#ifdef __clang__
+#define UNROLL _Pragma("unroll")
+#else
+#define UNROLL _Pragma("GCC unroll 3")
+#endif
+
 struct pfHit
 {
     // Nothing is set: that is done at once where one is made.
@@ -95,11 +102,13 @@ bool isFinite(std::span<const double, 3> vector)
 void settleDirection(Place &place)
 {
     constexpr double kNothing = 1e-290;
+    UNROLL
     for (int axis = 0; axis < 3; ++axis)
     {
-        double &component = place.segment.direction[axis];
-        component = std::fabs(component) < kNothing ? 0.0 : component;
-        place.inverse[axis] = component != 0.0 ? 1.0 / component : 0.0;
+        const double component = place.segment.direction[axis];
+        const bool moves = !(std::fabs(component) < kNothing);
+        place.segment.direction[axis] = moves ? component : 0.0;
+        place.inverse[axis] = moves ? 1.0 / component : 0.0;
     }
 }
 
@@ -109,6 +118,7 @@ inline bool meets(const pfBox &box, const Place &place, double least, double mos
 {
     constexpr double kSlack = 1.0 + 16.0 * DBL_EPSILON;
     const pfLocalSegment &segment = place.segment;
+    UNROLL
     for (int axis = 0; axis < 3; ++axis)
     {
         const double below = box.min[axis] - segment.origin[axis];
@@ -587,11 +597,17 @@ bool start(Work &work, int number)
     work.steps.clear();
     work.places.erase(work.places.begin() + 1, work.places.end());
     Place &world = work.places.back();
-    std::copy_n(segment.pos, 3, world.segment.origin);
-    std::copy_n(segment.dir, 3, world.segment.direction);
+    double sum = segment.length; // of floats: finite when they are
+    UNROLL
+    for (int axis = 0; axis < 3; ++axis)
+    {
+        world.segment.origin[axis] = segment.pos[axis];
+        world.segment.direction[axis] = segment.dir[axis];
+        sum += world.segment.origin[axis] + world.segment.direction[axis];
+    }
+    const bool isFinite = std::isfinite(sum);
     settleDirection(world);
-    return segment.length >= 0.0F && std::isfinite(segment.length) && isFinite(world.segment.origin) &&
-           isFinite(world.segment.direction);
+    return segment.length >= 0.0F && isFinite;
 }
 
 // The hits from first up to last as an array. Their addresses tell in which order they were found.
@@ -704,6 +720,7 @@ struct BusyWhile
 void pointOf(const pfTriangleHit &where, float *to)
 {
     const auto &corners = where.triangle.corners;
+    UNROLL
     for (int axis = 0; axis < 3; ++axis)
     {
         const double origin = corners[0][axis];
@@ -787,8 +804,8 @@ int pfQueryHit(const pfHit *hit, unsigned int query, void *dst)
     case PFQHIT_DISTANCE:
         return give(dst, static_cast<float>(hit->where.t));
     case PFQHIT_POINT:
-        pointOf(hit->where, vector);
-        return give(dst, vector);
+        pointOf(hit->where, static_cast<float *>(dst));
+        return 1;
     case PFQHIT_NORM:
         if (hit->wantsNormal)
         {

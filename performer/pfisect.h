@@ -8,8 +8,8 @@
  * ways is intersected on each. Nodes have all their children but switches (pfSwitchVal) and LODs (the first one).
  *
  * A first intersection builds a hierarchy of the triangles of each GeoSet that it comes to, in the arena of the GeoSet; where
- * there is no room for it, all triangles are tested, which takes time but gives the same hits. The lists of a GeoSet are read
- * only then: who changes them in place calls pfGSetAttr again. Nodes that may be deleted or edited by others meanwhile must be
+ * there is no room for it, all triangles are tested, which takes time but gives the same hits, and room is sought again now and then. The
+ * lists of a GeoSet are read only then: who changes them in place calls pfGSetAttr again. Nodes that may be deleted or edited by others meanwhile must be
  * guarded by the caller; several threads and processes may intersect the same graph at once.
  */
 #ifndef TOLVIN_PERFORMER_PFISECT_H
@@ -75,7 +75,7 @@ typedef struct pfSegSet
  *        thread's and last until its next intersection; copy what is to be kept.
  * Returns how many segments were hit; 0, with a report, for null pointers and what is no node. hits[i] are empty arrays then,
  * unless there is no hits, or no segSet to tell which ones are active.
- * Hits for which memory runs out are left out, of each segment the farthest first, with a report. So is, should it run out on
+ * Hits for which memory runs out are left out, with a report: the farthest of the segment at hand, and those of later ones. So is, should it run out on
  * the way down, what is below.
  */
 PF_API int pfNodeIsectSegs(pfNode *node, pfSegSet *segSet, pfHit **hits[]);

@@ -1,5 +1,7 @@
 #include "pfmaterial.h"
 
+#include "pftype.hpp"
+
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
@@ -13,6 +15,8 @@ struct pfMaterial
     float alpha;
 };
 
+constinit pfType pfMaterialType = {"pfMaterial", nullptr, nullptr};
+
 namespace
 {
 
@@ -25,7 +29,7 @@ bool isGiven(const char *function, const pfMaterial *material)
     {
         fprintf(stderr, "%s: no material\n", function);
     }
-    return material != nullptr;
+    return material != nullptr && pfIsGiven(function, material, pfMaterialType);
 }
 
 // The place of a colour in pfMaterial.colors; -1, with a report, when there is no such colour or no material.
@@ -58,6 +62,7 @@ pfMaterial *pfNewMtl(void *arena)
     {
         return nullptr;
     }
+    pfSetType(memory, pfMaterialType);
     return new (memory) pfMaterial{
         .colorModes = {}, .colors = {{0.2F, 0.2F, 0.2F}, {0.8F, 0.8F, 0.8F}}, .shininess = 0.0F, .alpha = 1.0F};
 }

@@ -2,7 +2,7 @@
  * Materials of the platform layer: they keep what they are given, for a renderer to use and for anybody to read back.
  *
  * A material is a block of pfNewMtl's arena, with the reference count of pfmemory.h: pfRef, pfUnref and pfDelete work
- * on it. No function takes a lock. A null material, or a selector that is not named here, is reported on standard error
+ * on it. No function takes a lock. A null material, an object that is none, or a selector that is not named here, is reported on standard error
  * and changes nothing; reading from it gives 0.
  */
 #ifndef TOLVIN_PERFORMER_PFMATERIAL_H

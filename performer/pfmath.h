@@ -1,4 +1,7 @@
-/* Vectors, matrices and boxes of the platform layer. No pointer may be null; nothing is reported. */
+/*
+ * Vectors, matrices and boxes of the platform layer. No pointer may be null; nothing is reported. C before C23 knows no way from
+ * a pfMatrix to a const one without a warning when it is pedantic: such callers cast.
+ */
 #ifndef TOLVIN_PERFORMER_PFMATH_H
 #define TOLVIN_PERFORMER_PFMATH_H
 

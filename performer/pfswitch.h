@@ -1,5 +1,6 @@
 /*
- * Groups of which some children count: switches, by choice, and LODs, by distance from the eye. As in pfnode.h otherwise.
+ * Groups of which some children count: switches, by choice, and LODs, by distance from the eye. Points must not be
+ * null. As in pfnode.h otherwise.
  */
 #ifndef TOLVIN_PERFORMER_PFSWITCH_H
 #define TOLVIN_PERFORMER_PFSWITCH_H

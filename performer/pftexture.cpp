@@ -1,5 +1,7 @@
 #include "pftexture.h"
 
+#include "pftype.hpp"
+
 #include <cstdio>
 #include <new>
 
@@ -13,6 +15,8 @@ struct pfTexture
     int internalFormat;
 };
 
+constinit pfType pfTextureType = {"pfTexture", nullptr, nullptr};
+
 namespace
 {
 
@@ -22,7 +26,7 @@ bool isGiven(const char *function, const pfTexture *texture)
     {
         fprintf(stderr, "%s: no texture\n", function);
     }
-    return texture != nullptr;
+    return texture != nullptr && pfIsGiven(function, texture, pfTextureType);
 }
 
 // The report belongs to the condition: a selector that a function does not know.
@@ -63,6 +67,7 @@ pfTexture *pfNewTex(void *arena)
     {
         return nullptr;
     }
+    pfSetType(memory, pfTextureType);
     auto *texture = new (memory) pfTexture{};
     texture->repeat[0] = PFTEX_REPEAT;
     texture->repeat[1] = PFTEX_REPEAT;

@@ -3,7 +3,7 @@
  * Texels stay the caller's: a texture only points to them.
  *
  * A texture is a block of pfNewTex's arena, with the reference count of pfmemory.h: pfRef, pfUnref and pfDelete work on
- * it. No function takes a lock. A null texture, or a selector that is not named here, is reported on standard error and
+ * it. No function takes a lock. A null texture, an object that is none, or a selector that is not named here, is reported on standard error and
  * changes nothing; reading from it gives 0.
  */
 #ifndef TOLVIN_PERFORMER_PFTEXTURE_H

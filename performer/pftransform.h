@@ -1,6 +1,7 @@
 /*
  * Coordinate systems: groups whose children have their coordinates transformed by a matrix. That of an SCS is given once,
- * a DCS may change it at any time. A DCS is an SCS, and both are groups. As in pfnode.h otherwise.
+ * a DCS may change it at any time. A DCS is an SCS, and both are groups. Matrices must not be null where
+ * nothing else is said. As in pfnode.h otherwise.
  */
 #ifndef TOLVIN_PERFORMER_PFTRANSFORM_H
 #define TOLVIN_PERFORMER_PFTRANSFORM_H

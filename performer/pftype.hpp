@@ -21,9 +21,11 @@ struct pfType
     void (*release)(void *object, pfDeletion &deletion);
 };
 
-// The types of pfgeoset.cpp and pfgstate.cpp.
+// The types of pfgeoset.cpp, pfgstate.cpp, pfmaterial.cpp and pftexture.cpp.
 extern pfType pfGeoSetType;
 extern pfType pfGeoStateType;
+extern pfType pfMaterialType;
+extern pfType pfTextureType;
 
 // In pfmemory.cpp: make a new block an object of a type, before anybody else knows it.
 void pfSetType(void *block, const pfType &type);

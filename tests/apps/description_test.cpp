@@ -102,7 +102,7 @@ TEST_F(Descriptions, FillsSceneAndEntities)
     EXPECT_EQ(
         read("SCENE \"alps\" {\n COLLIDE 0xF0 ORIGIN -47.5 +359.25 650.5 # of the frame\n"
              "\nTERRAIN \"a.hgt\"\n{ STEP 3 RADIUS 5e3 UNDULATION -46.5 }\n"
-             " TERRAIN \"b.png\" { SPACING .5 HEIGHT -10 20 CENTER 1 -2 } TERRAIN \"c.obj\" { SCALE 0.001 UP Y } }\n"
+             " TERRAIN \"b.PNG\" { SPACING .5 HEIGHT -10 20 CENTER 1 -2 } TERRAIN \"c.obj\" { SCALE 0.001 UP Y } }\n"
              "MATERIALLIST \"m\" { } ENTITY\n \"jeep \xC3\xBC of the north\" { ID 1 65534 3 }\n"
              "ENTITY \"plane\" { SHM 2001 64 MASK 4294967295 HEIGHT 100 HEADING -90 START -500.25 1e3 LIFT 2.5 PROBE 1 "
              "2 3\n"
@@ -111,18 +111,19 @@ TEST_F(Descriptions, FillsSceneAndEntities)
         "");
     const SceneDescription &scene = description_.scene.value();
     EXPECT_TRUE(scene.name == "alps" && scene.collide == 0xF0);
+    EXPECT_EQ(description_.entities[0].mask & SceneDescription().collide, 0u); // ground only where asked for
     EXPECT_TRUE(scene.origin.latitude == -47.5 && scene.origin.longitude == 359.25 && scene.origin.height == 650.5);
     ASSERT_EQ(scene.terrains.size(), 3u);
     const TerrainDescription &a = scene.terrains[0], &b = scene.terrains[1], &c = scene.terrains[2];
-    EXPECT_TRUE(a.step == 3 && a.radius == 5000.0 && a.undulation == -46.5 && a.line == 4 && !a.spacing);
+    EXPECT_TRUE(a.step == 3 && a.radius == 5000.0 && a.undulation == -46.5 && a.where == "4:1" && !a.spacing);
     EXPECT_TRUE(b.spacing == 0.5 && b.lowest == -10.0 && b.highest == 20.0 && b.center[0] == 1.0 &&
                 b.center[1] == -2.0);
     EXPECT_TRUE(c.model.file == "c.obj" && c.model.scale == 0.001 && c.model.up == UpAxis::Y);
     ASSERT_EQ(description_.entities.size(), 2u);
     const EntityDescription &jeep = description_.entities[0], &plane = description_.entities[1];
     EXPECT_TRUE(jeep.id->site == 1 && jeep.id->application == 65534 && jeep.id->entity == 3 && !jeep.model);
-    EXPECT_TRUE(jeep.line == 7 && jeep.marking == "jeep ?? of " && jeep.motion == VU_MOTION_NONE &&
-                jeep.probes.empty());
+    EXPECT_TRUE(jeep.line == 7 && jeep.where == "7:21" && jeep.marking == "jeep ?? of " &&
+                jeep.motion == VU_MOTION_NONE && jeep.probes.empty());
     EXPECT_TRUE(plane.model->file == "p/q.obj" && plane.model->up == UpAxis::Z && plane.line == 9 && !plane.id);
     const vuEntityType &type = plane.type;
     EXPECT_TRUE(type.kind == 1 && type.domain == 2 && type.country == 65535 && type.category == 4);
@@ -188,11 +189,13 @@ TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
          "5:6 {: expected a number\n"
          "6:16 v: expected a file in quotes, WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }\n"},
         // Scenes and entities: places, names of blocks, braces.
-        {"MATERIALLIST \"m\" { }\nSCENE \"s\" {\n ORIGN 1 2 3 COLLIDE 0xfffffffff\n TERRIAN \"a\" { STEP 0 RADIUS x 5\n"
+        {"MATERIALLIST \"m\" { }\nSCENE \"s\" {\n ORIGN 1 2 3 COLLIDE 0xfffffffff\n TERRIAN \"a.hgt\" { STEP 0 RADIUS "
+         "x 5\n"
          " SPACING COLLIDE -1 }\nENTITY \"e\" { MODLE \"m\" { UP X }\n STEP 1 MODEL \"\" ID 1 2 }\nSCENE \"t\" { }",
          "3:2 ORIGN: expected ORIGIN, COLLIDE, TERRAIN or }\n3:22 0xfffffffff: expected a mask of 32 bits, like 255 or "
-         "0xff\n4:2 TERRIAN: expected ORIGIN, COLLIDE, TERRAIN or }\n4:21 0: expected a whole number from 1 to 10000\n"
-         "4:30 x: expected metres from 0.001 to 10000000\n5:10 COLLIDE: expected metres from 0.001 to 10000000\n"
+         "0xff\n4:2 TERRIAN: expected ORIGIN, COLLIDE, TERRAIN or }\n4:25 0: expected a whole number from 1 to 10000\n"
+         "4:34 x: expected metres from 0.001 to 10000000\n5:2 SPACING: expected STEP, RADIUS or UNDULATION for a cell "
+         "(.hgt)\n5:10 COLLIDE: expected metres from 0.001 to 10000000\n"
          "5:18 -1: expected a mask of 32 bits, like 255 or 0xff\n"
          "6:14 MODLE: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, "
          "HEIGHT, MASK, SHM or }\n6:29 X: expected Y, Z\n7:2 STEP: expected MODEL, ID, TYPE, FORCE, MARKING, MOTION, "
@@ -200,13 +203,24 @@ TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
          "7:25 }: expected a whole number from 1 to 65534\n8:1 SCENE: expected 1 of them at "
          "most\n"},
         // All ranges; of a value that is missing only the first is told.
-        {"SCENE \"s\" { ORIGIN 90.1 -181 1e8 ORIGIN 1\n TERRAIN \"t\" { HEIGHT 5 5 CENTER nan 0 SCALE 0 UNDULATION 2e7 "
-         "} }",
+        {"SCENE \"s\" { ORIGIN 90.1 -181 1e8 ORIGIN 1\n TERRAIN \"t.png\" { HEIGHT 5 5 CENTER nan 0 }\n"
+         " TERRAIN \"t.hgt\" { UNDULATION 2e7 } TERRAIN \"t\" { SCALE 0 } COLLIDE 0 }",
          "1:20 90.1: expected a latitude from -90 to 90\n1:25 -181: expected a longitude from -180 to 360\n"
          "1:30 1e8: expected metres from -10000000 to 10000000\n1:34 ORIGIN: expected 1 of them at most\n"
-         "2:2 TERRAIN: expected a longitude from -180 to 360\n2:25 5: expected more metres for white than for black\n"
-         "2:34 nan: expected metres from -10000000 to 10000000\n2:46 0: expected a scale from 1e-06 to 1000000\n"
-         "2:59 2e7: expected metres from -10000000 to 10000000\n"},
+         "2:2 TERRAIN: expected a longitude from -180 to 360\n2:29 5: expected more metres for white than for black\n"
+         "2:38 nan: expected metres from -10000000 to 10000000\n3:31 2e7: expected metres from -10000000 to 10000000\n"
+         "3:57 0: expected a scale from 1e-06 to 1000000\n3:69 0: expected a mask with a bit\n"},
+        // What does not belong to the kind of a terrain, names that cannot be shown.
+        {"SCENE \"s\x1B\" { TERRAIN \"a.HGT\" { STEP 2 CENTER 0 0 }\n TERRAIN \"b.png\" { RADIUS 5 UP Y }\n TERRAIN "
+         "\"hgt\" { "
+         "SPACING x } }\nENTITY \"e\x7F\" { }",
+         "1:7 \"s\\x1B\": expected a name without control characters\n"
+         "1:38 CENTER: expected STEP, RADIUS or UNDULATION for a cell (.hgt)\n"
+         "2:20 RADIUS: expected SPACING, HEIGHT or CENTER for a picture (.png)\n"
+         "2:29 UP: expected SPACING, HEIGHT or CENTER for a picture (.png)\n"
+         "3:18 SPACING: expected CENTER, UP or SCALE for a model\n"
+         "3:26 x: expected metres from 0.001 to 10000000\n4:8 \"e\\x7F\": expected a name without control "
+         "characters\n"},
         {"ENTITY \"a\" {\n ID 0 65535 1.5\n TYPE 1 256 -1 x 1 1 1\n FORCE 256 LIFT 0 HEIGHT -1 HEADING 361 MOTION "
          "SWIM\n"
          " MARKING \"twelve bytes\"\n PROBE 1 2 3 SHM -1 4294967296 MASK 08x START 1\n}",
@@ -226,11 +240,11 @@ TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
          "2:8 \"a\": expected a name that no other ENTITY has\n2:17 1 2 3: expected an identity that no other ENTITY "
          "has\n2:23 \"x\": expected a second quote on the same line\n3:37 PROBE: expected 3 of them at most\n"},
         // Blocks out of place are checked, and never deeper than they can be.
-        {"TERRAIN \"t\" { MODEL \"m\" { TERRAIN \"u\" { STEP x } } }",
+        {"TERRAIN \"t\" { MODEL \"m\" { TERRAIN \"u.hgt\" { STEP x } } }",
          "1:1 TERRAIN: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n1:15 MODEL: expected }\n"
-         "1:27 TERRAIN: expected }\n1:46 x: expected a whole number from 1 to 10000\n"
-         "1:50 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"
-         "1:52 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
+         "1:27 TERRAIN: expected }\n1:50 x: expected a whole number from 1 to 10000\n"
+         "1:54 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"
+         "1:56 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
         {"MATERIALLIST \"m\" { } }", "1:22 }: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY\n"},
     };
     for (const auto &[text, errors] : cases)
@@ -268,7 +282,8 @@ TEST_F(Descriptions, NoPrefixOfAnEntityIsTaken)
 TEST_F(Descriptions, MisplacedBlocksAndBracesDoNotTakeWhatFollows)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"SCENE \"s\" { TERRAIN \"a\" { STEP 2\n ORIGIN 1 2 3\nENTITY \"e\" { MODEL \"m\" UP Y ID 1 1 1 MODEL \"n\" { "
+        {"SCENE \"s\" { TERRAIN \"a.hgt\" { STEP 2\n ORIGIN 1 2 3\nENTITY \"e\" { MODEL \"m\" UP Y ID 1 1 1 MODEL "
+         "\"n\" { "
          "UP "
          "Y\nMOTION x }",
          "2:2 ORIGIN: expected }\n3:1 ENTITY: expected }\n3:24 UP: expected {\n3:29 ID: expected }\n3:38 MODEL: "
@@ -325,6 +340,10 @@ TEST_F(Descriptions, HasLimits)
 TEST_F(Descriptions, FilesNameThePlaceOfAnError)
 {
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_description_" + std::to_string(getpid()));
+    std::ofstream(file) << "ENTITY \"e\" {\n}\nSCENE \"s\" { TERRAIN \"t\" }";
+    readDescriptionFile(file, *root_, description_);
+    EXPECT_EQ(description_.entities[0].where, file.string() + ":1:1");
+    EXPECT_EQ(description_.scene->terrains[0].where, file.string() + ":3:13");
     std::ofstream(file) << "MATERIALLIST \"m\" {\n}\nrest";
     try
     {

@@ -247,9 +247,15 @@ TEST_F(TerrainTest, ModelsStandOnPictures)
         const auto ground = terrain.groundAt(east, north);
         EXPECT_TRUE(ground && std::abs(ground->height - height) < 1e-4 && ground->normal[2] > 0.9999) << east;
     }
+    // Below its roof the house is open.
+    for (const auto &[from, height] :
+         {std::pair{31.0, 30.0}, {30.0, 30.0}, {29.9, 7.0}, {7.0, 7.0}, {6.9, -1.0}, {NAN, -1.0}})
+    {
+        EXPECT_EQ(terrain.groundAt(-30.0, 40.0, from).value_or(GroundPoint{-1.0, {}}).height, height) << from;
+    }
 }
 
-TEST_F(TerrainTest, ErrorsNameFileAndLine)
+TEST_F(TerrainTest, ErrorsNameFileAndPlace)
 {
     writePicture("p.png", 2, 2, [](unsigned, unsigned) { return 0; });
     writeCell("N47E011.hgt", 3, [](int, int) { return 100; });
@@ -257,11 +263,10 @@ TEST_F(TerrainTest, ErrorsNameFileAndLine)
     write("x.png", {1, 2, 3});
     write("N00E000.HGT", Bytes(17));
     const std::pair<const char *, const char *> cases[] = {
-        {"p.png", "p.png: a picture of heights: expected SPACING, metres from pixel to pixel (TERRAIN of line 12)"},
-        {"none.png", "none.png: No such file or directory (TERRAIN of line 12)"},
-        {"x.png", "x.png: no PNG file: expected one that begins with 89 50 4e 47 (TERRAIN of line 12)"},
-        {"cell.hgt",
-         "cell.hgt: expected a name that tells where the cell is, such as N47E011.hgt (TERRAIN of line 12)"},
+        {"p.png", "p.png: a picture of heights: expected SPACING, metres from pixel to pixel"},
+        {"none.png", "none.png: No such file or directory"},
+        {"x.png", "x.png: no PNG file: expected one that begins with 89 50 4e 47"},
+        {"cell.hgt", "cell.hgt: expected a name that tells where the cell is, such as N47E011.hgt"},
         {"N00E000.HGT", "N00E000.HGT: 17 bytes: expected a square"},
         {"N47E011.hgt",
          "N47E011.hgt: no ground: expected four known heights beside one another, within RADIUS of the origin"},
@@ -271,16 +276,17 @@ TEST_F(TerrainTest, ErrorsNameFileAndLine)
     {
         scene_.terrains.clear();
         TerrainDescription &terrain = add(file);
-        terrain.line = 12;
         if (std::string(file) != "p.png")
         {
             terrain.spacing = 1.0;
         }
         EXPECT_TRUE(refusal().starts_with(expected)) << refusal();
+        terrain.where = folder_ / "s.scene:5:3";
+        EXPECT_TRUE(refusal().starts_with("s.scene:5:3: " + (folder_ / expected).string())) << refusal();
     }
     scene_.terrains.clear();
     addPicture("p.png", 1.0);
-    EXPECT_TRUE(refusal().starts_with("p.png: no ground")) << refusal(); // all is transparent
+    EXPECT_EQ(refusal(), "p.png: no ground: expected four known heights beside one another"); // all is transparent
     scene_.terrains[0].spacing = 1e308;
     EXPECT_EQ(refusal(), "p.png: reaches farther than 10000 km from the origin");
 }

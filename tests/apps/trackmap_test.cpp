@@ -55,10 +55,10 @@ TEST(TrackMap, DrawsEastToTheRightAndNorthUp)
         track.reported.add({radius, east, 500.0 * east / 1000.0});
     }
     const auto file = std::filesystem::temp_directory_path() / ("tolvin_map_" + std::to_string(getpid()) + ".svg");
-    writeTrackMap(file, {track}, "A & B <c>");
+    writeTrackMap(file, {track}, "A & B <c>\x1B\t");
     const std::string svg = contentOf(file);
     std::filesystem::remove(file);
-    EXPECT_NE(svg.find("A &amp; B &lt;c&gt;"), std::string::npos);
+    EXPECT_NE(svg.find("A &amp; B &lt;c&gt;\xEF\xBF\xBD\t"), std::string::npos);
     EXPECT_NE(svg.find(">-1000<"), std::string::npos); // a tick on the axes
 
     double x[2], y[2];

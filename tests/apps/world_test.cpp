@@ -152,7 +152,8 @@ protected:
         EXPECT_EQ(blocksInUse(), before_);
     }
 
-    void make(const std::function<double(double, double)> &height, const std::vector<EntityDescription> &entities)
+    void make(const std::function<double(double, double)> &height, const std::vector<EntityDescription> &entities,
+              const char *more = "")
     {
         constexpr int kSide = 61;
         std::ofstream out(folder_ / "hill.obj");
@@ -171,6 +172,7 @@ protected:
                     << a + kSide << '\n';
             }
         }
+        out << more;
         out.close();
         description_.scene.emplace();
         description_.scene->name = "hill";
@@ -326,23 +328,46 @@ TEST_F(Worlds, AircraftGoOverTheGround)
     EXPECT_EQ(world_->entities().front().entity->position[2], 0.0); // nobody drives the jeep
 }
 
+TEST_F(Worlds, WhatIsOverheadIsNoGround)
+{
+    jeep_.start = {0.0, -100.0};
+    jeep_.lift = 0.1; // the probes need more
+    EntityDescription above = jeep_;
+    above.name = "above";
+    above.motion = VU_MOTION_FLY;
+    above.height = 15.0;
+    above.start = {0.0, -40.0};
+    above.model.emplace().file = "hill.obj";
+    make([](double, double y) { return 0.2 * y; }, {jeep_, above},
+         "v -9 -9 60\nv 9 -9 60\nv 9 9 60\nv -9 9 60\nf -4 -3 -2 -1\n"); // a deck
+    for (int i = 0; i < 180; ++i)
+    {
+        drive(1, PFUMOUSE_LEFT);
+        ASSERT_NEAR(driven().position[2], 0.2 * driven().position[1], 1e-3);
+        ASSERT_NEAR(*world_->driven()->ground, 0.2 * driven().position[1], 1e-3);
+    }
+    EXPECT_GT(driven().position[1], 50.0);
+    EXPECT_NEAR(driven().orientation[1], std::atan(0.2), 1e-3);
+}
+
 TEST_F(Worlds, WhatIsWrongIsToldAndNothingStays)
 {
-    jeep_.line = 7;
+    jeep_.where = "a.scene:7:1";
     EntityDescription far = jeep_;
     far.start = {1000.0, 0.0};
-    EXPECT_EQ(failure({far}), "ENTITY \"jeep\" of line 7: there is no ground at its START");
+    EXPECT_EQ(failure({far}), "a.scene:7:1: ENTITY \"jeep\": there is no ground at its START");
     EntityDescription foreign = jeep_;
     foreign.id = vuEntityId{2, 3, 1};
-    EXPECT_EQ(failure({jeep_, foreign}), "ENTITY \"jeep\" of line 7: ID 2:3:1 does not begin with site 1 and "
+    EXPECT_EQ(failure({jeep_, foreign}), "a.scene:7:1: ENTITY \"jeep\": ID 2:3:1 does not begin with site 1 and "
                                          "application 1000, which this program has");
     EntityDescription model = jeep_;
     model.model.emplace().file = "nothing.obj";
+    EXPECT_EQ(failure({model}).find("a.scene:7:1: ENTITY \"jeep\": "), 0u);
     EXPECT_NE(failure({model}).find("nothing.obj"), std::string::npos);
     EntityDescription still = jeep_;
     still.motion = VU_MOTION_NONE;
     options_.driven = "jeep";
-    EXPECT_EQ(failure({still}), "ENTITY \"jeep\" of line 7: has neither MOTION DRIVE nor MOTION FLY");
+    EXPECT_EQ(failure({still}), "a.scene:7:1: ENTITY \"jeep\": has neither MOTION DRIVE nor MOTION FLY");
     options_.driven = "tank";
     EXPECT_EQ(failure({jeep_}), "the description has no ENTITY \"tank\" to drive");
     EXPECT_EQ(root_.scenes.first, nullptr);
@@ -354,7 +379,6 @@ TEST_F(Worlds, NodesAndVariablesAreThoseOfTheDescription)
     jeep_.heading = 90.0;
     jeep_.shmSize = 64;
     jeep_.model.emplace().file = "hill.obj";
-    description_.scene.emplace();
     make([](double, double) { return 3.0; }, {jeep_, jeep_});
     const vuEntity &entity = driven();
     EXPECT_EQ(pfGetNodeTravMask(entity.nodes[1], PFTRAV_ISECT), 0x10u);

@@ -90,7 +90,7 @@ TEST(PfGeoState, HoldsWhatItIsGivenOnce)
     for (int i = 0; i < 4; ++i)
     {
         pfGStateAttr(gstate, PFSTATE_FRONTMTL, materials[i / 2]), pfGSetGState(gset, gstate);
-        pfGStateAttr(gstate, PFSTATE_TEXTURE, materials[1]);
+        pfGStateAttr(gstate, PFSTATE_BACKMTL, materials[1]);
         EXPECT_EQ(pfGetGStateAttr(gstate, PFSTATE_FRONTMTL), materials[i / 2]);
         EXPECT_EQ(pfGetRef(materials[0]), i < 2);
         EXPECT_EQ(pfGetRef(materials[1]), 1 + i / 2);
@@ -98,6 +98,8 @@ TEST(PfGeoState, HoldsWhatItIsGivenOnce)
     }
     pfGStateAttr(gstate, PFSTATE_FRONTMTL, nullptr);
     EXPECT_EQ(linesOf([=] { pfGStateAttr(gstate, 3, nullptr), pfGStateMode(gstate, -1, 0); }), 2);
+    EXPECT_EQ(linesOf([=] { pfGStateAttr(gstate, PFSTATE_TEXTURE, materials[0]); }), 1);
+    EXPECT_EQ(linesOf([=] { pfMtlAlpha(reinterpret_cast<pfMaterial *>(gset), 0.5F); }), 1);
     EXPECT_EQ(linesOf([=] { pfGSetGState(gset, reinterpret_cast<pfGeoState *>(gset)); }), 1);
     EXPECT_EQ(linesOf([=] { pfGetGStateAttr(reinterpret_cast<pfGeoState *>(gset), 0), pfGetGStateMode(gstate, 4); }),
               2);
