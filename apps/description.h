@@ -122,7 +122,6 @@ struct EntityDescription
     std::uint32_t mask = 0xfffffffe; // no ground for others, with a scene's default
     std::int32_t shmKey = 0;
     std::uint32_t shmSize = 0; // bytes
-    int line = 0;              // where it stands in the file
     std::string where;         // FILE:LINE:COLUMN, as of a terrain
 };
 

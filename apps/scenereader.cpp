@@ -269,7 +269,6 @@ EntityDescription SceneReader::entity()
          }},
     };
     Entity entity;
-    entity.line = in_.keyword().line;
     entity.where = placeOf(in_.keyword());
     entity.name = entityName();
     entity.marking = markingOf(entity.name);

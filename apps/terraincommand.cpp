@@ -8,6 +8,7 @@
 #include "quietstderr.h"
 #include "terrain.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -194,38 +195,98 @@ bool printGround(const char *kind, const std::string &place, const std::optional
     return true;
 }
 
-// On the very edge of a cell, where people ask for whole degrees, rounding decides whether there is ground: the next
-// centimetre counts as well.
-std::optional<GroundPoint> groundCloseTo(const Terrain &terrain, const Vector3 &place)
+Vector3 middleOf(const GroundExtent &extent)
 {
-    constexpr double kNear = 0.01;
-    std::optional<GroundPoint> ground = terrain.groundAt(place[0], place[1]);
-    for (int i = 0; i < 9 && !ground; ++i)
+    Vector3 middle;
+    for (std::size_t i = 0; i < middle.size(); ++i)
     {
-        ground = terrain.groundAt(place[0] + (i % 3 - 1) * kNear, place[1] + (i / 3 - 1) * kNear);
+        middle[i] = (extent.least[i] + extent.greatest[i]) / 2.0;
     }
-    return ground;
+    return middle;
+}
+
+struct NearGround
+{
+    GroundPoint ground;
+    double distance; // metres from the place
+};
+
+// The ground at a place, or where there is none the next one on the way to the middle of all ground.
+//   farthest  metres to go for it
+std::optional<NearGround> groundNear(const Terrain &terrain, double east, double north, double farthest)
+{
+    const Vector3 middle = middleOf(*terrain.extent());
+    const double toEast = middle[0] - east;
+    const double toNorth = middle[1] - north;
+    const double toMiddle = std::hypot(toEast, toNorth);
+    const auto groundAfter = [&](double metres)
+    {
+        const double part = toMiddle == 0.0 ? 0.0 : metres / toMiddle;
+        return terrain.groundAt(east + part * toEast, north + part * toNorth);
+    };
+    double none = 0.0;
+    double some = 0.0;
+    std::optional<GroundPoint> ground = groundAfter(some);
+    if (!ground)
+    {
+        some = std::min(farthest, toMiddle);
+        ground = groundAfter(some);
+    }
+    while (ground && some - none > 0.001)
+    {
+        const double metres = (none + some) / 2.0;
+        const std::optional<GroundPoint> nearer = groundAfter(metres);
+        (nearer ? some : none) = metres;
+        ground = nearer ? nearer : ground;
+    }
+    return ground ? std::optional(NearGround{*ground, some}) : std::nullopt;
+}
+
+// On the very edge of a terrain, where people ask for whole degrees, rounding decides whether there is ground: the next
+// centimetre counts as well, and as much as coordinates of single precision are rounded.
+double roundingAt(double east, double north)
+{
+    return std::max(0.01, std::hypot(east, north) * 0x1p-22);
+}
+
+std::optional<GroundPoint> localGroundAt(const Terrain &terrain, double east, double north)
+{
+    const std::optional<NearGround> found = groundNear(terrain, east, north, roundingAt(east, north));
+    return found ? std::optional(found->ground) : std::nullopt;
 }
 
 // Height above the ellipsoid, and the normal in the frame of the place itself: away from the origin the ellipsoid's normal leans,
-// and the ground at a latitude and longitude is not straight below its place at height 0.
+// and the ground at a latitude and longitude is not straight below its place at any other height. Near the edge, such a place
+// may be outside.
 std::optional<GroundPoint> groundAt(const Terrain &terrain, Geodetic place)
 {
-    constexpr int kMostSteps = 20; // each brings it nearer a hundred times or more
-    std::optional<GroundPoint> ground;
+    constexpr double kLeastRadius = 6.3e6; // of the earth
+    constexpr int kMostSteps = 20;         // each brings it nearer a hundred times or more
+    const GroundExtent extent = *terrain.extent();
+    place.height = geodeticOf(terrain.frame().toGeocentric(middleOf(extent))).height;
+    const double range = extent.greatest[2] - extent.least[2];
+    std::optional<NearGround> found;
+    double rounding = 0.0;
     double step = 1.0;
     for (int i = 0; i < kMostSteps && std::abs(step) > 1e-5; ++i)
     {
         const Vector3 above = terrain.frame().toLocal(geocentricOf(place));
-        ground = groundCloseTo(terrain, above);
-        if (!ground)
+        rounding = roundingAt(above[0], above[1]);
+        const double leaning = std::hypot(above[0], above[1]) / kLeastRadius;
+        found = groundNear(terrain, above[0], above[1], rounding + leaning * range);
+        if (!found || above[2] < -kLeastRadius) // on the other side
         {
             return std::nullopt;
         }
-        const double height = geodeticOf(terrain.frame().toGeocentric({above[0], above[1], ground->height})).height;
+        const double height =
+            geodeticOf(terrain.frame().toGeocentric({above[0], above[1], found->ground.height})).height;
         step = height - std::exchange(place.height, height);
     }
-    const Vector3 normal = rotated(terrain.frame().rotation(), ground->normal);
+    if (found->distance > rounding)
+    {
+        return std::nullopt;
+    }
+    const Vector3 normal = rotated(terrain.frame().rotation(), found->ground.normal);
     return GroundPoint{place.height, rotated(transposed(LocalFrame(place).rotation()), normal)};
 }
 
@@ -243,7 +304,7 @@ void runTerrain(const TerrainOptions &options)
     for (const std::string &place : options.local)
     {
         const std::vector<double> numbers = numbersIn(place);
-        missing += printGround("local", place, terrain.groundAt(numbers[0], numbers[1])) ? 0 : 1;
+        missing += printGround("local", place, localGroundAt(terrain, numbers[0], numbers[1])) ? 0 : 1;
     }
     if (options.at.empty() && options.local.empty())
     {

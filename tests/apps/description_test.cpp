@@ -122,9 +122,9 @@ TEST_F(Descriptions, FillsSceneAndEntities)
     ASSERT_EQ(description_.entities.size(), 2u);
     const EntityDescription &jeep = description_.entities[0], &plane = description_.entities[1];
     EXPECT_TRUE(jeep.id->site == 1 && jeep.id->application == 65534 && jeep.id->entity == 3 && !jeep.model);
-    EXPECT_TRUE(jeep.line == 7 && jeep.where == "7:21" && jeep.marking == "jeep ?? of " &&
-                jeep.motion == VU_MOTION_NONE && jeep.probes.empty());
-    EXPECT_TRUE(plane.model->file == "p/q.obj" && plane.model->up == UpAxis::Z && plane.line == 9 && !plane.id);
+    EXPECT_TRUE(jeep.where == "7:22" && jeep.marking == "jeep ?? of " && jeep.motion == VU_MOTION_NONE &&
+                jeep.probes.empty());
+    EXPECT_TRUE(plane.model->file == "p/q.obj" && plane.model->up == UpAxis::Z && plane.where == "9:1" && !plane.id);
     const vuEntityType &type = plane.type;
     EXPECT_TRUE(type.kind == 1 && type.domain == 2 && type.country == 65535 && type.category == 4);
     EXPECT_TRUE(type.subcategory == 5 && type.specific == 6 && type.extra == 7 && plane.force == 2);
@@ -215,7 +215,7 @@ TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
          "\"hgt\" { "
          "SPACING x } }\nENTITY \"e\x7F\" { }",
          "1:7 \"s\\x1B\": expected a name without control characters\n"
-         "1:38 CENTER: expected STEP, RADIUS or UNDULATION for a cell (.hgt)\n"
+         "1:39 CENTER: expected STEP, RADIUS or UNDULATION for a cell (.hgt)\n"
          "2:20 RADIUS: expected SPACING, HEIGHT or CENTER for a picture (.png)\n"
          "2:29 UP: expected SPACING, HEIGHT or CENTER for a picture (.png)\n"
          "3:18 SPACING: expected CENTER, UP or SCALE for a model\n"
