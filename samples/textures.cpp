@@ -2,6 +2,7 @@
 // every machine gives the same bytes: numbers go through the four operations and square roots only.
 #include "../apps/noisepicture.h"
 #include "../apps/picture.h"
+#include "samplemain.h"
 
 #include <tolvin/kernel/kernelnoise.h>
 
@@ -10,7 +11,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -254,26 +254,16 @@ private:
 
 int main(int argc, char **argv)
 {
-    try
-    {
-        if (argc != 2)
-        {
-            throw std::runtime_error("expected a folder to write to, and nothing else");
-        }
-        if (noiseInitialize() != 1)
-        {
-            throw std::runtime_error("no room for the tables of the noise");
-        }
-        const std::string folder = argv[1];
-        writeGround(folder + "/ground.rgb");
-        writeRoad(folder + "/road.rgb");
-        writeTexture(folder + "/foliage.rgba", PixelFormat::Rgba, Crown());
-        noiseFree();
-        return 0;
-    }
-    catch (const std::exception &error)
-    {
-        std::fprintf(stderr, "Error: %s\n", error.what());
-        return 1;
-    }
+    return sampleMain(argc, argv,
+                      [](const std::string &folder)
+                      {
+                          if (noiseInitialize() != 1)
+                          {
+                              throw std::runtime_error("no room for the tables of the noise");
+                          }
+                          writeGround(folder + "/ground.rgb");
+                          writeRoad(folder + "/road.rgb");
+                          writeTexture(folder + "/foliage.rgba", PixelFormat::Rgba, Crown());
+                          noiseFree();
+                      });
 }

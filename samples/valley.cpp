@@ -2,6 +2,7 @@
 // every machine gives the same heights: they go through the four operations and square roots only.
 #include "driver.h"
 #include "landscape.h"
+#include "samplemain.h"
 
 #include "../apps/outputfile.h"
 
@@ -11,7 +12,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -106,26 +106,16 @@ Drive driveOn(const std::vector<Place> &road)
 
 int main(int argc, char **argv)
 {
-    try
-    {
-        if (argc != 2)
-        {
-            throw std::runtime_error("expected a folder to write to, and nothing else");
-        }
-        if (noiseInitialize() != 1)
-        {
-            throw std::runtime_error("no room for the tables of the noise");
-        }
-        const std::string folder = argv[1];
-        const Landscape valley = makeLandscape();
-        noiseFree();
-        writeHeights(folder + "/valley.png", valley.land);
-        writeDrive(folder + "/valley.drive", driveOn(valley.road));
-        return 0;
-    }
-    catch (const std::exception &error)
-    {
-        std::fprintf(stderr, "Error: %s\n", error.what());
-        return 1;
-    }
+    return sampleMain(argc, argv,
+                      [](const std::string &folder)
+                      {
+                          if (noiseInitialize() != 1)
+                          {
+                              throw std::runtime_error("no room for the tables of the noise");
+                          }
+                          const Landscape valley = makeLandscape();
+                          noiseFree();
+                          writeHeights(folder + "/valley.png", valley.land);
+                          writeDrive(folder + "/valley.drive", driveOn(valley.road));
+                      });
 }

@@ -1,13 +1,13 @@
 // Makes the sample models: sample_vehicles FOLDER writes jeep.obj and helicopter.obj there, in metres, y ahead, x to the right,
 // z up, the ground at z 0. Every run and every machine gives the same bytes.
 #include "../apps/outputfile.h"
+#include "samplemain.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
-#include <exception>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -217,20 +217,10 @@ void writeHelicopter(const std::string &file)
 
 int main(int argc, char **argv)
 {
-    try
-    {
-        if (argc != 2)
-        {
-            throw std::runtime_error("expected a folder to write to, and nothing else");
-        }
-        const std::string folder = argv[1];
-        writeJeep(folder + "/jeep.obj");
-        writeHelicopter(folder + "/helicopter.obj");
-        return 0;
-    }
-    catch (const std::exception &error)
-    {
-        std::fprintf(stderr, "Error: %s\n", error.what());
-        return 1;
-    }
+    return sampleMain(argc, argv,
+                      [](const std::string &folder)
+                      {
+                          writeJeep(folder + "/jeep.obj");
+                          writeHelicopter(folder + "/helicopter.obj");
+                      });
 }
