@@ -1,3 +1,8 @@
+#ifndef __clang__
+// Otherwise numbers that were stored one by one are read two at once, which has to wait until both stores are done.
+#pragma GCC optimize("no-tree-slp-vectorize")
+#endif
+
 #include "pfhierarchy.hpp"
 
 #include "pfmemory.h"
@@ -34,6 +39,8 @@ typedef double Doubles __attribute__((vector_size(32)));
 typedef int64_t DoubleBits __attribute__((vector_size(32)));
 typedef float Floats __attribute__((vector_size(32)));
 typedef int32_t FloatBits __attribute__((vector_size(32)));
+typedef uint8_t Bytes __attribute__((vector_size(32)));
+typedef uint32_t Words __attribute__((vector_size(32)));
 
 namespace
 {
@@ -47,7 +54,8 @@ constexpr uint32_t kNone = UINT32_MAX;
 constexpr int kLevels = 3; // the cells of each are four times as wide as those of the one before
 constexpr int kCellBits = 6;
 constexpr double kBlocksInCell = 3;
-constexpr int kMargin = 12; // blocks so near are fetched for the next segment, should it be a step away
+constexpr int kMargin = 12;     // blocks so near are fetched for the next segment, should it be a step away
+constexpr uint32_t kPrints = 8; // are read at once
 constexpr uint32_t kMostInCell = 64;
 constexpr uint32_t kMostAtPoint = 32; // blocks
 constexpr uint32_t kMostHuge = 16;
@@ -72,7 +80,8 @@ struct alignas(32) Node
 // leads to the blocks at once. It has squares of cells on several levels. Each block is at home in the cell of its least
 // corner, on the first level where it is no larger than a cell, so that it reaches into the next cells at most; blocks are in
 // the order of these cells. The box of a block from above is in units of 1/64 cell, rounded down, and its place counts from
-// any multiple of 256: nothing that is compared with it is so far away.
+// any multiple of 256: nothing that is compared with it is so far away. Before the first column and row there is an empty
+// one.
 struct Level
 {
     uint32_t columns; // a multiple of 4; 0 when no block is there
@@ -85,10 +94,15 @@ struct Print
     uint8_t size[2];
 };
 
-// Cells come in squares of 4 by 4, so that neighbours are near each other.
-INLINE uint32_t numberOfCell(uint32_t column, uint32_t row, uint32_t columns)
+// Cells come in squares of 4 by 4, so that neighbours are near each other: the number of a cell is the sum of these two.
+INLINE uint32_t numberOfColumn(uint32_t column)
 {
-    return (row / 4 * (columns / 4) + column / 4) * 16 + row % 4 * 4 + column % 4;
+    return column / 4 * 16 + column % 4;
+}
+
+INLINE uint32_t numberOfRow(uint32_t row, uint32_t columns)
+{
+    return row / 4 * (columns * 4) + row % 4 * 4;
 }
 
 } // namespace
@@ -147,17 +161,31 @@ struct Line
 
     INLINE explicit Line(const pfLocalSegment &from) : segment(from)
     {
-        const double(&o)[3] = from.origin, (&d)[3] = from.direction;
-        const double sizes[3] = {std::fabs(d[0]), std::fabs(d[1]), std::fabs(d[2])};
+        const double(&d)[3] = from.direction;
         isVertical = d[0] == 0 && d[1] == 0;
-        z = isVertical || (sizes[2] >= sizes[0] && sizes[2] >= sizes[1]) ? 2 : sizes[1] >= sizes[0] ? 1 : 0;
-        x = z == 0 ? 1 : 0;
-        y = z == 2 ? 1 : 2;
+        if (isVertical)
+        {
+            settle(0, 1, 2);
+            return;
+        }
+        const double sizes[3] = {std::fabs(d[0]), std::fabs(d[1]), std::fabs(d[2])};
+        const int greatest = sizes[2] >= sizes[0] && sizes[2] >= sizes[1] ? 2 : sizes[1] >= sizes[0] ? 1 : 0;
+        settle(greatest == 0 ? 1 : 0, greatest == 2 ? 1 : 2, greatest);
+    }
+
+private:
+    INLINE void settle(int axisX, int axisY, int axisZ)
+    {
+        const double(&o)[3] = segment.origin, (&d)[3] = segment.direction;
+        x = axisX;
+        y = axisY;
+        z = axisZ;
+        const double size = std::fabs(d[z]);
         // 0 but for what is not finite.
         const double none = (((o[0] + o[1]) + (o[2] + d[0])) + (d[1] + d[2])) * 0;
-        isUsable = none == 0 && sizes[z] > 0;
+        isUsable = none == 0 && size > 0;
         // The exponent, read off the bits; of denormal numbers it is not right, but small enough.
-        const int exponent = static_cast<int>(std::bit_cast<uint64_t>(sizes[z]) >> 52) - 1023;
+        const int exponent = static_cast<int>(std::bit_cast<uint64_t>(size) >> 52) - 1023;
         const int shift = std::clamp(-exponent, -1000, 1000);
         unscale = std::bit_cast<double>(static_cast<uint64_t>(1023 + shift) << 52);
         origin[0] = o[x];
@@ -185,18 +213,55 @@ INLINE Doubles load(const float *from)
     return __builtin_convertvector(*reinterpret_cast<const Four *>(from), Doubles);
 }
 
+template<bool hasAvx2>
 INLINE unsigned bitsOfFour(const DoubleBits &mask)
 {
+#ifndef __clang__
+    if constexpr (hasAvx2)
+    {
+        unsigned bits;
+        asm("vmovmskpd %1, %0" : "=r"(bits) : "x"(mask));
+        return bits;
+    }
+#endif
     __m128d halves[2];
     std::memcpy(halves, &mask, sizeof mask);
     return static_cast<unsigned>(_mm_movemask_pd(halves[0]) | _mm_movemask_pd(halves[1]) << 2);
 }
 
+template<bool hasAvx2>
 INLINE unsigned bitsOfEight(const FloatBits &mask)
 {
+#ifndef __clang__
+    if constexpr (hasAvx2)
+    {
+        unsigned bits;
+        asm("vmovmskps %1, %0" : "=r"(bits) : "x"(mask));
+        return bits;
+    }
+#endif
     __m128 halves[2];
     std::memcpy(halves, &mask, sizeof mask);
     return static_cast<unsigned>(_mm_movemask_ps(halves[0]) | _mm_movemask_ps(halves[1]) << 4);
+}
+
+template<bool hasAvx2>
+INLINE Bytes greaterOf(const Bytes &a, const Bytes &b)
+{
+    Bytes greater;
+#ifndef __clang__
+    if constexpr (hasAvx2)
+    {
+        asm("vpmaxub %2, %1, %0" : "=x"(greater) : "x"(a), "x"(b));
+        return greater;
+    }
+#endif
+    __m128i halves[2][2];
+    std::memcpy(halves[0], &a, sizeof a);
+    std::memcpy(halves[1], &b, sizeof b);
+    const __m128i both[2] = {_mm_max_epu8(halves[0][0], halves[1][0]), _mm_max_epu8(halves[0][1], halves[1][1])};
+    std::memcpy(&greater, both, sizeof both);
+    return greater;
 }
 
 // One triangle, or lanes of them, beside the line: corners in order of its axes, and what comes of them.
@@ -252,7 +317,7 @@ INLINE unsigned hitBlock(const Block &block, const Line &line, Sides<Doubles> &s
         }
     }
     measureSides<isVertical>(line, sides);
-    return bitsOfFour(isHit(sides));
+    return bitsOfFour<hasAvx2>(isHit(sides));
 }
 
 // Where a triangle is seen on edge, or is tiny beside its distance, rounding may put the hit outside its box. It is moved
@@ -341,9 +406,8 @@ struct Search
     bool found = false;
 };
 
-// Few of many blocks have a hit: worth no room in what is inlined everywhere.
 template<bool isVertical>
-[[gnu::noinline]] void takeHits(const Block &block, unsigned lanes, const Sides<Doubles> &measured, Search &search)
+INLINE void takeHits(const Block &block, unsigned lanes, const Sides<Doubles> &measured, Search &search)
 {
     for (; lanes != 0; lanes &= lanes - 1)
     {
@@ -386,6 +450,13 @@ template<bool isVertical>
     }
 }
 
+// Of the blocks that the hierarchy leads to few have a hit: worth no room in what is inlined everywhere.
+template<bool isVertical>
+[[gnu::noinline]] void takeHitsApart(const Block &block, unsigned lanes, const Sides<Doubles> &measured, Search &search)
+{
+    takeHits<isVertical>(block, lanes, measured, search);
+}
+
 // Whether any triangle was hit.
 template<bool isVertical, bool hasAvx2>
 INLINE bool testBlock(const Block &block, Search &search)
@@ -395,7 +466,7 @@ INLINE bool testBlock(const Block &block, Search &search)
     if (hit != 0)
     {
         const Sides<Doubles> kept = sides; // so that the others stay in registers
-        takeHits<isVertical>(block, hit, kept, search);
+        takeHitsApart<isVertical>(block, hit, kept, search);
     }
     return hit != 0;
 }
@@ -485,6 +556,7 @@ struct Open
 };
 
 // The children of a node that the part enters, and where.
+template<bool hasAvx2>
 INLINE unsigned enterNode(const Node &node, const Part &part, float most, float *s)
 {
     Floats near = {}, far = near + most;
@@ -498,7 +570,7 @@ INLINE unsigned enterNode(const Node &node, const Part &part, float most, float 
         far = out < far ? out : far;
     }
     std::memcpy(s, &near, sizeof near);
-    return bitsOfEight(near <= far);
+    return bitsOfEight<hasAvx2>(near <= far);
 }
 
 INLINE void fetchBlock(const Block &block)
@@ -516,11 +588,12 @@ INLINE void fetchNode(const Node &node)
     __builtin_prefetch(node.children);
 }
 
+template<bool hasAvx2>
 INLINE unsigned leavesOf(const Node &node)
 {
     FloatBits children;
     std::memcpy(&children, node.children, sizeof children);
-    return bitsOfEight(children);
+    return bitsOfEight<hasAvx2>(children);
 }
 
 template<bool isVertical, bool hasAvx2>
@@ -546,7 +619,7 @@ INLINE void search(const pfHierarchy &hierarchy, Search &search)
         }
         const Node &node = nodes[stack[open].child];
         alignas(32) float s[kWidth];
-        const unsigned entered = enterNode(node, part, most, s), leaves = leavesOf(node);
+        const unsigned entered = enterNode<hasAvx2>(node, part, most, s), leaves = leavesOf<hasAvx2>(node);
         for (unsigned left = entered & leaves; left != 0; left &= left - 1)
         {
             fetchBlock(blocks[node.children[std::countr_zero(left)] & ~kLeaf]);
@@ -579,21 +652,9 @@ INLINE void search(const pfHierarchy &hierarchy, Search &search)
 // Blocks whose prints a point is in.
 struct Found
 {
-    uint32_t blocks[kMostAtPoint + 16];
+    uint32_t blocks[kMostAtPoint + 4 * kPrints];
     uint32_t count = 0;
 };
-
-// In which of four prints a point is, or within a margin, of those of them that count.
-INLINE unsigned lookAt(const Print *prints, uint32_t count, __m128i point, unsigned char margin)
-{
-    const __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i *>(prints));
-    const __m128i out = _mm_set1_epi32(margin * 0x101);
-    const __m128i sizes = _mm_adds_epu8(_mm_srli_epi32(four, 16), _mm_add_epi8(out, out));
-    const __m128i way = _mm_and_si128(_mm_sub_epi8(_mm_add_epi8(point, out), four), _mm_set1_epi32(0xffff));
-    const __m128i isIn = _mm_cmpeq_epi32(_mm_max_epu8(way, sizes), sizes);
-    const auto in = static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(isIn)));
-    return in & (15U >> (4 - std::min(count, 4U)));
-}
 
 // Blocks from a first one on.
 struct Run
@@ -602,13 +663,36 @@ struct Run
     uint32_t count;
 };
 
-// False when there are too many. Four runs at a time, and four blocks of each, so that next to nothing depends on how many
+INLINE Bytes everywhere(uint32_t bytes)
+{
+    return reinterpret_cast<Bytes>(Words{} + bytes);
+}
+
+// Of the first prints of a run: those that a point is in, of any run, and those of the run that it is in or within a margin.
+template<bool hasAvx2>
+INLINE void lookAt(const Print *prints, const Run &run, const Bytes &point, unsigned &in, unsigned &near)
+{
+    constexpr FloatBits kNumbers = {0, 1, 2, 3, 4, 5, 6, 7};
+    Bytes eight;
+    std::memcpy(&eight, prints + run.first, sizeof eight);
+    // In the upper halves everything is in.
+    const Bytes sizes = reinterpret_cast<Bytes>(reinterpret_cast<Words>(eight) >> 16 | 0xffff0000);
+    const Bytes nearSizes = sizes + everywhere(2 * kMargin * 0x101);
+    const Bytes way = point - eight, nearWay = way + everywhere(kMargin * 0x101);
+    const Bytes most = greaterOf<hasAvx2>(way, sizes), nearMost = greaterOf<hasAvx2>(nearWay, nearSizes);
+    in = bitsOfEight<hasAvx2>(reinterpret_cast<FloatBits>(most) == reinterpret_cast<FloatBits>(sizes));
+    near = bitsOfEight<hasAvx2>((reinterpret_cast<FloatBits>(nearMost) == reinterpret_cast<FloatBits>(nearSizes)) &
+                                (kNumbers < FloatBits{} + static_cast<int32_t>(run.count)));
+}
+
+// False when there are too many. Four runs at a time, and eight blocks of each, so that next to nothing depends on how many
 // there are, which is foretold badly.
+template<bool hasAvx2>
 INLINE bool lookInto(const pfHierarchy &hierarchy, Run (&runs)[4], uint32_t x, uint32_t y, Found &found)
 {
     const auto *prints = at<Print>(hierarchy, hierarchy.prints);
     const auto *blocks = at<Block>(hierarchy, hierarchy.blocks);
-    const __m128i point = _mm_set1_epi32(static_cast<int>((x & 255) | (y & 255) << 8));
+    const Bytes point = everywhere((x & 255) | (y & 255) << 8);
     for (;;)
     {
         unsigned in = 0, near = 0;
@@ -616,35 +700,45 @@ INLINE bool lookInto(const pfHierarchy &hierarchy, Run (&runs)[4], uint32_t x, u
         UNROLL
         for (unsigned i = 0; i < 4; ++i)
         {
-            in |= lookAt(prints + runs[i].first, runs[i].count, point, 0) << 4 * i;
-            near |= lookAt(prints + runs[i].first, runs[i].count, point, kMargin) << 4 * i;
+            unsigned inRun, nearRun;
+            lookAt<hasAvx2>(prints, runs[i], point, inRun, nearRun);
+            in |= inRun << kPrints * i;
+            near |= nearRun << kPrints * i;
             most = std::max(most, runs[i].count);
         }
-        for (; near != 0; near &= near - 1)
+        const auto blockOf = [&](unsigned bits)
         {
-            const auto i = static_cast<uint32_t>(std::countr_zero(near));
-            const uint32_t block = runs[i / 4].first + i % 4;
+            const auto i = static_cast<uint32_t>(std::countr_zero(bits));
+            return runs[i / kPrints].first + i % kPrints;
+        };
+        for (unsigned left = in & near; left != 0; left &= left - 1)
+        {
+            const uint32_t block = blockOf(left);
             fetchBlock(blocks[block]);
-            found.blocks[found.count] = block;
-            found.count += in >> i & 1;
+            found.blocks[found.count++] = block;
         }
-        if (most <= 4)
+        for (unsigned left = near & ~in; left != 0; left &= left - 1)
         {
-            return true;
+            fetchBlock(blocks[blockOf(left)]);
         }
         if (most > kMostInCell || found.count > kMostAtPoint)
         {
             return false;
         }
+        if (most <= kPrints)
+        {
+            return true;
+        }
         for (Run &run : runs)
         {
-            const uint32_t done = std::min(run.count, 4U);
+            const uint32_t done = std::min(run.count, kPrints);
             run = {run.first + done, run.count - done};
         }
     }
 }
 
 // False where the hierarchy is better.
+template<bool hasAvx2>
 INLINE bool lookIntoGrid(const pfHierarchy &hierarchy, double x, double y, Found &found)
 {
     const auto *firsts = at<uint32_t>(hierarchy, hierarchy.firsts);
@@ -659,24 +753,27 @@ INLINE bool lookIntoGrid(const pfHierarchy &hierarchy, double x, double y, Found
         }
         const uint32_t levelX = unitX >> 2 * i, levelY = unitY >> 2 * i;
         const uint32_t column = levelX >> kCellBits, row = levelY >> kCellBits;
+        const uint32_t columns[2] = {numberOfColumn(column + 1), numberOfColumn(column)};
+        const uint32_t rows[2] = {numberOfRow(row + 1, level.columns), numberOfRow(row, level.columns)};
         Run runs[4];
         UNROLL
         for (uint32_t j = 0; j < 4; ++j)
         {
-            const uint32_t left = j % 2, below = j / 2;
-            const bool isThere = column >= left && row >= below;
-            const uint32_t number = isThere ? numberOfCell(column - left, row - below, level.columns) : 0;
-            const uint32_t *cell = firsts + level.firstCell + number;
-            runs[j] = {cell[0], isThere ? cell[1] - cell[0] : 0};
+            const uint32_t *cell = firsts + level.firstCell + columns[j % 2] + rows[j / 2];
+            runs[j] = {cell[0], cell[1] - cell[0]};
         }
-        if (!lookInto(hierarchy, runs, levelX, levelY, found))
+        if (!lookInto<hasAvx2>(hierarchy, runs, levelX, levelY, found))
         {
             return false;
         }
     }
     const uint32_t huge = firsts[hierarchy.cells];
+    if (huge == hierarchy.blockCount)
+    {
+        return true;
+    }
     Run runs[4] = {{huge, hierarchy.blockCount - huge}, {}, {}, {}};
-    return runs[0].count == 0 || lookInto(hierarchy, runs, 0, 0, found);
+    return lookInto<hasAvx2>(hierarchy, runs, 0, 0, found);
 }
 
 // False where the hierarchy is better.
@@ -690,60 +787,89 @@ INLINE bool searchGrid(const pfHierarchy &hierarchy, Search &search)
         return true;
     }
     Found found;
-    if (hierarchy.unitsPerLength == 0 || !lookIntoGrid(hierarchy, x, y, found))
+    if (hierarchy.unitsPerLength == 0 || !lookIntoGrid<hasAvx2>(hierarchy, x, y, found))
     {
         return false;
     }
     const Block *blocks = at<Block>(hierarchy, hierarchy.blocks);
     for (uint32_t i = 0; i < found.count; ++i)
     {
-        testBlock<true, hasAvx2>(blocks[found.blocks[i]], search);
+        const Block &block = blocks[found.blocks[i]];
+        Sides<Doubles> sides;
+        const unsigned hit = hitBlock<true, hasAvx2>(block, search.line, sides);
+        takeHits<true>(block, hit, sides, search);
     }
     return true;
 }
 
 template<bool hasAvx2>
-INLINE void searchAnyWay(const pfHierarchy &hierarchy, Search &sought)
+INLINE void searchTree(const pfHierarchy &hierarchy, Search &sought)
 {
-    if (!sought.line.isVertical)
-    {
-        search<false, hasAvx2>(hierarchy, sought);
-    }
-    else if (!searchGrid<hasAvx2>(hierarchy, sought))
+    if (sought.line.isVertical)
     {
         search<true, hasAvx2>(hierarchy, sought);
     }
+    else
+    {
+        search<false, hasAvx2>(hierarchy, sought);
+    }
 }
 
-// Tests compile this a second time with TOLVIN_WITHOUT_AVX2, so that the other code is tested on processors that have it.
-#ifndef TOLVIN_WITHOUT_AVX2
-[[gnu::target("avx2")]] void searchAvx2(const pfHierarchy &hierarchy, Search &sought)
+template<bool hasAvx2, typename SearchTree>
+INLINE bool searchAnyWay(const pfHierarchy &hierarchy, const pfLocalSegment &segment, pfTriangleHit *nearest,
+                         std::vector<pfTriangleHit> *all, SearchTree tree)
 {
-    searchAnyWay<true>(hierarchy, sought);
-}
-#endif
-
-void searchPlain(const pfHierarchy &hierarchy, Search &sought)
-{
-    searchAnyWay<false>(hierarchy, sought);
-}
-
-bool searchFor(const pfHierarchy &hierarchy, Search &sought)
-{
+    const Line line(segment);
     const bool isEmpty = hierarchy.nodes == hierarchy.blocks;
-    if (isEmpty || !sought.line.isUsable)
+    if (isEmpty || !line.isUsable)
     {
         return false;
     }
+    Search sought = {line, segment.most, nearest, all};
+    if (!line.isVertical || !searchGrid<hasAvx2>(hierarchy, sought))
+    {
+        tree(hierarchy, sought);
+    }
+    return sought.found;
+}
+
+// Tests compile this a second time with TOLVIN_WITHOUT_AVX2, so that the other code is tested on processors that have it.
+// The tree is apart because it would take all registers.
+#ifndef TOLVIN_WITHOUT_AVX2
+[[gnu::target("avx2"), gnu::noinline]] void searchTreeAvx2(const pfHierarchy &hierarchy, Search &sought)
+{
+    searchTree<true>(hierarchy, sought);
+}
+
+[[gnu::target("avx2")]] bool searchAvx2(const pfHierarchy &hierarchy, const pfLocalSegment &segment,
+                                        pfTriangleHit *nearest, std::vector<pfTriangleHit> *all)
+{
+    return searchAnyWay<true>(hierarchy, segment, nearest, all, searchTreeAvx2);
+}
+#endif
+
+[[gnu::noinline]] void searchTreePlain(const pfHierarchy &hierarchy, Search &sought)
+{
+    searchTree<false>(hierarchy, sought);
+}
+
+bool searchPlain(const pfHierarchy &hierarchy, const pfLocalSegment &segment, pfTriangleHit *nearest,
+                 std::vector<pfTriangleHit> *all)
+{
+    return searchAnyWay<false>(hierarchy, segment, nearest, all, searchTreePlain);
+}
+
+// One of nearest and all is null.
+bool searchFor(const pfHierarchy &hierarchy, const pfLocalSegment &segment, pfTriangleHit *nearest,
+               std::vector<pfTriangleHit> *all)
+{
 #ifndef TOLVIN_WITHOUT_AVX2
     if (__builtin_cpu_supports("avx2"))
     {
-        searchAvx2(hierarchy, sought);
-        return sought.found;
+        return searchAvx2(hierarchy, segment, nearest, all);
     }
 #endif
-    searchPlain(hierarchy, sought);
-    return sought.found;
+    return searchPlain(hierarchy, segment, nearest, all);
 }
 
 //
@@ -1139,8 +1265,8 @@ private:
         for (int i = 0; i < kLevels; ++i)
         {
             const int bits = kCellBits + 2 * i;
-            const uint32_t columns = (unitsOf(width, 0, hierarchy.unitsPerLength) >> bits) / 4 * 4 + 4;
-            const uint32_t rows = (unitsOf(height, 0, hierarchy.unitsPerLength) >> bits) / 4 * 4 + 4;
+            const uint32_t columns = ((unitsOf(width, 0, hierarchy.unitsPerLength) >> bits) + 1) / 4 * 4 + 4;
+            const uint32_t rows = ((unitsOf(height, 0, hierarchy.unitsPerLength) >> bits) + 1) / 4 * 4 + 4;
             hierarchy.levels[i] = {columns, hierarchy.cells};
             hierarchy.cells += columns * rows;
         }
@@ -1166,7 +1292,7 @@ private:
             greatest[axis] = unitsOf(to, hierarchy.least[axis], hierarchy.unitsPerLength);
         }
         cells[block] = hierarchy.cells;
-        prints[block] = {{0, 0}, {255, 255}};
+        prints[block] = {};
         for (int i = 0; i < kLevels; ++i)
         {
             const uint32_t x = least[0] >> 2 * i, y = least[1] >> 2 * i;
@@ -1174,7 +1300,8 @@ private:
             if (std::max(sizeX, sizeY) >> kCellBits == 0)
             {
                 const Level &level = hierarchy.levels[i];
-                cells[block] = level.firstCell + numberOfCell(x >> kCellBits, y >> kCellBits, level.columns);
+                cells[block] = level.firstCell + numberOfColumn((x >> kCellBits) + 1) +
+                               numberOfRow((y >> kCellBits) + 1, level.columns);
                 prints[block] = {{static_cast<uint8_t>(x), static_cast<uint8_t>(y)},
                                  {static_cast<uint8_t>(sizeX), static_cast<uint8_t>(sizeY)}};
                 return;
@@ -1203,7 +1330,7 @@ private:
             level.columns = firsts[level.firstCell] < firsts[end] ? level.columns : 0;
         }
         Leaves leaves(cells.size());
-        std::vector<Print> sorted(cells.size() + 3); // four are read at once
+        std::vector<Print> sorted(cells.size() + kPrints); // the last cell may begin behind all
         for (size_t i = 0; i < cells.size(); ++i)
         {
             const uint32_t number = next[cells[i]]++;
@@ -1390,16 +1517,12 @@ pfHierarchy *pfBuildHierarchy(std::span<const pfTriangle> triangles, void *arena
 
 bool pfNearestHit(const pfHierarchy &hierarchy, const pfLocalSegment &segment, pfTriangleHit &hit)
 {
-    const Line line(segment);
-    Search search = {line, segment.most, &hit, nullptr};
-    return searchFor(hierarchy, search);
+    return searchFor(hierarchy, segment, &hit, nullptr);
 }
 
 void pfAllHits(const pfHierarchy &hierarchy, const pfLocalSegment &segment, std::vector<pfTriangleHit> &hits)
 {
-    const Line line(segment);
-    Search search = {line, segment.most, nullptr, &hits};
-    searchFor(hierarchy, search);
+    searchFor(hierarchy, segment, nullptr, &hits);
 }
 
 bool pfHitTriangle(const pfTriangle &triangle, const pfLocalSegment &segment, pfTriangleHit &hit)

@@ -1,3 +1,8 @@
+#ifndef __clang__
+// Otherwise numbers that were stored one by one are read two at once, which has to wait until both stores are done.
+#pragma GCC optimize("no-tree-slp-vectorize")
+#endif
+
 #include "pfisect.h"
 
 #include "pfgeoset.hpp"
@@ -72,6 +77,7 @@ struct Step
 struct Work
 {
     bool isBusy;
+    const pfType *nodeType;
     const pfSegSet *set;
 
     // The segment that is being intersected.
@@ -88,6 +94,10 @@ struct Work
     std::vector<pfHit> hits;       // of one segment after the other
     std::vector<pfHit *> pointers; // has room for all hits, and a null for each segment
     pfHit *none;                   // an empty array
+
+    // The hit of a segment that needs no more, in the world, and its array.
+    pfHit only;
+    pfHit *onlyOne[2];
 };
 
 constexpr pfMatrix kIdentity = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
@@ -224,14 +234,19 @@ std::span<pfNode *const> countingChildren(const pfGroup &group)
 }
 
 // All but where it is.
-void setHit(pfHit &hit, const Work &work, pfGeode &geode, pfGeoSet &gset)
+inline void setHit(pfHit &hit, const pfSegSet &set, int number, pfGeode &geode, pfGeoSet &gset)
 {
-    hit.segment = work.set->segs[work.number];
-    hit.number = work.number;
-    hit.wantsNormal = (work.set->mode & PFTRAV_IS_NORM) != 0;
+    hit.segment = set.segs[number];
+    hit.number = number;
+    hit.wantsNormal = (set.mode & PFTRAV_IS_NORM) != 0;
     hit.gset = &gset;
     hit.geode = &geode;
-    hit.userData = work.set->userData;
+    hit.userData = set.userData;
+}
+
+void setHit(pfHit &hit, const Work &work, pfGeode &geode, pfGeoSet &gset)
+{
+    setHit(hit, *work.set, work.number, geode, gset);
     if (work.places.size() == 1)
     {
         std::memcpy(hit.toWorld, kIdentity, sizeof kIdentity);
@@ -510,12 +525,16 @@ void enter(Work &work, const pfGroup &group)
     }
 }
 
-// Whether the segment may hit something below a node.
-bool mayHit(const Work &work, pfNode &node)
+// Whether a part of the segment may hit something below a node.
+inline bool mayHit(pfNode &node, unsigned int mask, const Place &place, double least, double most)
 {
     pfBox box;
-    return (node.masks[PFTRAV_ISECT] & work.set->isectMask) != 0 && pfBoxOf(node, box) &&
-           meets(box, work.places.back(), work.least, work.most);
+    return (node.masks[PFTRAV_ISECT] & mask) != 0 && pfBoxOf(node, box) && meets(box, place, least, most);
+}
+
+bool mayHit(const Work &work, pfNode &node)
+{
+    return mayHit(node, work.set->isectMask, work.places.back(), work.least, work.most);
 }
 
 // The next node of which that is so; null when there is none left.
@@ -586,17 +605,9 @@ void traverse(Work &work, pfNode &top)
     }
 }
 
-// Begin in the world; false when there is nothing to intersect, or no room for it.
-bool start(Work &work, int number)
+// The segment in the world; false when there is nothing to intersect.
+inline bool placeInWorld(const pfSeg &segment, Place &world)
 {
-    const pfSeg &segment = work.set->segs[number];
-    work.number = number;
-    work.least = 0.0;
-    work.most = segment.length;
-    work.firstHit = work.hits.size();
-    work.steps.clear();
-    work.places.erase(work.places.begin() + 1, work.places.end());
-    Place &world = work.places.back();
     double sum = segment.length; // of floats: finite when they are
     UNROLL
     for (int axis = 0; axis < 3; ++axis)
@@ -608,6 +619,19 @@ bool start(Work &work, int number)
     const bool isFinite = std::isfinite(sum);
     settleDirection(world);
     return segment.length >= 0.0F && isFinite;
+}
+
+// Begin in the world; false when there is nothing to intersect.
+bool start(Work &work, int number)
+{
+    const pfSeg &segment = work.set->segs[number];
+    work.number = number;
+    work.least = 0.0;
+    work.most = segment.length;
+    work.firstHit = work.hits.size();
+    work.steps.clear();
+    work.places.erase(work.places.begin() + 1, work.places.end());
+    return placeInWorld(segment, work.places.back());
 }
 
 // The hits from first up to last as an array. Their addresses tell in which order they were found.
@@ -666,6 +690,43 @@ int intersect(Work &work, pfNode *top, pfHit **hits[])
     return count;
 }
 
+// What is asked most, for the ground below: the nearest hit of one segment, without a callback, where all ways lead to one
+// GeoSet in the world. It needs none of the lists. False where it is not so.
+bool intersectAtOnce(Work &work, const pfSegSet &set, pfNode &top, pfHit **hits[], int &count)
+{
+    constexpr int kMode = PFTRAV_IS_PRIM | PFTRAV_IS_NEAREST;
+    if (set.discFunc != nullptr || (set.mode & kMode) != kMode || set.activeMask == 0 ||
+        (set.activeMask & (set.activeMask - 1)) != 0)
+    {
+        return false;
+    }
+    pfNode *const node = skipOnlyChildren(&top, set.isectMask);
+    if (node == nullptr || node->kind != NodeKind::Geode || node->count != 1)
+    {
+        return false;
+    }
+    auto &geode = static_cast<pfGeode &>(*node);
+    pfGeoSet &gset = *gsetsOf(geode)[0];
+    const pfHierarchy *hierarchy = gset.hierarchy.load(std::memory_order_acquire);
+    if (hierarchy == nullptr)
+    {
+        return false;
+    }
+    const int number = std::countr_zero(set.activeMask);
+    Place place;
+    place.segment.least = 0.0;
+    place.segment.most = set.segs[number].length;
+    pfHit &hit = work.only;
+    count = placeInWorld(set.segs[number], place) &&
+            mayHit(top, set.isectMask, place, place.segment.least, place.segment.most) &&
+            pfNearestHit(*hierarchy, place.segment, hit.where);
+    setHit(hit, set, number, geode, gset);
+    work.onlyOne[0] = count != 0 ? &hit : nullptr;
+    work.onlyOne[1] = nullptr;
+    hits[number] = work.onlyOne;
+    return true;
+}
+
 // Through a pointer in the thread's own block: anything else that a library has of a thread takes a call.
 Work &workOfThread()
 {
@@ -673,6 +734,8 @@ Work &workOfThread()
     if (known == nullptr)
     {
         static thread_local Work work;
+        work.nodeType = pfGetNodeClassType();
+        std::memcpy(work.only.toWorld, kIdentity, sizeof kIdentity);
         known = &work;
     }
     return *known;
@@ -773,13 +836,16 @@ int pfNodeIsectSegs(pfNode *node, pfSegSet *segSet, pfHit **hits[])
         fprintf(stderr, "%s: called by a callback of its own\n", __func__);
         return 0;
     }
-    reset(work, *segSet);
-    if (!pfIsGiven(__func__, node, *pfGetNodeClassType()))
+    const bool isGiven = pfIsGiven(__func__, node, *work.nodeType);
+    int count;
+    if (isGiven && intersectAtOnce(work, *segSet, *node, hits, count))
     {
-        work.isOver = true;
+        return count;
     }
+    reset(work, *segSet);
+    work.isOver |= !isGiven;
     const BusyWhile busy(work);
-    const int count = intersect(work, node, hits);
+    count = intersect(work, node, hits);
     if (work.isShortOfMemory)
     {
         fprintf(stderr, "%s: no memory for all hits\n", __func__);
