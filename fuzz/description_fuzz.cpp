@@ -25,6 +25,28 @@ static void dump(std::FILE *stream, const ModelDescription &model)
     std::fprintf(stream, "UP %c SCALE %.17g", model.up == UpAxis::Y ? 'Y' : 'Z', model.scale);
 }
 
+// What belongs to its kind.
+static void dump(std::FILE *stream, const TerrainDescription &terrain)
+{
+    const TerrainKind kind = terrainKindOf(terrain.model.file);
+    if (kind == TerrainKind::Cell)
+    {
+        std::fprintf(stream, "STEP %d RADIUS %.17g UNDULATION %.17g", terrain.step, terrain.radius, terrain.undulation);
+        return;
+    }
+    std::fprintf(stream, "CENTER %.17g %.17g ", terrain.center[0], terrain.center[1]);
+    if (kind == TerrainKind::Model)
+    {
+        dump(stream, terrain.model);
+        return;
+    }
+    std::fprintf(stream, "HEIGHT %.17g %.17g", terrain.lowest, terrain.highest);
+    if (terrain.spacing)
+    {
+        std::fprintf(stream, " SPACING %.17g", *terrain.spacing);
+    }
+}
+
 static void dump(std::FILE *stream, const SceneDescription &scene)
 {
     const auto &[latitude, longitude, height] = scene.origin;
@@ -32,15 +54,8 @@ static void dump(std::FILE *stream, const SceneDescription &scene)
                  longitude, height, scene.collide);
     for (const TerrainDescription &terrain : scene.terrains)
     {
-        std::fprintf(stream,
-                     "\nTERRAIN \"%s\" { STEP %d RADIUS %.17g UNDULATION %.17g HEIGHT %.17g %.17g CENTER %.17g %.17g ",
-                     terrain.model.file.c_str(), terrain.step, terrain.radius, terrain.undulation, terrain.lowest,
-                     terrain.highest, terrain.center[0], terrain.center[1]);
-        dump(stream, terrain.model);
-        if (terrain.spacing)
-        {
-            std::fprintf(stream, " SPACING %.17g", *terrain.spacing);
-        }
+        std::fprintf(stream, "\nTERRAIN \"%s\" { ", terrain.model.file.c_str());
+        dump(stream, terrain);
         std::fputs(" }", stream);
     }
     std::fputs(" }\n", stream);
