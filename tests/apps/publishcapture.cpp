@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,110 +39,55 @@ void put(Bytes &bytes, std::uint64_t number, int width)
     }
 }
 
-// RFC 1071, of big-endian 16-bit words.
-std::uint16_t checksum(const Bytes &bytes)
+void write(std::ofstream &capture, const Bytes &bytes)
 {
-    std::uint32_t sum = 0;
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-    {
-        sum += i % 2 == 0 ? bytes[i] << 8 : bytes[i];
-    }
-    sum = (sum & 0xFFFF) + (sum >> 16);
-    return static_cast<std::uint16_t>(~(sum + (sum >> 16)));
+    capture.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-Bytes ipHeader(std::size_t payload, std::uint16_t check)
+std::ofstream newCapture(const char *file)
 {
-    Bytes ip = {0x45, 0};
-    put(ip, 20 + payload, 2);
-    put(ip, 0x0000'4000'4011, 6); // not fragmented, 64 hops, UDP
-    put(ip, check, 2);
-    put(ip, 0x0A00'0001'0A00'00FF, 8); // 10.0.0.1 to 10.0.0.255
-    return ip;
+    std::ofstream capture(file, std::ios::binary);
+    Bytes header;
+    put(header, 0xA1B2'C3D4'0002'0004, 8);
+    put(header, 0, 8);
+    put(header, 65535, 4);
+    put(header, 228, 4); // IPv4
+    write(capture, header);
+    return capture;
 }
 
-Bytes udpOf(std::span<const std::uint8_t> pdu, std::uint16_t check)
+// A packet of UDP without checksum.
+void add(std::ofstream &capture, std::span<const std::uint8_t> pdu, double time)
 {
-    Bytes udp;
-    put(udp, 3000, 2);
-    put(udp, 3000, 2);
-    put(udp, 8 + pdu.size(), 2);
-    put(udp, check, 2);
-    udp.insert(udp.end(), pdu.begin(), pdu.end());
-    return udp;
+    Bytes packet;
+    put(packet, static_cast<std::uint64_t>(time), 4);
+    put(packet, static_cast<std::uint64_t>(std::fmod(time, 1.0) * 1e6), 4);
+    put(packet, 28 + pdu.size(), 4);
+    put(packet, 28 + pdu.size(), 4);
+    put(packet, 0x4500, 2);
+    put(packet, 28 + pdu.size(), 2);
+    put(packet, 0x0000'4000'4011, 6);                  // not fragmented, 64 hops, UDP
+    put(packet, 0xFFFF - 0xDA11 - 28 - pdu.size(), 2); // RFC 1071: what the sum of all other words lacks
+    put(packet, 0x0A00'0001'0A00'00FF, 8);             // 10.0.0.1 to 10.0.0.255
+    put(packet, 0x0BB8'0BB8, 4);                       // port 3000
+    put(packet, (8 + pdu.size()) << 16, 4);
+    packet.insert(packet.end(), pdu.begin(), pdu.end());
+    write(capture, packet);
 }
 
-Bytes packetOf(std::span<const std::uint8_t> pdu)
+// What the program ends with.
+int end(std::ofstream &capture)
 {
-    Bytes pseudo;
-    put(pseudo, 0x0A00'0001'0A00'00FF, 8);
-    put(pseudo, 17, 2);
-    put(pseudo, 8 + pdu.size(), 2);
-    const Bytes unchecked = udpOf(pdu, 0);
-    pseudo.insert(pseudo.end(), unchecked.begin(), unchecked.end());
-
-    const std::size_t payload = unchecked.size();
-    Bytes packet(6, 0xFF); // Ethernet: broadcast
-    put(packet, 0x0200'0000'0001, 6);
-    put(packet, 0x0800, 2);
-    for (const Bytes &part : {ipHeader(payload, checksum(ipHeader(payload, 0))), udpOf(pdu, checksum(pseudo))})
-    {
-        packet.insert(packet.end(), part.begin(), part.end());
-    }
-    return packet;
+    capture.close();
+    return capture ? 0 : 1;
 }
 
-class Capture
-{
-public:
-    explicit Capture(const char *name) : file_(std::fopen(name, "wb"))
-    {
-        Bytes header;
-        put(header, 0xA1B2'C3D4'0002'0004, 8);
-        put(header, 0, 8);
-        put(header, 65535, 4);
-        put(header, 1, 4); // Ethernet
-        write(header);
-    }
-
-    void add(const Bytes &packet, double time)
-    {
-        Bytes header;
-        put(header, static_cast<std::uint64_t>(time), 4);
-        put(header, static_cast<std::uint64_t>(std::fmod(time, 1.0) * 1e6), 4);
-        put(header, packet.size(), 4);
-        put(header, packet.size(), 4);
-        write(header);
-        write(packet);
-    }
-
-    void close()
-    {
-        if (std::fclose(file_) != 0)
-        {
-            std::exit(1);
-        }
-    }
-
-private:
-    void write(const Bytes &bytes)
-    {
-        if (file_ == nullptr || std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size())
-        {
-            std::exit(1);
-        }
-    }
-
-    std::FILE *file_;
-};
-
-vuEntity vehicle(std::uint32_t number, std::uint8_t domain, std::uint8_t algorithm)
+vuEntity vehicle(std::uint32_t number, std::uint8_t algorithm)
 {
     vuEntity entity{};
     setupES(&entity.xform.es);
     entity.id = number;
     entity.xform.es.entityId = {12, 1000, static_cast<std::uint16_t>(number + 1)};
-    entity.xform.es.entityType.domain = domain;
     entity.xform.es.deadReckoning.algorithm = algorithm;
     return entity;
 }
@@ -175,26 +121,25 @@ void printReport(int version, const vuEntity &entity, double now, bool last)
         std::atan2(std::sin(psi), std::sin(theta) * std::cos(psi)));
 }
 
-void hear(const char *file, const std::string &port)
+int hear(const char *file, const std::string &port)
 {
-    Capture capture(file);
+    using Clock = std::chrono::steady_clock;
+    std::ofstream capture = newCapture(file);
     UdpReceiver receiver(parseEndpoint("127.0.0.1:" + port));
     std::puts("hears");
     std::fflush(stdout);
     int removals = 0;
     const UdpReceiver::Handler take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
     {
-        capture.add(packetOf(datagram), static_cast<double>(arrival) * 1e-9);
+        add(capture, datagram, static_cast<double>(arrival) * 1e-9);
         removals += datagram.size() > 2 && datagram[2] == 12;
     };
-    const auto deadline = [] { return std::chrono::steady_clock::now() + std::chrono::seconds(10); };
-    for (auto until = deadline(); removals < 2 && std::chrono::steady_clock::now() < until;)
+    for (Clock::time_point now = Clock::now(), last = now; removals < 2 && now < last + std::chrono::seconds(10);)
     {
-        until = receiver.receiveUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(50), take) > 0
-                    ? deadline()
-                    : until;
+        last = receiver.receiveUntil(now + std::chrono::milliseconds(50), take) > 0 ? now : last;
+        now = Clock::now();
     }
-    capture.close();
+    return end(capture);
 }
 
 } // namespace
@@ -203,19 +148,18 @@ int main(int count, char **arguments)
 {
     if (count == 4 && arguments[2] == std::string_view("heard"))
     {
-        hear(arguments[1], arguments[3]);
-        return 0;
+        return hear(arguments[1], arguments[3]);
     }
     if (count != 3)
     {
         return 2;
     }
     const int version = std::atoi(arguments[2]);
-    Capture capture(arguments[1]);
+    std::ofstream capture = newCapture(arguments[1]);
     double now = kStart;
     Publisher publisher(LocalFrame({0, 0, 0}), {.exercise = 3, .protocolVersion = static_cast<std::uint8_t>(version)},
-                        [&](std::span<const std::uint8_t> pdu) { capture.add(packetOf(pdu), now); });
-    vuEntity vehicles[] = {vehicle(0, 1, VU_DR_FPW), vehicle(1, 2, VU_DR_RVW)};
+                        [&](std::span<const std::uint8_t> pdu) { add(capture, pdu, now); });
+    vuEntity vehicles[] = {vehicle(0, VU_DR_FPW), vehicle(1, VU_DR_RVW)};
     vehicles[1].position[2] = 500;
     for (int frame = 0; frame < kFrames; ++frame)
     {
@@ -239,6 +183,5 @@ int main(int count, char **arguments)
         std::printf("12\t5\t%d\t3\t28\t12,12\t1000,1000\t0,%d\t%d\t\t%.6f\t\t\t\t\t\t\t\t\t\n", version,
                     entity.xform.es.entityId.entity, ++request, std::fmod(now, 3600.0));
     }
-    capture.close();
-    return 0;
+    return end(capture);
 }

@@ -1,5 +1,6 @@
 // GeoSets, and the triangles that intersection finds in them. With the sources, for what is private.
 #include "support/capture.h"
+#include "support/fullarena.h"
 
 #include <gtest/gtest.h>
 
@@ -14,8 +15,8 @@
 #include <bit>
 #include <climits>
 #include <cmath>
+#include <cstdlib>
 #include <functional>
-#include <random>
 #include <vector>
 
 using Point = std::array<float, 3>;
@@ -27,7 +28,9 @@ static ptrdiff_t linesOf(const std::function<void()> &action)
     return std::ranges::count(capturedStderr(action), '\n');
 }
 
-TEST(PfGeoSet, BoxIsOfTheVerticesThatPrimitivesUse)
+using Triangles = std::vector<std::array<unsigned, 4>>; // primitive, numbers of the corners
+
+TEST(PfGeoSet, BoxAndTrianglesAreOfTheVerticesThatPrimitivesUse)
 {
     using Extents = std::array<float, 6>;
     struct
@@ -35,32 +38,59 @@ TEST(PfGeoSet, BoxIsOfTheVerticesThatPrimitivesUse)
         int type, number;
         std::vector<int> lengths;
         std::vector<unsigned short> indices;
-        int vertices;
-        float least, greatest; // points, of which point i is (i, -i, i * i)
-    } cases[] = {{PFGS_POINTS, 5, {}, {}, 5, 0, 4},
-                 {PFGS_LINES, 3, {}, {}, 6, 0, 5},
-                 {PFGS_TRIS, 1, {}, {7, 2, 4}, 3, 2, 7},
-                 {PFGS_QUADS, 2, {}, {}, 8, 0, 7},
-                 {PFGS_LINESTRIPS, 2, {2, 3}, {}, 5, 0, 4},
-                 {PFGS_TRISTRIPS, 3, {3, -9, 4}, {}, 7, 0, 6},
-                 {PFGS_TRIFANS, 2, {3, 1}, {9, 8, 7, 3}, 4, 3, 9},
-                 {PFGS_POLYS, 9, {}, {}, 0, 0, 0},
-                 {PFGS_QUADS, -2, {}, {}, 0, 0, 0}};
+        int vertices, greatest;
+        Triangles expected; // in any order of the corners that runs the same way, the lowest first
+    } cases[] = {{PFGS_POINTS, 6, {}, {}, 6, 5, {}},
+                 {PFGS_LINES, 3, {}, {}, 6, 5, {}},
+                 {PFGS_TRIS, 2, {}, {}, 6, 5, {{0, 0, 1, 2}, {1, 3, 4, 5}}},
+                 {PFGS_TRIS, 1, {}, {7, 2, 4}, 3, 7, {{0, 2, 4, 7}}},
+                 {PFGS_TRIS, 1, {}, {7, 4, 2}, 3, 7, {{0, 2, 7, 4}}},
+                 {PFGS_QUADS, 2, {}, {}, 8, 7, {{0, 0, 1, 2}, {0, 0, 2, 3}, {1, 4, 5, 6}, {1, 4, 6, 7}}},
+                 {PFGS_QUADS, -2, {}, {}, 0, 0, {}},
+                 {PFGS_LINESTRIPS, 2, {2, 4}, {}, 6, 5, {}},
+                 {PFGS_TRISTRIPS,
+                  3,
+                  {3, -9, 5},
+                  {0, 1, 2, 0, 4, 1, 5, 2},
+                  8,
+                  5,
+                  {{0, 0, 1, 2}, {2, 0, 4, 1}, {2, 1, 4, 5}, {2, 1, 5, 2}}},
+                 {PFGS_TRISTRIPS, 1, {6}, {0, 2, 1, 1, 4, 3}, 6, 4, {{0, 0, 2, 1}, {0, 1, 3, 4}}},
+                 {PFGS_TRIFANS, 3, {4, 2, 3}, {}, 9, 8, {{0, 0, 1, 2}, {0, 0, 2, 3}, {2, 6, 7, 8}}},
+                 {PFGS_POLYS, 1, {5}, {9, 5, 6, 7, 8}, 5, 9, {{0, 5, 6, 9}, {0, 6, 7, 9}, {0, 7, 8, 9}}},
+                 {PFGS_POLYS, 4, {}, {}, 0, 0, {}}};
     pfGeoSet *gset = pfNewGSet(nullptr);
     pfBox box = {{1, 2, 3}, {4, 5, 6}};
     pfGSetBBox(gset, &box, PFBOUND_DYNAMIC);
-    for (auto &[type, number, lengths, indices, vertices, least, greatest] : cases)
+    for (auto &[type, number, lengths, indices, vertices, greatest, expected] : cases)
     {
-        std::vector<std::array<float, 3>> points(static_cast<size_t>(greatest) +
-                                                 1); // no more, so that reading on would show
-        std::ranges::generate(points, [i = -1.0f]() mutable { return ++i, std::array{i, -i, i * i}; });
+        // Just as many as are used, so that reading on would show. No three of them are on one line.
+        std::vector<Point> points(static_cast<size_t>(greatest) + 1);
+        std::ranges::generate(points, [i = -1.0f]() mutable { return ++i, Point{i, -i, i * i}; });
         pfGSetNumPrims(gset, number), pfGSetPrimType(gset, type);
         pfGSetPrimLengths(gset, lengths.empty() ? nullptr : lengths.data());
         pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, points.data(), indices.empty() ? nullptr : indices.data());
+        const float least = indices.empty() ? 0 : *std::ranges::min_element(indices),
+                    most = static_cast<float>(greatest);
         EXPECT_EQ(pfGetGSetNumVertices(gset), vertices) << type;
         EXPECT_EQ(pfGetGSetBBox(gset, &box), PFBOUND_DYNAMIC);
-        const Extents expected = {least, -greatest, least * least, greatest, -least, greatest * greatest};
-        EXPECT_EQ(std::bit_cast<Extents>(box), expected) << type;
+        EXPECT_EQ(std::bit_cast<Extents>(box), (Extents{least, -most, least * least, most, -least, most * most}))
+            << type;
+        Triangles found;
+        for (const pfTriangle &t : pfTrianglesOf(*gset))
+        {
+            std::array<unsigned, 3> corners;
+            std::ranges::transform(t.corners, corners.begin(),
+                                   [](const pfVec3 &v) { return static_cast<unsigned>(v[0]); });
+            std::rotate(corners.begin(), std::ranges::min_element(corners), corners.end());
+            found.push_back({t.prim, corners[0], corners[1], corners[2]});
+        }
+        EXPECT_EQ(found, expected) << type;
+        EXPECT_EQ(pfHierarchyOf(*gset) == nullptr, expected.empty());
+        pfGSetAttr(gset, PFGS_COORD3, PFGS_OFF, points.data(), nullptr);
+        EXPECT_TRUE(pfTrianglesOf(*gset).empty() && !pfHierarchyOf(*gset));
+        pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, nullptr, nullptr);
+        EXPECT_TRUE(pfTrianglesOf(*gset).empty());
     }
     float odd[] = {NAN, 1, NAN, -INFINITY, NAN, NAN};
     pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, odd, nullptr);
@@ -88,91 +118,29 @@ TEST(PfGeoSet, KeepsAttributesThroughMisuse)
     EXPECT_EQ(pfDelete(gset), 1);
 }
 
-using Triangles = std::vector<std::array<unsigned, 4>>; // primitive, numbers of the corners
-
-TEST(PfGeoSet, TrianglesOfAllKindsRunTheSameWay)
-{
-    const struct
-    {
-        int type, number;
-        std::vector<int> lengths;
-        std::vector<unsigned short> indices;
-        Triangles expected; // corners from the lowest on
-    } cases[] = {{PFGS_TRIS, 2, {}, {}, {{0, 0, 1, 2}, {1, 3, 4, 5}}},
-                 {PFGS_TRIS, 1, {}, {7, 2, 4}, {{0, 2, 4, 7}}},
-                 {PFGS_TRIS, 1, {}, {7, 4, 2}, {{0, 2, 7, 4}}},
-                 {PFGS_QUADS, 2, {}, {}, {{0, 0, 1, 2}, {0, 0, 2, 3}, {1, 4, 5, 6}, {1, 4, 6, 7}}},
-                 {PFGS_TRISTRIPS,
-                  3,
-                  {3, -9, 5},
-                  {0, 1, 2, 0, 4, 1, 5, 2},
-                  {{0, 0, 1, 2}, {2, 0, 4, 1}, {2, 1, 4, 5}, {2, 1, 5, 2}}},
-                 {PFGS_TRISTRIPS, 1, {6}, {0, 2, 1, 1, 4, 3}, {{0, 0, 2, 1}, {0, 1, 3, 4}}},
-                 {PFGS_TRIFANS, 3, {4, 2, 3}, {}, {{0, 0, 1, 2}, {0, 0, 2, 3}, {2, 6, 7, 8}}},
-                 {PFGS_POLYS, 1, {5}, {9, 0, 1, 2, 3}, {{0, 0, 1, 9}, {0, 1, 2, 9}, {0, 2, 3, 9}}},
-                 {PFGS_POLYS, 4, {}, {}, {}},
-                 {PFGS_POINTS, 6, {}, {}, {}},
-                 {PFGS_LINES, 3, {}, {}, {}},
-                 {PFGS_LINESTRIPS, 1, {6}, {}, {}}};
-    for (auto [type, number, lengths, indices, expected] : cases)
-    {
-        // Of just as many points as there are corners. No three of these are on one line.
-        unsigned count = type == PFGS_POINTS || type == PFGS_LINES || type == PFGS_LINESTRIPS ? 6 : 0;
-        std::ranges::for_each(expected,
-                              [&](const auto &t) {
-                                  count = std::max({count, t[1] + 1, t[2] + 1, t[3] + 1});
-                              });
-        std::vector<Point> points(count);
-        std::ranges::generate(points, [i = 0.0f]() mutable { return ++i, Point{i - 1, (i - 1) * (i - 1), 5}; });
-        pfGeoSet *gset = pfNewGSet(nullptr);
-        EXPECT_TRUE(pfTrianglesOf(*gset).empty());
-        pfGSetPrimType(gset, type), pfGSetNumPrims(gset, number);
-        pfGSetPrimLengths(gset, lengths.empty() ? nullptr : lengths.data());
-        EXPECT_TRUE(pfTrianglesOf(*gset).empty());
-        pfGSetAttr(gset, PFGS_COORD3, PFGS_PER_VERTEX, points.data(), indices.empty() ? nullptr : indices.data());
-        Triangles found;
-        for (const pfTriangle &t : pfTrianglesOf(*gset))
-        {
-            std::array<unsigned, 3> corners;
-            std::ranges::transform(t.corners, corners.begin(),
-                                   [](const pfVec3 &v) { return static_cast<unsigned>(v[0]); });
-            std::rotate(corners.begin(), std::ranges::min_element(corners), corners.end());
-            found.push_back({t.prim, corners[0], corners[1], corners[2]});
-        }
-        EXPECT_EQ(found, expected) << type;
-        EXPECT_EQ(pfHierarchyOf(*gset) == nullptr, expected.empty());
-        pfGSetAttr(gset, PFGS_COORD3, PFGS_OFF, points.data(), nullptr);
-        EXPECT_TRUE(pfTrianglesOf(*gset).empty() && !pfHierarchyOf(*gset));
-        EXPECT_EQ(pfDelete(gset), 1);
-    }
-}
-
 TEST(PfGeoSet, TrianglesWithoutAreaAreTheExactlyFlatOnes)
 {
-    std::mt19937 random(4);
-    const auto whole = [&](int limit)
-    { return static_cast<float>(static_cast<int>(random() % (2 * limit + 1)) - limit); };
+    const auto whole = [](int limit) { return static_cast<float>(lrand48() % (2 * limit + 1) - limit); };
     for (int i = 0; i < 20000; ++i)
     {
         // Corners on one line, all without rounding; then one of them moved by the least there is.
-        const float scale = std::ldexp(1.0f, static_cast<int>(random() % 200) - 100);
+        const float scale = std::ldexp(1.0f, static_cast<int>(lrand48() % 200) - 100);
         pfTriangle t = {};
-        const float first = 1 + std::abs(whole(500)), second = -1 - std::abs(whole(500));
+        const float along[] = {0, 1 + std::abs(whole(500)), -1 - std::abs(whole(500))};
         for (int axis = 0; axis < 3; ++axis)
         {
             const float start = whole(1 << 22), step = 1 + std::abs(whole(1000));
-            const float along[] = {start, start + first * step, start + second * step};
             for (int corner = 0; corner < 3; ++corner)
             {
-                t.corners[(corner + i) % 3][axis] = along[corner] * scale;
+                t.corners[(corner + i) % 3][axis] = (start + along[corner] * step) * scale;
             }
         }
-        ASSERT_FALSE(pfIsTriangle(t)) << i;
-        float &moved = t.corners[random() % 3][random() % 3];
-        moved = std::nextafter(moved, random() % 2 ? INFINITY : -INFINITY);
-        ASSERT_TRUE(pfIsTriangle(t)) << i;
-        moved = random() % 2 ? NAN : INFINITY;
-        ASSERT_FALSE(pfIsTriangle(t)) << i;
+        float &moved = t.corners[lrand48() % 3][lrand48() % 3];
+        const bool wasFlat = !pfIsTriangle(t);
+        moved = std::nextafter(moved, i % 2 ? INFINITY : -INFINITY);
+        const bool isFlat = !pfIsTriangle(t);
+        moved = i % 4 < 2 ? NAN : INFINITY;
+        ASSERT_TRUE(wasFlat && !isFlat && !pfIsTriangle(t)) << i;
     }
     // Differences that no double holds: on one line but for 1e-20, or not.
     EXPECT_TRUE(pfIsTriangle({{{1e30f, 1e30f, 0}, {1, 1 + 1e-7f, 0}, {-1e-30f, 0, 0}}, 0}));
@@ -184,8 +152,7 @@ TEST(PfGeoSet, HierarchyLastsUntilCoordinatesChange)
 {
     std::vector<Point> points = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     int length = 3;
-    pfArenaInfo before, after;
-    pfGetArenaInfo(&before);
+    const size_t before = tolvin::blocksInUse();
     pfGeoSet *gset = pfNewGSet(arena);
     const std::function<void()> changes[] = {
         [&] { pfGSetPrimType(gset, PFGS_TRISTRIPS); }, [&] { pfGSetNumPrims(gset, 1); },
@@ -201,10 +168,7 @@ TEST(PfGeoSet, HierarchyLastsUntilCoordinatesChange)
         EXPECT_FALSE(gset->hierarchy.load());
         EXPECT_TRUE(pfExtentOf(*gset, box) && box.max[2] == points[0][2]) << i;
         const pid_t process = fork();
-        if (process == 0)
-        {
-            _exit(pfHierarchyOf(*gset) ? 0 : 1);
-        }
+        process == 0 ? _exit(pfHierarchyOf(*gset) ? 0 : 1) : void();
         int status = -1;
         waitpid(process, &status, 0);
         const pfHierarchy *built = gset->hierarchy.load(); // by the other process
@@ -226,6 +190,5 @@ TEST(PfGeoSet, HierarchyLastsUntilCoordinatesChange)
     pfGSetNumPrims(gset, 1);
     EXPECT_TRUE(pfHierarchyOf(*gset));
     EXPECT_EQ(pfDelete(gset), 1);
-    pfGetArenaInfo(&after);
-    EXPECT_EQ(after.blocksInUse, before.blocksInUse);
+    EXPECT_EQ(tolvin::blocksInUse(), before);
 }

@@ -10,9 +10,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <random>
+#include <utility>
 #include <vector>
 
 namespace
@@ -37,11 +38,9 @@ int inProcesses(unsigned count, const std::function<void(unsigned)> &body)
         }
     }
     int result = 0;
-    while (count-- > 0)
+    for (int status = -1; count-- > 0; result = result != 0 ? result : status)
     {
-        int status = -1;
         wait(&status);
-        result = result != 0 ? result : status;
     }
     return result;
 }
@@ -78,14 +77,14 @@ bool isIntact(const unsigned char *block)
 // Allocates, checks and releases blocks in random order; none are left in the end.
 void churn(void *arena, unsigned seed)
 {
-    std::minstd_rand random(seed);
+    srand48(seed);
     Bytes held[8] = {};
     for (size_t step = 30008; step-- > 0;)
     {
-        Bytes &block = held[step < 8 ? step : random() % 8];
+        Bytes &block = held[step < 8 ? step : lrand48() % 8];
         ASSERT_TRUE(!block || isIntact(block));
         pfFree(block);
-        block = step < 8 ? nullptr : makeBlock(arena, 16 + random() % 300);
+        block = step < 8 ? nullptr : makeBlock(arena, 16 + lrand48() % 300);
     }
 }
 
@@ -149,8 +148,10 @@ PROCESS_TEST(BlocksAreAlignedCountedAndRefusedWhenTheArenaIsFull)
         blocks.push_back(block);
     }
     EXPECT_GT(info().peakBytes, kArenaSize * 9 / 10);
-    std::shuffle(blocks.begin(), blocks.end(), std::minstd_rand());
-    std::for_each(blocks.begin(), blocks.end(), pfFree);
+    for (size_t i = 0; i < blocks.size(); ++i)
+    {
+        std::swap(blocks[i], blocks[i + lrand48() % (blocks.size() - i)]), pfFree(blocks[i]);
+    }
     EXPECT_EQ(0u, info().blocksInUse + info().bytesInUse);
     EXPECT_NE(nullptr, pfMalloc(kArenaSize * 9 / 10, sharedArena));
 }
