@@ -18,6 +18,7 @@ foreach(folder kernel geometry vuDB performer)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin
     FILES_MATCHING PATTERN "*.h")
 endforeach()
+install(FILES ${PROJECT_SOURCE_DIR}/plugins/plugin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/tolvin
   FILES_MATCHING PATTERN "*.scene" PATTERN "*.drive" PATTERN "*.rgb" PATTERN "*.rgba" PATTERN "*.png" PATTERN "*.obj")
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/tolvin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
@@ -29,7 +30,7 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvinConfig.cmake.in 
 # Before 1.0 a minor version may change the interface.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/tolvinConfig.cmake ${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake
-  DESTINATION ${package_folder})
+  ${PROJECT_SOURCE_DIR}/cmake/tolvinPlugin.cmake DESTINATION ${package_folder})
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvin.pc.in ${PROJECT_BINARY_DIR}/tolvin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tolvin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -6,6 +6,7 @@
 #include "kerneldisdr.h"
 #include "kerneldisstate.h"
 #include "kernelentity.h"
+#include "kernelfx.h"
 #include "kernelgeneric.h"
 #include "kernelimage.h"
 #include "kernelmaterial.h"

@@ -13,6 +13,7 @@ endforeach()
 file(GLOB public_headers RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/kernel/*.h ${PROJECT_SOURCE_DIR}/geometry/*.h ${PROJECT_SOURCE_DIR}/vuDB/*.h
   ${PROJECT_SOURCE_DIR}/performer/*.h ${PROJECT_SOURCE_DIR}/performer/pfutil/*.h)
+list(APPEND public_headers plugin.h)
 set(header_sources)
 foreach(header ${public_headers})
   string(MAKE_C_IDENTIFIER ${header} name)

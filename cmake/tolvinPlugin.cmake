@@ -1,0 +1,8 @@
+# tolvin_add_plugin(NAME sources...): an effect plug-in, NAME.so, of C or C++ sources that include <tolvin/plugin.h>. Names that
+# are not marked with TOLVIN_PLUGIN stay inside. Its prefix-less file is what effects name.
+function(tolvin_add_plugin name)
+  add_library(${name} MODULE ${ARGN})
+  target_link_libraries(${name} PRIVATE tolvin::tolvin)
+  set_target_properties(${name} PROPERTIES PREFIX "" C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+endfunction()

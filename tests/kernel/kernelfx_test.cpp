@@ -1,0 +1,280 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <tolvin/kernel/tolvin.h>
+#include <tolvin/performer/pf.h>
+
+#include "support/capture.h"
+#include "support/fullarena.h"
+
+static const std::string kProbe = TOLVIN_TEST_PROBE, kOnlyUpdate = TOLVIN_TEST_ONLY_UPDATE;
+
+using tolvin::blocksInUse;
+
+static char *inArena(const std::string &text)
+{
+    char *copy = static_cast<char *>(pfMalloc(text.size() + 1, pfGetSharedArena()));
+    memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
+
+static bool isLoaded(const std::string &plugin)
+{
+    void *handle = dlopen(plugin.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    return handle != nullptr && dlclose(handle) == 0;
+}
+
+// Without the line numbers of messages.
+static std::string messages(const std::function<void()> &action)
+{
+    std::string text = capturedStderr(action);
+    for (size_t at = 0; (at = text.find("kernelfx:", at)) != std::string::npos; at += 10)
+    {
+        const size_t digits = at + 9;
+        text.replace(digits, text.find(' ', digits) - digits, "#");
+    }
+    return text;
+}
+
+class Effects : public testing::Test
+{
+protected:
+    vuRootNode root = {};
+    const size_t blocks = (pfGetSharedArena(), blocksInUse());
+
+    ~Effects() override
+    {
+        effectUnloadAll(&root);
+        effectFreeAll(&root);
+        EXPECT_EQ(root.effects.first, nullptr);
+        EXPECT_EQ(blocksInUse(), blocks);
+        EXPECT_FALSE(isLoaded(kProbe) || isLoaded(kOnlyUpdate));
+    }
+
+    vuEffect *add(const char *name, const std::string &plugin = {}, int num = 2)
+    {
+        auto *fx = static_cast<vuEffect *>(pfMalloc(sizeof(vuEffect), pfGetSharedArena()));
+        memset(fx, 0xa5, sizeof *fx);
+        effectInit(fx, name);
+        fx->pluginFile = plugin.empty() ? nullptr : inArena(plugin);
+        fx->num = num;
+        vunodeAppend(&root.effects, &fx->node);
+        return fx;
+    }
+
+    std::string log(vuEffect *fx)
+    {
+        char *text = static_cast<char *>(dlsym(fx->handle, "fxLog"));
+        const std::string copy = text;
+        *text = '\0';
+        return copy;
+    }
+
+    std::string printed()
+    {
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *stream = open_memstream(&text, &size);
+        effectPrintList(&root, stream);
+        fclose(stream);
+        const std::string copy(text, size);
+        free(text);
+        return copy;
+    }
+};
+
+TEST_F(Effects, InitialisesAllButOneWord)
+{
+    const vuEffect *fx = add("smoke");
+    EXPECT_STREQ(fx->node.name, "smoke");
+    EXPECT_TRUE(fx->node.type == 19 && fx->tagbase == 0 && fx->maskDraw == 0xffffffff && fx->reserved0 == 0xa5a5a5a5);
+    EXPECT_TRUE(std::ranges::all_of(fx->colour, [](float c) { return c == 1.0F; }));
+    EXPECT_TRUE(fx->duration == 1.0 && fx->fade == 0.0 && fx->numInst == 0 && fx->inst == nullptr);
+    EXPECT_TRUE(fx->reserved1 == 0 && fx->handle == nullptr && fx->fxInit == nullptr && fx->fxFreeInst == nullptr);
+    EXPECT_TRUE(fx->reserved2 == 0 && fx->entityNode == nullptr && fx->position[2] == 0.0F && fx->linkFx == nullptr);
+}
+
+TEST_F(Effects, SetsUpInOrderAndConnectsForwards)
+{
+    vuEffect *first = add("first", kProbe), *self = add("self", kProbe, 0), *lost = add("lost", kProbe, 1);
+    add("bare"); // never set up
+    vuEffect *last = add("last", kProbe, 1);
+    first->linkFxName = inArena("last"), self->linkFxName = inArena("self"), lost->linkFxName = inArena("nobody");
+    self->linkFx = last;
+    int count = 0;
+    const std::string said = messages([&] { count = effectSetupAll(&root); });
+    EXPECT_EQ(count, 4);
+    const std::string tag = "kernelfx:# Info: FX tagbase: 0x50524f42\n";
+    EXPECT_EQ(said, tag + "[0] [1] " + tag +
+                        "kernelfx:# Warning: \033[33mlink FX \"self\" must not connect to itself\033[0m\n" + tag +
+                        "[0] kernelfx:# Warning: \033[33munable to find link FX \"nobody\"\033[0m\n" + tag + "[0] ");
+    EXPECT_EQ(log(first), "init first 2 0 0\ninitInst first 0 0 0\ninitInst first 1 0 0\ninit self 0 1 0\n"
+                          "init lost 1 0 0\ninitInst lost 0 0 0\ninit last 1 0 0\ninitInst last 0 0 0\n");
+    EXPECT_TRUE(first->linkFx == last && self->linkFx == nullptr && lost->linkFx == nullptr);
+    EXPECT_TRUE(first->numInst == 2 && self->numInst == 0 && first->tagbase == 0x50524f42);
+    EXPECT_TRUE(effectSearchNamed(&root, "last") == last && effectSearchNamed(&root, "las") == nullptr);
+    EXPECT_EQ(effectSearchNamed(&root, nullptr), nullptr);
+
+    effectUpdate(&root);
+    EXPECT_EQ(log(first), "update first 0 0 0\nupdate self 0 0 0\nupdate lost 0 0 0\nupdate last 0 0 0\n");
+}
+
+TEST_F(Effects, ForwardsWordsUnchanged)
+{
+    vuEffect *fx = add("fx", kProbe);
+    messages([&] { effectSetupAll(&root); });
+    log(fx);
+    auto *answer = static_cast<uintptr_t *>(dlsym(fx->handle, "fxAnswer"));
+    constexpr auto kMost = std::numeric_limits<uintptr_t>::max();
+    *answer = kMost - 1; // garbage comes back as it is
+    EXPECT_EQ(effectObtain(&root, fx, kMost), kMost - 1);
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectTrigger(&root, fx, 7), kMost - 1); }),
+              "kernelfx:# Info: FX trigger \"fx\"\n");
+    effectTriggerInst(&root, fx, 1, 2);
+    EXPECT_EQ(effectGetData(&root, fx, 3, 4) & effectSetData(&root, fx, 5, 6), kMost - 1);
+    EXPECT_EQ(effectGetInstData(&root, fx, 1, 2, 3) & effectSetInstData(&root, fx, 4, 5, 6), kMost - 1);
+    EXPECT_EQ(effectStopInst(&root, fx, &fx->inst[1]), kMost - 1);
+    char most[32];
+    snprintf(most, sizeof most, "%zx", static_cast<size_t>(kMost));
+    EXPECT_EQ(log(fx), std::string("obtain fx ") + most +
+                           " 0 0\ntrigger fx 7 0 0\ntriggerInst fx 1 2 0\ngetData fx 3 4 0\nsetData fx 5 6 0\n"
+                           "getInstData fx 1 2 3\nsetInstData fx 4 5 6\nstopInst fx 1 0 0\n");
+
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U); }),
+              "kernelfx:# Debug: NULL Instance\n");
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectObtain(&root, nullptr, 1) + effectTrigger(&root, nullptr, 1), 0U); }),
+              "kernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\n");
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectSetup(&root, nullptr), 0); }), "kernelfx:# Debug: No effect\n");
+    EXPECT_EQ(log(fx), "");
+}
+
+TEST_F(Effects, GoOnWithoutEntryPoints)
+{
+    vuEffect *fx = add("fx", kOnlyUpdate), *other = add("other", kOnlyUpdate, -1);
+    fx->linkFxName = inArena("other");
+    const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, fx), 1); });
+    std::string expected;
+    for (const char *name : {"Init", "GetData", "SetData", "Obtain", "Trigger", "Free", "InitInst", "TriggerInst",
+                             "GetInstData", "SetInstData", "StopInst", "FreeInst"})
+    {
+        expected += std::string("kernelfx:# Warning: \033[33munable to find function \"fx") + name + "\" in \"" +
+                    kOnlyUpdate + "\"\033[0m\n";
+    }
+    EXPECT_EQ(said, expected);
+    EXPECT_TRUE(fx->numInst == 2 && fx->inst != nullptr && fx->linkFx == nullptr && fx->fxFreeInst == nullptr);
+    effectUpdate(&root);
+    EXPECT_EQ(log(fx), "update fx 0 0 0\n");
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectTrigger(&root, fx, 1), 0U); }), "kernelfx:# Info: FX trigger \"fx\"\n");
+    effectTriggerInst(&root, fx, 1, 2);
+    EXPECT_EQ(effectGetInstData(&root, fx, 1, 2, 3) + effectObtain(&root, fx, 1), 0U);
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, fx->inst), 0U); }),
+              "kernelfx:# Warning: \033[33mfxStopInst() undefined in plugin \"" + kOnlyUpdate + "\"\033[0m\n");
+    // A number of instances that is none.
+    EXPECT_NE(messages([&] { EXPECT_EQ(effectSetup(&root, other), 1); }).find("no room for -1 instances"),
+              std::string::npos);
+    EXPECT_TRUE(other->numInst == 0 && other->inst == nullptr);
+}
+
+TEST_F(Effects, RefuseWhatIsNoPlugin)
+{
+    char folder[] = "/tmp/tolvin-fx-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string text = std::string(folder) + "/text.so", foreign = std::string(folder) + "/foreign.so";
+    std::ofstream(text) << "no shared object\n";
+    std::ifstream probe(kProbe, std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(probe), {}};
+    bytes[4] = static_cast<char>(3 - bytes[4]); // class of the ELF header: 32 or 64 bits
+    std::ofstream(foreign, std::ios::binary) << bytes;
+    for (const std::string &file : {std::string(folder) + "/missing.so", text, foreign})
+    {
+        vuEffect *fx = add("fx", file);
+        const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, fx), 0); });
+        EXPECT_EQ(said, "kernelfx:# Warning: \033[31munable open plugin \"" + file + "\"\033[0m\n");
+        EXPECT_TRUE(fx->handle == nullptr && fx->fxUpdate == nullptr && fx->inst == nullptr && fx->numInst == 0);
+        EXPECT_EQ(effectObtain(&root, fx, 1), 0U);
+    }
+    add("good", kProbe);
+    messages([&] { EXPECT_EQ(effectSetupAll(&root), 1); });
+    effectUpdate(&root);
+    unlink(text.c_str()), unlink(foreign.c_str()), rmdir(folder);
+}
+
+TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
+{
+    vuEffect *a = add("a", kProbe), *b = add("b", kProbe, 1);
+    a->linkFxName = inArena("b"), a->parameter = inArena("x"), a->entityNode = inArena("jeep");
+    void *const held = dlopen(kProbe.c_str(), RTLD_LAZY); // to see the last of it
+    auto *text = static_cast<char *>(dlsym(held, "fxLog"));
+    messages([&] { effectSetupAll(&root); });
+    *text = '\0';
+    const size_t before = blocksInUse();
+    effectUnload(&root, a);
+    EXPECT_STREQ(text, "freeInst a 0 0 0\nfreeInst a 1 0 0\nfree a 0 0 0\n");
+    EXPECT_TRUE(a->handle == nullptr && a->fxUpdate == nullptr && a->inst == nullptr && a->linkFx == nullptr);
+    EXPECT_TRUE(a->tagbase == 0x50524f42 && a->num == 2 && a->numInst == 0);
+    effectUnload(&root, a);
+    messages([&] { EXPECT_EQ(effectSetup(&root, a), 1); });
+    EXPECT_TRUE(a->linkFx == b && blocksInUse() == before);
+    *text = '\0';
+    effectUnloadAll(&root);
+    EXPECT_STREQ(text, "freeInst a 0 0 0\nfreeInst a 1 0 0\nfree a 0 0 0\nfreeInst b 0 0 0\nfree b 0 0 0\n");
+    // Without unloading, too, everything is released; the plug-in is not asked.
+    messages([&] { effectSetupAll(&root); });
+    *text = '\0';
+    effectFreeAll(&root);
+    EXPECT_STREQ(text, "");
+    dlclose(held);
+}
+
+TEST_F(Effects, GoOnWithoutRoomForInstances)
+{
+    vuEffect *fx = add("fx", kProbe, 1 << 20), *most = add("most", kProbe, std::numeric_limits<int>::max());
+    for (vuEffect *each : {fx, most})
+    {
+        std::vector<void *> taken;
+        for (size_t size = size_t{1} << 28; size >= 1 << 16; size /= 2)
+        {
+            while (void *block = pfMalloc(size, pfGetSharedArena()))
+            {
+                taken.push_back(block);
+            }
+        }
+        const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, each), 1); });
+        std::ranges::for_each(taken, pfFree);
+        EXPECT_NE(said.find("no room for " + std::to_string(each->num) + " instances"), std::string::npos);
+        EXPECT_TRUE(each->inst == nullptr && each->numInst == 0);
+        EXPECT_EQ(log(each), std::string("init ") + each->node.name + " 0 0 0\n");
+    }
+}
+
+TEST_F(Effects, PrintAsDescriptionsHaveThem)
+{
+    EXPECT_EQ(printed(), "");
+    EXPECT_EQ(effectSetupAll(&root), 0);
+    effectUpdate(&root);
+    add("bare")->fade = 2.0;
+    add("plain", "plain.so", 16);
+    vuEffect *fx = add("full", "full.so", -3);
+    std::ranges::copy(std::vector{0.5F, 0.25F, 1e-7F, 1.0F}, fx->colour);
+    fx->duration = 12.5, fx->fade = 0.1, fx->maskDraw = 0xabc;
+    fx->parameter = inArena("rate 20"), fx->entityNode = inArena("jeep"), fx->linkFxName = inArena("plain");
+    std::ranges::copy(std::vector{1.5F, -2.0F, 1e6F}, fx->position);
+    fx->direction[2] = 0.1F;
+    EXPECT_EQ(printed(), "EFFECT \"bare\" {\n}\n"
+                         "EFFECT \"plain\" {\n  \"plain.so\"\n  COLOUR      1 1 1 1\n  NUM         16\n"
+                         "  DURATION    1\n  PARAMETER   \"\"\n  POSITION    0 0 0\n  DIRECTION   0 0 0\n}\n"
+                         "EFFECT \"full\" {\n  \"full.so\"\n  COLOUR      0.5 0.25 1e-07 1\n  NUM         -3\n"
+                         "  DURATION    12.5\n  FADE        0.1\n  MASK_DRAW   0x00000abc\n  PARAMETER   \"rate 20\"\n"
+                         "  ENTITYNODE  \"jeep\"\n  POSITION    1.5 -2 1e+06\n  DIRECTION   0 0 0.1\n"
+                         "  LINKFX   \"plain\"\n}\n");
+}
