@@ -1,5 +1,7 @@
 #include "pfgeoset.hpp"
 
+#include "pfbox.hpp"
+
 #include <array>
 #include <climits>
 #include <cmath>

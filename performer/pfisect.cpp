@@ -5,8 +5,8 @@
 
 #include "pfisect.h"
 
+#include "pfbox.hpp"
 #include "pfgeoset.hpp"
-#include "pfnode.hpp"
 #include "pfswitch.h"
 
 #include <algorithm>

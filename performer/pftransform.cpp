@@ -1,6 +1,6 @@
 #include "pftransform.h"
 
-#include "pfnode.hpp"
+#include "pfbox.hpp"
 
 #include <algorithm>
 #include <cstring>
