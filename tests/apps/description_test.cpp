@@ -1,4 +1,5 @@
 #include <tolvin/apps/description.h>
+#include <tolvin/kernel/kernelfx.h>
 #include <tolvin/kernel/kernelmaterial.h>
 #include <tolvin/kernel/kerneltexture.h>
 
@@ -30,8 +31,18 @@ protected:
     }
     ~Descriptions() override
     {
-        capturedStderr([this] { releaseSurfaces(*root_); });
+        release();
         EXPECT_EQ(blocksInUse(), before_);
+    }
+
+    void release()
+    {
+        capturedStderr(
+            [this]
+            {
+                releaseSurfaces(*root_);
+                effectFreeAll(root_.get());
+            });
     }
 
     // The errors as lines; the long lists of what is expected by a word.
@@ -47,7 +58,9 @@ protected:
                 }
             });
         const std::pair<std::string_view, const char *> lists[] = {
-            {"MATERIALLIST, TEXTURELIST, SCENE or ENTITY", "BLOCK"},
+            {"MATERIALLIST, TEXTURELIST, SCENE, ENTITY or EFFECT", "BLOCK"},
+            {"COLOUR, NUM, DURATION, FADE, MASK_DRAW, PARAMETER, ENTITYNODE, POSITION, DIRECTION, LINKFX or }",
+             "SETTING"},
             {"AMBIENT, DIFFUSE, SPECULAR, EMISSIVE, SHININESS, ALPHA or }", "COLOUR"},
             {"MODEL, ID, TYPE, FORCE, MARKING, MOTION, FOLLOW_TERRAIN, PROBE, LIFT, START, HEADING, HEIGHT, MASK, SHM "
              "or }",
@@ -69,6 +82,7 @@ protected:
         std::FILE *const stream = open_memstream(&text, &size);
         materialListPrintList(root_.get(), stream);
         textureListPrintList(root_.get(), stream);
+        effectPrintList(root_.get(), stream);
         std::fclose(stream);
         const std::string result(text, size);
         std::free(text);
@@ -129,11 +143,13 @@ TEST_F(Descriptions, FillsSceneAndEntities)
     EXPECT_EQ(read("SCENE \"\" { } ENTITY \"plane\" { ID 1 65534 3 }"),
               "1:1 SCENE: expected 1 of them at most\n1:21 \"plane\": expected a name that no other ENTITY has\n"
               "1:34 1 65534 3: expected an identity that no other ENTITY has\n");
-    EXPECT_EQ(read("ENTITY \"third\" { }"), "");
+    EXPECT_EQ(read("ENTITY \"third\" { } EFFECT \"f\" { } EFFECT \"g\" { }"), "");
+    EXPECT_EQ(description_.effect, "1:20");
+    EXPECT_EQ(read("EFFECT \"g\" { }"), "1:8 \"g\": expected a name that no other EFFECT has\n");
     EXPECT_TRUE(description_.entities.size() == 3 && description_.scene->terrains.size() == 3);
 }
 
-TEST_F(Descriptions, SurfacesAreThoseOfTheText)
+TEST_F(Descriptions, SurfacesAndEffectsAreThoseOfTheText)
 {
     const std::string text =
         "\nMATERIALLIST \"all\" {\n  MATERIAL \"m\" {\n    AMBIENT    0.125 -1 1e+30\n    DIFFUSE    0 0 0\n    "
@@ -142,8 +158,18 @@ TEST_F(Descriptions, SurfacesAreThoseOfTheText)
         "WRAP_S WRAP_T INTERNAL RGB5_A1 MIN_FILTER NEAREST MAG_FILTER NEAREST   } # -2147483648 65535x1x4\n  "
         "TEXTURE \"u\" { #   No texturefile specified!\n\n    MIN_FILTER LINEAR MAG_FILTER LINEAR   } # 0 0x0x0\n "
         " TEXTURE \"v\" { \"\" \n      } # 0 -1x0x0\n}\n";
+    const std::string effects =
+        "EFFECT \"blast\" {\n  \"dir/a b.so\"\n  COLOUR      1 0.8 -1.4013e-45 3.40282e+38\n  NUM         65536\n  "
+        "DURATION    4.94066e-324\n  FADE        1.5\n  MASK_DRAW   0x0000ffff\n  PARAMETER   \"a {#} 2\"\n  "
+        "ENTITYNODE  \"jeep\"\n  POSITION    1 2.5 -3\n  DIRECTION   0 0 1\n  LINKFX   \"smoke\"\n}\nEFFECT \"\" {\n}\n"
+        "EFFECT \"smoke\" {\n  \"s.so\"\n  COLOUR      1 1 1 1\n  NUM         0\n  DURATION    1\n  PARAMETER   "
+        "\"\"\n  ENTITYNODE  \"\"\n  POSITION    0 0 0\n  DIRECTION   0 0 0\n  LINKFX   \"\"\n}\n";
     const std::pair<std::string, std::string> cases[] = {
         {"\xEF\xBB\xBF" + text, text}, // a dump comes back as the same text
+        {effects, effects},
+        {"EFFECT \"e\"{\"e.so\" FADE 0 MASK_DRAW 4294967295}",
+         "EFFECT \"e\" {\n  \"e.so\"\n  COLOUR      1 1 1 1\n  NUM         16\n  DURATION    1\n  PARAMETER   \"\"\n  "
+         "POSITION    0 0 0\n  DIRECTION   0 0 0\n}\n"},
         {"MATERIALLIST \"ends\" { MATERIAL \"of\" { AMBIENT 3.4028235e38 +1e-45 -3.4028235e+38 } }",
          "\nMATERIALLIST \"ends\" {\n  MATERIAL \"of\" {\n    AMBIENT    3.40282e+38 1.4013e-45 -3.40282e+38\n  "
          "}\n}\n"},
@@ -161,7 +187,7 @@ TEST_F(Descriptions, SurfacesAreThoseOfTheText)
     {
         EXPECT_EQ(this->read(read), "");
         EXPECT_EQ(dump(), dumped);
-        capturedStderr([this] { releaseSurfaces(*root_); });
+        release();
     }
 }
 
@@ -252,12 +278,27 @@ TEST_F(Descriptions, EveryErrorIsToldAndNothingIsTaken)
          "1:14 MARKNG: expected ATTRIBUTE\n1:33 b: expected at most 11 characters of ASCII in quotes\n1:35 "
          "MARKING: expected 1 of them at most\n1:43 \"\xC3\xBC\": expected at most 11 characters of ASCII in "
          "quotes\n1:48 STEP: expected ATTRIBUTE\n1:59 TERRAIN: expected ATTRIBUTE\n2:15 }: expected BLOCK\n"},
+        {"EFFECT \"a\" { \"\" COLOUR 1 2 NUM 65537 DURATION 0\n FADE -1 MASK_DRAW x PARAMETER 5 NUM -1 }\nEFFECT \"a\" "
+         "{ "
+         "smoke.so LINKFX\nEFFECT b { POSITION 1 1 nan DIRECTION 0 0 1e39 \"late.so\" }\nSCENE \"s\" {\n EFFECT \"c\" "
+         "{ "
+         "TERRAIN \"t\" { STEP 1\nDURATION inf } COLOR 1 1 1 1 } }",
+         "1:14 \"\": expected a plug-in file in quotes, SETTING\n1:28 NUM: expected a number\n1:32 65537: expected a "
+         "whole number from 0 to 65536\n1:47 0: expected more than 0 seconds\n2:7 -1: expected 0 seconds or more\n2:20 "
+         "x: expected a mask of 32 bits, like 255 or 0xff\n2:32 5: expected a text in quotes\n2:34 NUM: expected 1 of "
+         "them at most\n2:38 -1: expected a whole number from 0 to 65536\n3:8 \"a\": expected a name that no other "
+         "EFFECT has\n3:14 smoke.so: expected a plug-in file in quotes, SETTING\n4:1 EFFECT: expected a text in "
+         "quotes\n4:8 b: expected a name in quotes\n4:25 nan: expected a number\n4:43 1e39: expected a number in the "
+         "range of single precision\n4:48 \"late.so\": expected SETTING\n6:2 EFFECT: expected }\n6:15 TERRAIN: "
+         "expected SETTING\n6:29 STEP: expected CENTER, UP or SCALE for a model\n7:1 DURATION: expected STEP, RADIUS, "
+         "UNDULATION, SPACING, HEIGHT, CENTER, UP, SCALE or }\n7:10 inf: expected STEP, RADIUS, UNDULATION, SPACING, "
+         "HEIGHT, CENTER, UP, SCALE or }\n7:16 COLOR: expected SETTING\n7:32 }: expected BLOCK\n"},
     };
     for (const auto &[text, errors] : cases)
     {
         EXPECT_EQ(read(text), errors) << text;
         EXPECT_TRUE(root_->materialLists.first == nullptr && root_->textureLists.first == nullptr);
-        EXPECT_TRUE(!description_.scene && description_.entities.empty());
+        EXPECT_TRUE(!description_.scene && description_.entities.empty() && root_->effects.first == nullptr);
     }
     using namespace std::string_literals;
     EXPECT_EQ(read("MATERIALLIST \"a\0b\" { \0 }"s), "1:14 \"a\\x00b\": expected a text without zero bytes\n1:22 "
@@ -314,7 +355,8 @@ TEST_F(Descriptions, FilesNameThePlaceOfAnError)
     }
     catch (const std::runtime_error &error)
     {
-        EXPECT_EQ(error.what(), file.string() + ":3:1: rest: expected MATERIALLIST, TEXTURELIST, SCENE or ENTITY");
+        EXPECT_EQ(error.what(),
+                  file.string() + ":3:1: rest: expected MATERIALLIST, TEXTURELIST, SCENE, ENTITY or EFFECT");
     }
     std::filesystem::remove(file);
     EXPECT_THROW(readDescriptionFile(file, *root_, description_), std::runtime_error);

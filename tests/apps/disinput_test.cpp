@@ -138,6 +138,35 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNotTaken)
     EXPECT_EQ(input->counts().reports, 3u);
 }
 
+TEST_F(DisInputTest, HandsShotsOfOthersOn)
+{
+    const auto send = [&](vuEntityId firing, std::uint8_t exercise, float velocity)
+    {
+        Datagram fire(kFireSize), detonation(kDetonationSize);
+        EXPECT_EQ(encodeFire({.header = {6, exercise}, .firing = firing, .velocity = {velocity}}, fire), 96u);
+        EXPECT_EQ(encodeDetonation({.header = {6, exercise}, .firing = firing, .velocity = {velocity}}, detonation),
+                  104u);
+        take(fire);
+        take(detonation);
+    };
+    std::vector<unsigned> heard;
+    const auto hear = [&](const auto &shot) { heard.push_back(shot.header.pduType * 100u + shot.firing.entity); };
+    const DisCounts &counts = input->counts();
+    send({7, 8, 1}, 1, 0); // nobody listens
+    EXPECT_TRUE(counts.otherPdus == 2 && heard.empty());
+    input->setWarfareSinks({}, hear);
+    send({7, 8, 2}, 1, 0);
+    EXPECT_TRUE(counts.otherPdus == 3 && counts.fires == 0 && counts.detonations == 1);
+    input->setWarfareSinks(hear, hear);
+    send({7, 1000, 3}, 1, 0);
+    send({1, 1000, 4}, 1, 0); // ours
+    send({7, 8, 5}, 9, 0);
+    send({7, 8, 6}, 1, NAN);
+    EXPECT_EQ(heard, (std::vector<unsigned>{302, 203, 303}));
+    EXPECT_TRUE(counts.fires == 1 && counts.detonations == 2 && counts.own == 2 && counts.otherExercise == 2);
+    EXPECT_EQ(counts.faults[static_cast<std::size_t>(PduFault::NonFinite)], 2u);
+}
+
 TEST_F(DisInputTest, MovesAnEntityFromReportToReportWithoutAJump)
 {
     for (int step = 0; step < 100; ++step)

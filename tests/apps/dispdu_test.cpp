@@ -55,11 +55,42 @@ Bytes operator+(Bytes bytes, const Bytes &more)
     return bytes;
 }
 
+// Laid by hand as well: header, firing 1:2:3, target 4:5:6, munition 7:8:9, event 1:2:772,
+const Bytes kShot = {6, 9, 2, 2, 0x12, 0x34, 0x56, 0x79, 0, 96, 0, 0, 0, 1, 0, 2, 0, 3,
+                     0, 4, 0, 5, 0,    6,    0,    7,    0, 8,  0, 9, 0, 1, 0, 2, 3, 4};
+const Bytes kRound = {2, 2,    0, 225,  3, 4,  5, 6,
+                      3, 0xE8, 3, 0xE9, 0, 10, 0, 11};                       // type, warhead 1000, fuse 1001, 10, 11
+const Bytes kVelocity = {0x3F, 0xC0, 0, 0, 0xC0, 0, 0, 0, 0x3E, 0x80, 0, 0}; // 1.5, -2, 0.25
+const Bytes kLocation = {0x41, 0x58, 0x54, 0xA6, 0x40, 0,    0, 0, 0xC1, 0x50, 0x03, 0xA1, // 6378137, -4198023.5, 1
+                         0xE0, 0,    0,    0,    0x3F, 0xF0, 0, 0, 0,    0,    0,    0};
+// fire mission index, range 2500; location 0.5, -1, 2 on the entity, result, articulation parameters, padding.
+const Bytes kFire = kShot + Bytes{0xDE, 0xAD, 0xBE, 0xEF} + kLocation + kRound + kVelocity + Bytes{0x45, 0x1C, 0x40, 0};
+const Bytes kDetonation = with(with(kShot, 2, 3), 9, 104) + kVelocity + kLocation + kRound +
+                          Bytes{0x3F, 0, 0, 0, 0xBF, 0x80, 0, 0, 0x40, 0, 0, 0, 3, 0, 0, 0};
+
+template<class Shot>
+std::vector<double> valuesOf(const Shot &shot)
+{
+    const vuEntityType &type = shot.descriptor.munition;
+    return {1.0 * shot.firing.entity,   1.0 * shot.target.entity,
+            1.0 * shot.munition.entity, 1.0 * shot.event.number,
+            shot.location[0],           shot.location[1],
+            shot.velocity[0],           shot.velocity[1],
+            1.0 * type.domain,          1.0 * type.country,
+            1.0 * type.extra,           1.0 * shot.descriptor.warhead,
+            1.0 * shot.descriptor.fuse, 1.0 * shot.descriptor.quantity,
+            1.0 * shot.descriptor.rate};
+}
+
+const std::vector<double> kValues = {3, 6, 9, 772, 6378137, -4198023.5, 1.5, -2, 2, 225, 6, 1000, 1001, 10, 11};
+
 struct Walk
 {
-    PduFault fault = PduFault::None; // of the walk, or else of the last Entity State PDU
+    PduFault fault = PduFault::None; // of the walk, or else of the last PDU that was decoded
     Lengths lengths;
-    vuEntityState state{}; // of the last good Entity State PDU
+    vuEntityState state{}; // of the last good PDUs
+    Fire fire{};
+    Detonation detonation{};
 };
 
 Walk walk(const Bytes &datagram)
@@ -69,7 +100,11 @@ Walk walk(const Bytes &datagram)
     Walk result;
     for (Pdu pdu; reader.next(pdu); result.lengths.push_back(pdu.bytes.size()))
     {
-        result.fault = kindOf(pdu.header) == PduKind::EntityState ? decodeEntityState(pdu, result.state) : result.fault;
+        const PduKind kind = kindOf(pdu.header);
+        result.fault = kind == PduKind::EntityState  ? decodeEntityState(pdu, result.state)
+                       : kind == PduKind::Fire       ? decodeFire(pdu, result.fire)
+                       : kind == PduKind::Detonation ? decodeDetonation(pdu, result.detonation)
+                                                     : result.fault;
     }
     result.fault = reader.fault() == PduFault::None ? result.fault : reader.fault();
     return result;
@@ -108,14 +143,39 @@ TEST(DisPdu, DecodesAndEncodesEachVersion)
     EXPECT_FALSE(leaves(walk(with(kPdu, 84, 0xFF7FFFFF, 4)).state));
 }
 
+TEST(DisPdu, DecodesAndEncodesShots)
+{
+    for (const std::uint8_t version : {5, 6, 7})
+    {
+        const Bytes fireWire = with(kFire, 0, version), detonationWire = with(kDetonation, 0, version);
+        auto [fault, lengths, state, fire, detonation] =
+            walk(with(fireWire + detonationWire, 10, version == 7 ? 16 : 0));
+        EXPECT_TRUE(fault == PduFault::None && valuesOf(fire) == kValues && valuesOf(detonation) == kValues);
+        EXPECT_TRUE(fire.fireMissionIndex == 0xDEADBEEF && fire.range == 2500);
+        EXPECT_TRUE(detonation.entityLocation[2] == 2 && detonation.result == 3);
+
+        fire.header.pduType = detonation.header.protocolFamily = 1; // does not count
+        fire.header.length = detonation.header.length = 0;
+        Bytes encoded(96), more(104);
+        EXPECT_EQ(encodeFire(fire, std::span(encoded).first(95)) + encodeDetonation(detonation, encoded), 0u);
+        EXPECT_TRUE(encodeFire(fire, encoded) == 96 && encodeDetonation(detonation, more) == 104);
+        EXPECT_EQ(encoded, fireWire);
+        EXPECT_EQ(more, detonationWire);
+    }
+}
+
 TEST(DisPdu, RefusesEveryPrefix)
 {
-    for (std::size_t size = 0; size < kPdu.size(); ++size)
+    for (const Bytes &whole : {kPdu, kFire, kDetonation})
     {
-        const Bytes cut(kPdu.begin(), kPdu.begin() + size);
-        EXPECT_EQ(walk(cut).fault, size < 12 ? PduFault::ShorterThanHeader : PduFault::LengthBeyondDatagram) << size;
-        // The same with a length field that admits it.
-        EXPECT_TRUE(size < 12 || walk(with(cut, 8, size, 2)).fault == PduFault::BodyTooShort) << size;
+        for (std::size_t size = 0; size < whole.size(); ++size)
+        {
+            const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+            EXPECT_EQ(walk(cut).fault, size < 12 ? PduFault::ShorterThanHeader : PduFault::LengthBeyondDatagram)
+                << size;
+            // The same with a length field that admits it.
+            EXPECT_TRUE(size < 12 || walk(with(cut, 8, size, 2)).fault == PduFault::BodyTooShort) << size;
+        }
     }
 }
 
@@ -134,6 +194,8 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
         {with(two, 144 + 8, 145, 2), PduFault::LengthBeyondDatagram, {144}},
         {with(articulated, 8, 304, 2) + Bytes(160), PduFault::None, {304}}, // 304 = 144 + 10 * 16
         {with(articulated, 8, 303, 2) + Bytes(159), PduFault::BodyTooShort, {303}},
+        {with(with(kDetonation, 101, 2), 8, 136, 2) + Bytes(32), PduFault::None, {136}}, // 104 + 2 * 16
+        {with(with(kDetonation, 101, 2), 8, 135, 2) + Bytes(31), PduFault::BodyTooShort, {135}},
         {other(65507), PduFault::None, {65507}},
     };
     for (const auto &[datagram, fault, lengths] : cases)
@@ -168,7 +230,10 @@ TEST(DisPdu, DecodesAndEncodesRemovals)
         EXPECT_EQ(encodeRemoveEntity(removal, encoded), 28u);
         EXPECT_TRUE(length < 28 || encoded == wire);
     }
-    EXPECT_EQ(kindOf({6, 9, 12, 1, 0, 28}), PduKind::Other);
+    for (const PduHeader &header : {PduHeader{6, 9, 12, 1, 0, 28}, {6, 9, 2, 1, 0, 96}, {6, 9, 3, 5, 0, 104}})
+    {
+        EXPECT_EQ(kindOf(header), PduKind::Other);
+    }
 }
 
 TEST(DisPdu, RefusesNumbersThatMoveNowhere)
@@ -176,18 +241,25 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
     using enum PduFault;
     const std::pair<double, PduFault> numbers[] = {
         {1, None}, {1.000001, Implausible}, {HUGE_VAL, NonFinite}, {NAN, NonFinite}};
-    const std::tuple<int, int, double> vectors[] = {
-        {36, 4, 1e5}, {48, 8, 1e9}, {72, 4, 1e4}, {104, 4, 1e6}, {116, 4, 1e5}};
-    for (int test = 0; test < 5 * 3 * 4 * 2; ++test)
+    const std::tuple<Bytes, int, int, int, double> vectors[] = {
+        {kPdu, 36, 3, 4, 1e5},        {kPdu, 48, 3, 8, 1e9},        {kPdu, 72, 3, 4, 1e4},
+        {kPdu, 104, 3, 4, 1e6},       {kPdu, 116, 3, 4, 1e5},       {kFire, 40, 3, 8, 1e9},
+        {kFire, 80, 3, 4, 1e5},       {kFire, 92, 1, 4, 1e9},       {kDetonation, 36, 3, 4, 1e5},
+        {kDetonation, 48, 3, 8, 1e9}, {kDetonation, 88, 3, 4, 1e9},
+    };
+    for (const auto &[pdu, offset, count, width, limit] : vectors)
     {
-        const auto [offset, width, limit] = vectors[test % 5];
-        const auto [factor, fault] = numbers[test / 5 % 4];
-        const double number = std::copysign(limit * factor, test / 20 % 2 - 0.5);
-        const int at = offset + test / 40 * width;
-        const auto bits = width == 8 ? std::bit_cast<std::uint64_t>(number)
-                                     : std::bit_cast<std::uint32_t>(static_cast<float>(number));
-        const Walk result = walk(with(kPdu, at, bits, width));
-        EXPECT_EQ(result.fault, fault) << number << " at " << at;
-        EXPECT_EQ(result.state.length, fault == None ? 144 : 0); // untouched when refused
+        for (int test = 0; test < count * 8; ++test)
+        {
+            const auto [factor, fault] = numbers[test % 4];
+            const double number = std::copysign(limit * factor, test / 4 % 2 - 0.5);
+            const int at = offset + test / 8 * width;
+            const auto bits = width == 8 ? std::bit_cast<std::uint64_t>(number)
+                                         : std::bit_cast<std::uint32_t>(static_cast<float>(number));
+            const Walk result = walk(with(pdu, at, bits, width));
+            EXPECT_EQ(result.fault, fault) << number << " at " << at;
+            const int length = result.state.length + result.fire.header.length + result.detonation.header.length;
+            EXPECT_EQ(length, fault == None ? pdu.size() : 0); // untouched when refused
+        }
     }
 }

@@ -235,7 +235,7 @@ TEST_F(Worlds, AircraftGoOverTheGround)
     }
     EXPECT_GT(driven().position[0], 100.0);
     const OwnEntity &other = world_->entities().front();
-    EXPECT_TRUE(other.entity->position[2] == 40.0 && other.ground == 0.0);
+    EXPECT_TRUE(other.entity->position[2] == 40.0 && world_->groundBelow(other) == 0.0);
 }
 
 TEST_F(Worlds, WhatIsOverheadIsNoGround)
@@ -250,7 +250,7 @@ TEST_F(Worlds, WhatIsOverheadIsNoGround)
     {
         drive(1, PFUMOUSE_LEFT);
         ASSERT_NEAR(driven().position[2], 0.2 * driven().position[1], 1e-3);
-        ASSERT_NEAR(*world_->driven()->ground, 0.2 * driven().position[1], 1e-3);
+        ASSERT_NEAR(*world_->groundBelow(*world_->driven()), 0.2 * driven().position[1], 1e-3);
     }
     EXPECT_GT(driven().position[1], 50.0);
     EXPECT_NEAR(driven().orientation[1], std::atan(0.2), 1e-3);

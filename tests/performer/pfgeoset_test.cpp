@@ -23,11 +23,6 @@ using Point = std::array<float, 3>;
 
 static void *const arena = (pfSharedArenaSize(4 << 20), pfGetSharedArena());
 
-static ptrdiff_t linesOf(const std::function<void()> &action)
-{
-    return std::ranges::count(capturedStderr(action), '\n');
-}
-
 using Triangles = std::vector<std::array<unsigned, 4>>; // primitive, numbers of the corners
 
 TEST(PfGeoSet, BoxAndTrianglesAreOfTheVerticesThatPrimitivesUse)

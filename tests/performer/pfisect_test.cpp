@@ -87,11 +87,6 @@ pfNode *asNode(void *node)
     return static_cast<pfNode *>(node);
 }
 
-ptrdiff_t linesOf(const std::function<void()> &action)
-{
-    return std::ranges::count(capturedStderr(action), '\n');
-}
-
 template<typename Value>
 Value ask(const pfHit *hit, unsigned int query)
 {

@@ -24,11 +24,6 @@ static pfNode *asNode(void *node)
     return static_cast<pfNode *>(node);
 }
 
-static ptrdiff_t linesOf(const std::function<void()> &action)
-{
-    return std::ranges::count(capturedStderr(action), '\n');
-}
-
 static std::vector<pfNode *> childrenOf(const pfGroup *group)
 {
     std::vector<pfNode *> children(static_cast<size_t>(pfGetNumChildren(group)));

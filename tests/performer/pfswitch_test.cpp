@@ -18,11 +18,6 @@
 
 static void *const arena = (pfSharedArenaSize(1 << 20), pfGetSharedArena());
 
-static ptrdiff_t linesOf(const std::function<void()> &action)
-{
-    return std::ranges::count(capturedStderr(action), '\n');
-}
-
 TEST(PfSwitch, KeepsValuesThatItKnows)
 {
     pfSwitch *node = pfNewSwitch(arena);
