@@ -138,7 +138,8 @@ void connect(vuRootNode *root, vuEffect &fx)
 
 void letRelease(vuRootNode *root, vuEffect &fx)
 {
-    for (int32_t i = 0; fx.fxFreeInst != nullptr && i < fx.numInst; ++i)
+    // Without fxInit the words of instances are what happened to be in the arena.
+    for (int32_t i = 0; fx.fxInit != nullptr && fx.fxFreeInst != nullptr && i < fx.numInst; ++i)
     {
         fx.fxFreeInst(root, &fx, &fx.inst[i]);
     }

@@ -180,7 +180,7 @@ TOLVIN_API void effectPrintList(vuRootNode *root, FILE *stream);
 
 /*
  * Additions of this library, the other way round as effectSetup: let the plug-in release what it has, with fxFreeInst for each
- * instance and then fxFree, close it, release the instances, and leave handle, entry points, inst and linkFx null, and numInst
+ * instance (if it has fxInit) and then fxFree, close it, release the instances, and leave handle, entry points, inst and linkFx null, and numInst
  * 0. Settings, name and tagbase stay, so that the effect can be set up again. effectUnloadAll closes no plug-in before all have
  * released what they have, because effects are linked to each other. Effects that are not loaded are left alone, and so is a null fx.
  */
