@@ -61,6 +61,13 @@ DisInput::~DisInput()
     pfFree(scene_);
 }
 
+void DisInput::setWarfareSinks(std::function<void(const Fire &)> fire,
+                               std::function<void(const Detonation &)> detonation)
+{
+    fire_ = std::move(fire);
+    detonation_ = std::move(detonation);
+}
+
 void DisInput::fault(PduFault kind)
 {
     ++counts_.malformed;
@@ -117,11 +124,43 @@ PduFault DisInput::takePdu(const Pdu &pdu, double arrival)
         }
         return kind;
     }
+    case PduKind::Fire:
+        return takeShot(pdu, decodeFire, fire_, counts_.fires);
+    case PduKind::Detonation:
+        return takeShot(pdu, decodeDetonation, detonation_, counts_.detonations);
     case PduKind::Other:
         break;
     }
     ++counts_.otherPdus;
     return PduFault::None;
+}
+
+template<class Shot>
+PduFault DisInput::takeShot(const Pdu &pdu, PduFault (*decode)(const Pdu &, Shot &),
+                            const std::function<void(const Shot &)> &sink, std::uint64_t &count)
+{
+    if (!sink)
+    {
+        ++counts_.otherPdus;
+        return PduFault::None;
+    }
+    Shot shot;
+    const PduFault kind = decode(pdu, shot);
+    if (kind == PduFault::None && isOwn(shot.firing))
+    {
+        ++counts_.own;
+    }
+    else if (kind == PduFault::None)
+    {
+        ++count;
+        sink(shot);
+    }
+    return kind;
+}
+
+bool DisInput::isOwn(const vuEntityId &id) const
+{
+    return id.site == options_.site && id.application == options_.application;
 }
 
 // Nobody removes what belongs to others.
@@ -141,7 +180,7 @@ void DisInput::takeRemoval(const RemoveEntity &removal, double arrival)
 // What an application says about one of its entities: how it moves, or, without a report, that it leaves.
 void DisInput::takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival)
 {
-    if (id.site == options_.site && id.application == options_.application)
+    if (isOwn(id))
     {
         ++counts_.own;
         return;

@@ -33,6 +33,8 @@ struct DisCounts
     std::uint64_t datagrams = 0;
     std::uint64_t reports = 0;   // Entity States handed to the kernel
     std::uint64_t malformed = 0; // PDUs or rests of datagrams with a fault
+    std::uint64_t fires = 0;     // handed to the sink
+    std::uint64_t detonations = 0;
     std::uint64_t otherPdus = 0; // well-formed PDUs that are not used: their type, or whose entity they remove
     std::uint64_t otherExercise = 0;
     std::uint64_t own = 0;
@@ -63,6 +65,10 @@ public:
     DisInput(const DisInput &) = delete;
     DisInput &operator=(const DisInput &) = delete;
 
+    // What to do at once, in take(), with each Fire and Detonation of others that comes. Those whose sink is empty, as both are
+    // at first, count as other PDUs.
+    void setWarfareSinks(std::function<void(const Fire &)> fire, std::function<void(const Detonation &)> detonation);
+
     // Takes one datagram, of any content, that arrived at that time on the simulation clock in seconds. Its reports wait
     // for the next frame.
     void take(std::span<const std::uint8_t> datagram, double arrival);
@@ -90,6 +96,10 @@ public:
 
 private:
     PduFault takePdu(const Pdu &pdu, double arrival);
+    template<class Shot>
+    PduFault takeShot(const Pdu &pdu, PduFault (*decode)(const Pdu &, Shot &),
+                      const std::function<void(const Shot &)> &sink, std::uint64_t &count);
+    bool isOwn(const vuEntityId &id) const;
     void takeRemoval(const RemoveEntity &removal, double arrival);
     void takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);
     void fault(PduFault kind);
@@ -101,6 +111,8 @@ private:
     vuRootNode &root_;
     DisInputOptions options_;
     NoticeSink notice_;
+    std::function<void(const Fire &)> fire_;
+    std::function<void(const Detonation &)> detonation_;
     vuScene *scene_;
     std::unique_ptr<EntityTable> table_;
     DisCounts counts_;

@@ -1,7 +1,9 @@
 #include "dispdu.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
+#include <initializer_list>
 #include <type_traits>
 
 namespace tolvin
@@ -14,6 +16,9 @@ constexpr std::uint8_t kEntityStateType = 1;
 constexpr std::uint8_t kEntityInformationFamily = 1;
 constexpr std::uint8_t kRemoveEntityType = 12;
 constexpr std::uint8_t kSimulationManagementFamily = 5;
+constexpr std::uint8_t kFireType = 2;
+constexpr std::uint8_t kDetonationType = 3;
+constexpr std::uint8_t kWarfareFamily = 2;
 constexpr std::size_t kArticulationParameterSize = 16;
 constexpr std::size_t kPduAlignment = 8;
 
@@ -166,6 +171,44 @@ void removeEntityFields(Wire &wire, Removal &removal)
     wire(removal.request);
 }
 
+// What Fire and Detonation PDUs begin with.
+template<class Wire, class Shot>
+void shotFields(Wire &wire, Shot &shot)
+{
+    std::uint16_t padding = 0;
+    headerFields(wire, shot.header, padding);
+    entityIdFields(wire, shot.firing);
+    entityIdFields(wire, shot.target);
+    entityIdFields(wire, shot.munition);
+    wire(shot.event.site, shot.event.application, shot.event.number);
+}
+
+template<class Wire, class Descriptor>
+void descriptorFields(Wire &wire, Descriptor &descriptor)
+{
+    entityTypeFields(wire, descriptor.munition);
+    wire(descriptor.warhead, descriptor.fuse, descriptor.quantity, descriptor.rate);
+}
+
+template<class Wire, class FireRecord>
+void fireFields(Wire &wire, FireRecord &fire)
+{
+    shotFields(wire, fire);
+    wire(fire.fireMissionIndex, fire.location);
+    descriptorFields(wire, fire.descriptor);
+    wire(fire.velocity, fire.range);
+}
+
+template<class Wire, class DetonationRecord>
+void detonationFields(Wire &wire, DetonationRecord &detonation, std::uint8_t &articulations)
+{
+    std::uint16_t padding = 0;
+    shotFields(wire, detonation);
+    wire(detonation.velocity, detonation.location);
+    descriptorFields(wire, detonation.descriptor);
+    wire(detonation.entityLocation, detonation.result, articulations, padding);
+}
+
 // Sets what follows from the record being an Entity State PDU without articulation parameters.
 void setFixedFields(vuEntityState &state)
 {
@@ -176,21 +219,33 @@ void setFixedFields(vuEntityState &state)
     state.numArticulParam = 0;
 }
 
+PduFault checkNumber(double number, double limit)
+{
+    if (!std::isfinite(number))
+    {
+        return PduFault::NonFinite;
+    }
+    return std::abs(number) > limit ? PduFault::Implausible : PduFault::None;
+}
+
+PduFault firstOf(std::initializer_list<PduFault> faults)
+{
+    const auto found =
+        std::find_if(faults.begin(), faults.end(), [](PduFault fault) { return fault != PduFault::None; });
+    return found == faults.end() ? PduFault::None : *found;
+}
+
 template<class Number>
 PduFault checkVector(const Number (&vector)[3], double limit)
 {
-    for (const Number component : vector)
-    {
-        if (!std::isfinite(component))
-        {
-            return PduFault::NonFinite;
-        }
-        if (std::abs(component) > limit)
-        {
-            return PduFault::Implausible;
-        }
-    }
-    return PduFault::None;
+    return firstOf({checkNumber(vector[0], limit), checkNumber(vector[1], limit), checkNumber(vector[2], limit)});
+}
+
+// A record's header as it is to be sent.
+PduHeader headerOf(const PduHeader &header, std::uint8_t type, std::uint8_t family, std::size_t length)
+{
+    return {
+        header.protocolVersion, header.exerciseId, type, family, header.timestamp, static_cast<std::uint16_t>(length)};
 }
 
 PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
@@ -224,6 +279,14 @@ PduKind kindOf(const PduHeader &header)
     if (header.pduType == kRemoveEntityType && header.protocolFamily == kSimulationManagementFamily)
     {
         return PduKind::RemoveEntity;
+    }
+    if (header.pduType == kFireType && header.protocolFamily == kWarfareFamily)
+    {
+        return PduKind::Fire;
+    }
+    if (header.pduType == kDetonationType && header.protocolFamily == kWarfareFamily)
+    {
+        return PduKind::Detonation;
     }
     return PduKind::Other;
 }
@@ -289,17 +352,10 @@ bool PduReader::next(Pdu &pdu)
 
 PduFault checkNumbers(const vuEntityState &state)
 {
-    for (const PduFault fault :
-         {checkVector(state.velocity, kMaxVelocity), checkVector(state.location, kMaxLocation),
-          checkVector(state.orientation, kMaxAngle), checkVector(state.deadReckoning.linearAcc, kMaxAcceleration),
-          checkVector(state.deadReckoning.angularVel, kMaxAngularVelocity)})
-    {
-        if (fault != PduFault::None)
-        {
-            return fault;
-        }
-    }
-    return PduFault::None;
+    return firstOf({checkVector(state.velocity, kMaxVelocity), checkVector(state.location, kMaxLocation),
+                    checkVector(state.orientation, kMaxAngle),
+                    checkVector(state.deadReckoning.linearAcc, kMaxAcceleration),
+                    checkVector(state.deadReckoning.angularVel, kMaxAngularVelocity)});
 }
 
 PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
@@ -359,12 +415,76 @@ std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8
         return 0;
     }
     RemoveEntity fixed = removal;
-    fixed.header.pduType = kRemoveEntityType;
-    fixed.header.protocolFamily = kSimulationManagementFamily;
-    fixed.header.length = kRemoveEntitySize;
+    fixed.header = headerOf(removal.header, kRemoveEntityType, kSimulationManagementFamily, kRemoveEntitySize);
     WireWriter wire(out);
     removeEntityFields(wire, fixed);
     return kRemoveEntitySize;
+}
+
+PduFault decodeFire(const Pdu &pdu, Fire &out)
+{
+    WireReader wire(pdu.bytes);
+    Fire fire;
+    fireFields(wire, fire);
+    if (wire.overrun())
+    {
+        return PduFault::BodyTooShort;
+    }
+    const PduFault fault = firstOf({checkVector(fire.location, kMaxLocation), checkVector(fire.velocity, kMaxVelocity),
+                                    checkNumber(fire.range, kMaxLocation)});
+    if (fault == PduFault::None)
+    {
+        out = fire;
+    }
+    return fault;
+}
+
+std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out)
+{
+    if (out.size() < kFireSize)
+    {
+        return 0;
+    }
+    Fire fixed = fire;
+    fixed.header = headerOf(fire.header, kFireType, kWarfareFamily, kFireSize);
+    WireWriter wire(out);
+    fireFields(wire, fixed);
+    return kFireSize;
+}
+
+PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
+{
+    WireReader wire(pdu.bytes);
+    Detonation detonation;
+    std::uint8_t articulations;
+    detonationFields(wire, detonation, articulations);
+    wire.take(articulations * kArticulationParameterSize);
+    if (wire.overrun())
+    {
+        return PduFault::BodyTooShort;
+    }
+    const PduFault fault =
+        firstOf({checkVector(detonation.velocity, kMaxVelocity), checkVector(detonation.location, kMaxLocation),
+                 checkVector(detonation.entityLocation, kMaxLocation)});
+    if (fault == PduFault::None)
+    {
+        out = detonation;
+    }
+    return fault;
+}
+
+std::size_t encodeDetonation(const Detonation &detonation, std::span<std::uint8_t> out)
+{
+    if (out.size() < kDetonationSize)
+    {
+        return 0;
+    }
+    Detonation fixed = detonation;
+    fixed.header = headerOf(detonation.header, kDetonationType, kWarfareFamily, kDetonationSize);
+    std::uint8_t articulations = 0;
+    WireWriter wire(out);
+    detonationFields(wire, fixed, articulations);
+    return kDetonationSize;
 }
 
 } // namespace tolvin

@@ -15,6 +15,8 @@ namespace tolvin
 inline constexpr std::size_t kPduHeaderSize = 12;
 inline constexpr std::size_t kEntityStateSize = 144; // without articulation parameters
 inline constexpr std::size_t kRemoveEntitySize = 28;
+inline constexpr std::size_t kFireSize = 96;
+inline constexpr std::size_t kDetonationSize = 104; // without articulation parameters
 
 inline constexpr std::uint32_t kAppearanceDeactivated = 1u
                                                         << 23; // bit that the appearances of all kinds of entity share
@@ -41,7 +43,9 @@ enum class PduKind
 {
     Other,
     EntityState,
-    RemoveEntity
+    RemoveEntity,
+    Fire,
+    Detonation
 };
 
 // Type numbers are only taken at their word together with the family that they belong to.
@@ -120,5 +124,73 @@ PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out);
 // Writes a Remove Entity PDU of the header's protocol version; PDU type, family and length are set here. Returns the bytes
 // written, 28, or 0 when out has no room.
 std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8_t> out);
+
+// Numbered by the application that began it: a shot and what comes of it have the same.
+struct EventId
+{
+    std::uint16_t site;
+    std::uint16_t application;
+    std::uint16_t number;
+};
+
+// What was fired. The PDU status of version 7, which is not kept, may say that it is an expendable, or an explosion
+// without a munition; the type is that of the expendable or of what exploded then, and the other fields mean nothing.
+struct BurstDescriptor
+{
+    vuEntityType munition;
+    std::uint16_t warhead;  // SISO enumeration, 1000 high explosive
+    std::uint16_t fuse;     // SISO enumeration, 1000 contact
+    std::uint16_t quantity; // rounds
+    std::uint16_t rate;     // rounds per minute
+};
+
+// A weapon was fired. Of the header the type, the family and the length follow from that.
+struct Fire
+{
+    PduHeader header;
+    vuEntityId firing;
+    vuEntityId target;   // all 0 when not known
+    vuEntityId munition; // all 0 when it is no entity of its own
+    EventId event;
+    std::uint32_t fireMissionIndex; // 0 for none
+    double location[3];             // from where, world coordinates, metres
+    BurstDescriptor descriptor;
+    float velocity[3]; // of the munition, m/s, world coordinates
+    float range;       // metres that the firing entity reckons with, 0 when not known
+};
+
+// A munition went off, or hit, or missed. Of the header the type, the family and the length follow from that.
+struct Detonation
+{
+    PduHeader header;
+    vuEntityId firing;
+    vuEntityId target;   // all 0 when not known
+    vuEntityId munition; // all 0 when it is no entity of its own
+    EventId event;
+    float velocity[3];  // of the munition just before, m/s, world coordinates
+    double location[3]; // world coordinates, metres
+    BurstDescriptor descriptor;
+    float entityLocation[3]; // in the target's coordinates, metres
+    std::uint8_t result;     // SISO enumeration
+};
+
+inline constexpr std::uint8_t kGroundImpact = 3; // as a Detonation's result
+
+// Turns a Fire PDU, as given by a reader, into a record. Location, velocity and range are finite and plausible when the result
+// is None; on any other result (BodyTooShort, NonFinite, Implausible) out is left as it was.
+PduFault decodeFire(const Pdu &pdu, Fire &out);
+
+// Writes a Fire PDU of the header's protocol version; PDU type, family and length are set here. Returns the bytes
+// written, 96, or 0 when out has no room.
+std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out);
+
+// Turns a Detonation PDU, as given by a reader, into a record. Articulation parameters have to fit into the PDU and are
+// then dropped. Velocity and both locations are finite and plausible when the result is None; on any other result
+// (BodyTooShort, NonFinite, Implausible) out is left as it was.
+PduFault decodeDetonation(const Pdu &pdu, Detonation &out);
+
+// Writes a Detonation PDU of the header's protocol version, without articulation parameters; PDU type, family and length
+// are set here. Returns the bytes written, 104, or 0 when out has no room.
+std::size_t encodeDetonation(const Detonation &detonation, std::span<std::uint8_t> out);
 
 } // namespace tolvin

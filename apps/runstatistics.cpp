@@ -128,6 +128,11 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
         count(counts.datagrams), count(counts.reports), count(counts.leaves), count(counts.malformed),
         count(counts.late), count(counts.own), count(counts.otherExercise), count(counts.otherPdus),
         count(counts.refused), count(lost));
+    if (counts.fires + counts.detonations != 0)
+    {
+        std::fprintf(out, "  %llu fires and %llu detonations taken over\n", count(counts.fires),
+                     count(counts.detonations));
+    }
     for (std::size_t kind = 0; kind < counts.faults.size(); ++kind)
     {
         if (counts.faults[kind] != 0)

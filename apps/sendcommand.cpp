@@ -23,8 +23,10 @@
 #include <optional>
 #include <queue>
 #include <random>
+#include <span>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -56,6 +58,8 @@ struct SendOptions
     std::uint32_t firstEntity = 1;
     std::string marking = "T";
     bool leave = false;
+    std::vector<std::string> fires;
+    std::vector<std::string> detonations;
 
     std::vector<std::string> motions = {"circle"};
     std::vector<std::string> algorithms = {"4"};
@@ -141,21 +145,92 @@ std::vector<MotionKind> parseMotions(const std::vector<std::string> &items)
     return kinds;
 }
 
+// Numbers with commas in between; none when that is not all there is.
+std::vector<double> numbersOf(std::string_view text)
+{
+    std::vector<double> numbers;
+    do
+    {
+        const auto number = takeNumber<double>(text);
+        if (!number)
+        {
+            return {};
+        }
+        numbers.push_back(*number);
+    } while (takeCharacter(text, ','));
+    return text.empty() ? numbers : std::vector<double>();
+}
+
+// The height may be missing.
+std::optional<Geodetic> placeOf(std::span<const double> numbers)
+{
+    if (numbers.size() < 2)
+    {
+        return std::nullopt;
+    }
+    const Geodetic place = {numbers[0], numbers[1], numbers.size() > 2 ? numbers[2] : 0.0};
+    // Written so that a NaN fails as well.
+    const bool good =
+        std::abs(place.latitude) <= 90.0 && std::abs(place.longitude) <= 360.0 && std::abs(place.height) <= 1e6;
+    return good ? std::optional(place) : std::nullopt;
+}
+
 Geodetic parseOrigin(const std::string &text)
 {
-    std::string_view rest = text;
-    const auto latitude = takeNumber<double>(rest);
-    const bool second = takeCharacter(rest, ',');
-    const auto longitude = takeNumber<double>(rest);
-    const auto height = takeCharacter(rest, ',') ? takeNumber<double>(rest) : 0.0;
-    // Written so that a NaN fails as well.
-    if (!(latitude && second && longitude && height && rest.empty() && std::abs(*latitude) <= 90.0 &&
-          std::abs(*longitude) <= 360.0 && std::abs(*height) <= 1e6))
+    const std::vector<double> numbers = numbersOf(text);
+    const auto place = placeOf(numbers);
+    if (!place || numbers.size() > 3)
     {
         refuse("--origin", text, "LAT,LON[,HEIGHT] in degrees (-90 to 90, -360 to 360) and metres (to 1000 km)");
     }
-    return {*latitude, *longitude, *height};
+    return *place;
 }
+
+// A Fire or a Detonation PDU that is to be sent once.
+struct Shot
+{
+    Nanoseconds at;
+    PduKind kind;
+    std::uint16_t number; // of the event
+    Vector3 location;     // geocentric
+};
+
+// The first fire and the first detonation are one event, and so on.
+void addShots(std::vector<Shot> &shots, PduKind kind, const std::string &option, const std::vector<std::string> &texts,
+              double duration)
+{
+    std::uint16_t number = 0;
+    for (const std::string &text : texts)
+    {
+        const std::vector<double> numbers = numbersOf(text);
+        const auto place = placeOf(numbers);
+        const double at = numbers.size() > 3 ? numbers[3] : 0.0;
+        const double last = duration > 0.0 ? duration : 1e9;
+        if (!place || numbers.size() < 3 || numbers.size() > 4 || !(at >= 0.0 && at <= last))
+        {
+            refuse(option, text,
+                   "LAT,LON,HEIGHT[,AT] in degrees (-90 to 90, -360 to 360), metres (to 1000 km) and seconds (to "
+                   "the --duration)");
+        }
+        shots.push_back({std::llround(at * 1e9), kind, ++number, geocentricOf(*place)});
+    }
+}
+
+std::vector<Shot> makeShots(const SendOptions &options)
+{
+    std::vector<Shot> shots;
+    addShots(shots, PduKind::Fire, "--fire", options.fires, options.duration);
+    addShots(shots, PduKind::Detonation, "--detonate", options.detonations, options.duration);
+    if (shots.empty() && options.entities == 0)
+    {
+        refuse("--entities", "0", "1 to 65534 without --fire and --detonate");
+    }
+    std::ranges::stable_sort(shots, {}, &Shot::at);
+    return shots;
+}
+
+// A ballistic round of high explosive against armour, with a contact fuse.
+constexpr BurstDescriptor kRound = {{2, 2, 225, 2, 0, 0, 0}, 1000, 1000, 1, 0};
 
 struct SimulatedEntity
 {
@@ -286,24 +361,27 @@ private:
     StopSignals stop_;
 };
 
-// Gathers reports into datagrams and sends them.
+// Gathers PDUs into datagrams and sends them.
 class Outbox
 {
 public:
     Outbox(const asio::ip::udp::endpoint &to, const asio::ip::address_v4 &interface, int timeToLive, bool bundle)
         : sender_(to, interface, timeToLive),
           name_(textOf(to)),
-          capacity_(bundle ? kBundleBytes : kEntityStateSize)
+          bundle_(bundle)
     {
     }
 
-    void add(const vuEntityState &report)
+    // encode writes a PDU of that size.
+    template<class Record>
+    void add(const Record &record, std::size_t size, std::size_t (*encode)(const Record &, std::span<std::uint8_t>))
     {
-        if (size_ + kEntityStateSize > capacity_)
+        if (!bundle_ || size_ + size > bytes_.size())
         {
             flush();
         }
-        size_ += encodeEntityState(report, std::span(bytes_).subspan(size_));
+        size_ += encode(record, std::span(bytes_).subspan(size_));
+        ++pdus_;
     }
 
     void flush()
@@ -312,15 +390,14 @@ public:
         {
             return;
         }
-        const std::uint64_t reports = size_ / kEntityStateSize;
-        const std::error_code error = sender_.send(std::span(bytes_).first(size_));
-        size_ = 0;
-        (error ? failed_ : sent_) += reports;
+        const std::uint64_t pdus = std::exchange(pdus_, 0);
+        const std::error_code error = sender_.send(std::span(bytes_).first(std::exchange(size_, 0)));
+        (error ? failed_ : sent_) += pdus;
         if (error && sent_ == 0)
         {
             throw std::runtime_error(name_ + ": " + error.message());
         }
-        if (error && failed_ == reports)
+        if (error && failed_ == pdus)
         {
             std::fprintf(stderr, "Warning: %s: %s; going on\n", name_.c_str(), error.message().c_str());
         }
@@ -339,8 +416,9 @@ public:
 private:
     UdpSender sender_;
     std::string name_;
-    std::size_t capacity_;
+    bool bundle_;
     std::size_t size_ = 0;
+    std::uint64_t pdus_ = 0; // of the datagram
     std::array<std::uint8_t, kBundleBytes> bytes_;
     std::uint64_t sent_ = 0;
     std::uint64_t failed_ = 0;
@@ -369,8 +447,13 @@ public:
     {
     }
 
+    // Never, without entities.
     Nanoseconds timeOf(std::uint64_t report) const
     {
+        if (entities_ == 0)
+        {
+            return kNever;
+        }
         const auto place = static_cast<double>(report % entities_ / group_) / static_cast<double>(groups_);
         return std::llround((static_cast<double>(report / entities_) + place) * interval_);
     }
@@ -430,11 +513,14 @@ public:
     explicit Generator(const SendOptions &options)
         : options_(options),
           entities_(makeEntities(options)),
+          shots_(makeShots(options)),
           frame_(parseOrigin(options.origin)),
           schedule_(entities_.size(), options.rate, groupSize(options)),
           outbox_(parseEndpoint(options.to), parseInterface(options.interface), options.timeToLive, options.bundle),
           random_(options.seed),
-          end_(options.duration > 0.0 ? std::llround(options.duration * 1e9) : kNever),
+          end_(options.duration > 0.0 ? std::llround(options.duration * 1e9)
+               : entities_.empty()    ? shots_.back().at
+                                      : kNever),
           clock_(options.clockOffset, options.clockDrift)
     {
     }
@@ -449,6 +535,8 @@ public:
             now = pace_.now();
             makeReports(now);
             sendReports(now);
+            sendShots(now);
+            outbox_.flush();
             progress.show(now, outbox_.sent());
         } while (nextWork(now) != kNever && pace_.waitUntil(std::min(nextWork(now), progress.next())));
         if (options_.leave)
@@ -464,6 +552,10 @@ public:
                     " skipped for being late, %" PRIu64 " failed, %.1f s, %.1f reports/s\n",
                     entities_.size(), outbox_.sent(), dropped_, skipped_, outbox_.failed(), seconds,
                     static_cast<double>(outbox_.sent()) / seconds);
+        if (!shots_.empty())
+        {
+            std::printf("%zu of %zu fires and detonations among them\n", nextShot_, shots_.size());
+        }
     }
 
 private:
@@ -503,26 +595,51 @@ private:
     {
         for (; !waiting_.empty() && waiting_.top().send <= now; waiting_.pop())
         {
-            outbox_.add(reportAt(waiting_.top().entity, waiting_.top().made));
+            add(reportAt(waiting_.top().entity, waiting_.top().made));
         }
-        outbox_.flush();
+    }
+
+    // Neither loss nor delay is simulated for them: a session has few.
+    void sendShots(Nanoseconds now)
+    {
+        for (; nextShot_ < shots_.size() && shots_[nextShot_].at <= now; ++nextShot_)
+        {
+            if (shots_[nextShot_].kind == PduKind::Fire)
+            {
+                outbox_.add(recordOf<Fire>(shots_[nextShot_]), kFireSize, encodeFire);
+            }
+            else
+            {
+                auto detonation = recordOf<Detonation>(shots_[nextShot_]);
+                detonation.result = kGroundImpact;
+                outbox_.add(detonation, kDetonationSize, encodeDetonation);
+            }
+        }
     }
 
     // Until the end there is always something to wait for; after it only what was delayed.
     Nanoseconds nextWork(Nanoseconds now) const
     {
         const Nanoseconds made = now < end_ ? std::min(schedule_.timeOf(next_), end_) : kNever;
-        return waiting_.empty() ? made : std::min(made, waiting_.top().send);
+        const Nanoseconds shot = nextShot_ < shots_.size() ? shots_[nextShot_].at : kNever;
+        return std::min({made, shot, waiting_.empty() ? kNever : waiting_.top().send});
+    }
+
+    Stamp stampAt(Nanoseconds time) const
+    {
+        Stamp stamp = options_.stamp == "zero" ? Stamp{} : stampOf(clock_.at(time));
+        stamp.word |= options_.stamp == "absolute" ? 1u : 0u;
+        return stamp;
     }
 
     // The state belongs to the time that the stamp says, which is a little before the time asked for.
     vuEntityState reportAt(std::size_t index, Nanoseconds time) const
     {
         const SimulatedEntity &entity = entities_[index];
-        const Stamp stamp = options_.stamp == "zero" ? Stamp{} : stampOf(clock_.at(time));
+        const Stamp stamp = stampAt(time);
         vuEntityState report =
             reportOf(entity.motion, static_cast<double>(time - stamp.remainder) * 1e-9, frame_, entity.algorithm);
-        report.timestamp = stamp.word | (options_.stamp == "absolute" ? 1u : 0u);
+        report.timestamp = stamp.word;
         report.protocolVersion = static_cast<std::uint8_t>(options_.version);
         report.exerciseId = static_cast<std::uint8_t>(options_.exercise);
         report.entityId = entity.id;
@@ -530,12 +647,34 @@ private:
         return report;
     }
 
+    void add(const vuEntityState &report)
+    {
+        outbox_.add(report, kEntityStateSize, encodeEntityState);
+    }
+
+    // What both have in common. The first entity fires, or, without any, the application.
+    template<class Record>
+    Record recordOf(const Shot &shot) const
+    {
+        Record record{};
+        record.header.protocolVersion = static_cast<std::uint8_t>(options_.version);
+        record.header.exerciseId = static_cast<std::uint8_t>(options_.exercise);
+        record.header.timestamp = stampAt(shot.at).word;
+        record.firing = {options_.site, options_.application,
+                         entities_.empty() ? std::uint16_t{0} : entities_[0].id.entity};
+        record.event = {options_.site, options_.application, shot.number};
+        record.descriptor = kRound;
+        std::ranges::copy(shot.location, record.location);
+        return record;
+    }
+
     // Every entity says that it leaves. Neither loss nor delay is simulated here, and nobody who stopped the program waits
     // longer than a second.
     void leave()
     {
         const Nanoseconds start = pace_.now();
-        const Nanoseconds step = std::min(schedule_.interval(), kSecond) / static_cast<Nanoseconds>(entities_.size());
+        const auto count = static_cast<Nanoseconds>(entities_.size());
+        const Nanoseconds step = std::min(schedule_.interval(), kSecond) / std::max<Nanoseconds>(count, 1);
         for (std::size_t i = 0; i < entities_.size(); ++i)
         {
             if (i % groupSize(options_) == 0)
@@ -544,19 +683,21 @@ private:
             }
             vuEntityState report = reportAt(i, pace_.now());
             report.appearance |= kAppearanceDeactivated;
-            outbox_.add(report);
+            add(report);
         }
         outbox_.flush();
     }
 
     const SendOptions &options_;
     std::vector<SimulatedEntity> entities_;
+    std::vector<Shot> shots_; // earliest first
     LocalFrame frame_;
     Schedule schedule_;
     Outbox outbox_;
     std::mt19937 random_;
     Nanoseconds end_;
     std::uint64_t next_ = 0; // report to make
+    std::size_t nextShot_ = 0;
     std::uint64_t dropped_ = 0;
     std::uint64_t skipped_ = 0;
     std::priority_queue<Due, std::vector<Due>, std::greater<>> waiting_;
@@ -579,7 +720,7 @@ void addNetworkOptions(CLI::App &command, SendOptions &o)
     command.add_option("--to", o.to, "ADDRESS[:PORT] to send to: unicast, broadcast or multicast");
     command.add_option("--interface", o.interface, "address of the local interface to send from");
     command.add_option("--ttl", o.timeToLive, "hops that a multicast may take")->check(within(0, 255));
-    command.add_flag("--bundle", o.bundle, "put reports due together into datagrams of up to 1400 bytes");
+    command.add_flag("--bundle", o.bundle, "put what is due together into datagrams of up to 1400 bytes");
     command.add_option("--loss", o.loss, "percent of the reports to drop")->check(within(0.0, 100.0));
     command.add_option("--jitter", o.jitter, "longest random delay of a report, seconds")->check(within(0.0, 60.0));
 }
@@ -590,10 +731,25 @@ void addIdentityOptions(CLI::App &command, SendOptions &o)
     command.add_option("--exercise", o.exercise, "exercise number")->check(within(1, 255));
     command.add_option("--site", o.site, "site number")->check(within(0, 65534));
     command.add_option("--application", o.application, "application number")->check(within(0, 65534));
-    command.add_option("--entities", o.entities, "number of entities")->check(within(1, 65534));
+    command.add_option("--entities", o.entities, "number of entities, 0 for shots and detonations alone")
+        ->check(within(0, 65534));
     command.add_option("--first-entity", o.firstEntity, "number of the first entity")->check(within(1, 65534));
     command.add_option("--marking", o.marking, "start of the markings, before the entity number");
     command.add_flag("--leave", o.leave, "let every entity say at the end that it leaves");
+}
+
+void addShotOptions(CLI::App &command, SendOptions &o)
+{
+    command
+        .add_option("--fire", o.fires,
+                    "LAT,LON,HEIGHT[,AT] of a shot, degrees, metres and seconds after the start; may be repeated")
+        ->default_str("")
+        ->allow_extra_args(false);
+    command
+        .add_option("--detonate", o.detonations,
+                    "LAT,LON,HEIGHT[,AT] where a munition hits the ground; may be repeated")
+        ->default_str("")
+        ->allow_extra_args(false);
 }
 
 void addMotionOptions(CLI::App &command, SendOptions &o)
@@ -618,7 +774,8 @@ void addMotionOptions(CLI::App &command, SendOptions &o)
 void addTimeOptions(CLI::App &command, SendOptions &o)
 {
     command.add_option("--rate", o.rate, "reports per second of each entity")->check(within(0.001, 1000.0));
-    command.add_option("--duration", o.duration, "seconds, 0 for no end")->check(within(0.0, 1e9));
+    command.add_option("--duration", o.duration, "seconds, 0 for no end, without entities for the last shot")
+        ->check(within(0.0, 1e9));
     command.add_option("--stamp", o.stamp, "relative, absolute or zero time stamps")
         ->check(CLI::IsMember({"relative", "absolute", "zero"}));
     command.add_option("--clock-offset", o.clockOffset, "seconds by which the sender's clock is fast")
@@ -638,6 +795,7 @@ void addSendCommand(CLI::App &app, int &exitCode)
     const auto options = std::make_shared<SendOptions>();
     addNetworkOptions(*command, *options);
     addIdentityOptions(*command, *options);
+    addShotOptions(*command, *options);
     addMotionOptions(*command, *options);
     addTimeOptions(*command, *options);
     command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runSend(*options); }); });

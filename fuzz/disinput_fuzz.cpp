@@ -53,6 +53,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         options.exercise = 0;
         options.maxEntities = 8;
         DisInput input(root(), options, [](const std::string &) {});
+        std::uint64_t shots = 0;
+        const auto take = [&](const auto &shot)
+        {
+            ++shots;
+            require(std::isfinite(shot.location[0] + shot.velocity[0]));
+            require(shot.firing.site != options.site || shot.firing.application != options.application);
+        };
+        input.setWarfareSinks(take, take);
         std::span<const std::uint8_t> rest(data, size);
         std::int64_t clock = 7199900000; // microseconds; the hour turns soon
         while (rest.size() >= 3)
@@ -75,6 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                 });
             requireSomewhere(input.entities());
         }
+        require(shots == input.counts().fires + input.counts().detonations);
     }
     pfArenaInfo info;
     pfGetArenaInfo(&info);

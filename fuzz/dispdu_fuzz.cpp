@@ -62,6 +62,43 @@ static void checkRemoveEntity(const Pdu &pdu)
     }
 }
 
+static void checkFire(const Pdu &pdu)
+{
+    Fire fire;
+    std::memset(&fire, 0xA5, sizeof fire);
+    const Fire before = fire;
+    if (decodeFire(pdu, fire) != PduFault::None)
+    {
+        require(std::memcmp(&fire, &before, sizeof fire) == 0);
+        return;
+    }
+    requireWithin(fire.location, 1e9);
+    requireWithin(fire.velocity, 1e5);
+    require(std::isfinite(fire.range));
+    std::array<std::uint8_t, kFireSize> wire;
+    require(encodeFire(fire, wire) == wire.size());
+    require(std::memcmp(wire.data() + kPduHeaderSize, pdu.bytes.data() + kPduHeaderSize, 84) == 0);
+}
+
+static void checkDetonation(const Pdu &pdu)
+{
+    Detonation detonation;
+    std::memset(&detonation, 0xA5, sizeof detonation);
+    const Detonation before = detonation;
+    if (decodeDetonation(pdu, detonation) != PduFault::None)
+    {
+        require(std::memcmp(&detonation, &before, sizeof detonation) == 0);
+        return;
+    }
+    requireWithin(detonation.velocity, 1e5);
+    requireWithin(detonation.location, 1e9);
+    requireWithin(detonation.entityLocation, 1e9);
+    std::array<std::uint8_t, kDetonationSize> wire;
+    require(encodeDetonation(detonation, wire) == wire.size());
+    // Up to the number of articulation parameters.
+    require(std::memcmp(wire.data() + kPduHeaderSize, pdu.bytes.data() + kPduHeaderSize, 89) == 0);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     PduReader reader({data, size});
@@ -73,13 +110,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         require(pdu.bytes.size() == pdu.header.length && pdu.bytes.size() >= kPduHeaderSize);
         unread = pdu.bytes.data() + pdu.bytes.size();
         require(unread <= data + size);
-        if (kindOf(pdu.header) == PduKind::EntityState)
+        switch (kindOf(pdu.header))
         {
+        case PduKind::EntityState:
             checkEntityState(pdu);
-        }
-        else if (kindOf(pdu.header) == PduKind::RemoveEntity)
-        {
+            break;
+        case PduKind::RemoveEntity:
             checkRemoveEntity(pdu);
+            break;
+        case PduKind::Fire:
+            checkFire(pdu);
+            break;
+        case PduKind::Detonation:
+            checkDetonation(pdu);
+            break;
+        case PduKind::Other:
+            break;
         }
     }
     require(reader.fault() != PduFault::None || data + size - unread < 8);

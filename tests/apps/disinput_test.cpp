@@ -140,14 +140,19 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNotTaken)
 
 TEST_F(DisInputTest, HandsShotsOfOthersOn)
 {
-    const auto send = [&](vuEntityId firing, std::uint8_t exercise, float velocity)
+    const auto send = [&](const vuEntityId &firing, std::uint8_t exercise, float velocity)
     {
-        Datagram fire(kFireSize), detonation(kDetonationSize);
-        EXPECT_EQ(encodeFire({.header = {6, exercise}, .firing = firing, .velocity = {velocity}}, fire), 96u);
-        EXPECT_EQ(encodeDetonation({.header = {6, exercise}, .firing = firing, .velocity = {velocity}}, detonation),
-                  104u);
-        take(fire);
-        take(detonation);
+        const auto one = [&](auto shot, auto encode)
+        {
+            shot.header = {6, exercise, 0, 0, 0, 0};
+            shot.firing = firing;
+            shot.velocity[2] = velocity;
+            Datagram datagram(kDetonationSize);
+            datagram.resize(encode(shot, datagram));
+            take(datagram);
+        };
+        one(Fire{}, encodeFire);
+        one(Detonation{}, encodeDetonation);
     };
     std::vector<unsigned> heard;
     const auto hear = [&](const auto &shot) { heard.push_back(shot.header.pduType * 100u + shot.firing.entity); };

@@ -69,20 +69,15 @@ const Bytes kDetonation = with(with(kShot, 2, 3), 9, 104) + kVelocity + kLocatio
                           Bytes{0x3F, 0, 0, 0, 0xBF, 0x80, 0, 0, 0x40, 0, 0, 0, 3, 0, 0, 0};
 
 template<class Shot>
-std::vector<double> valuesOf(const Shot &shot)
+bool asLaid(const Shot &shot)
 {
-    const vuEntityType &type = shot.descriptor.munition;
-    return {1.0 * shot.firing.entity,   1.0 * shot.target.entity,
-            1.0 * shot.munition.entity, 1.0 * shot.event.number,
-            shot.location[0],           shot.location[1],
-            shot.velocity[0],           shot.velocity[1],
-            1.0 * type.domain,          1.0 * type.country,
-            1.0 * type.extra,           1.0 * shot.descriptor.warhead,
-            1.0 * shot.descriptor.fuse, 1.0 * shot.descriptor.quantity,
-            1.0 * shot.descriptor.rate};
+    const BurstDescriptor &round = shot.descriptor;
+    return std::tuple(shot.firing.entity, shot.target.entity, shot.munition.entity, shot.event.number, shot.location[0],
+                      shot.location[1], shot.velocity[0], shot.velocity[1], round.munition.domain,
+                      round.munition.country, round.munition.extra, round.warhead, round.fuse, round.quantity,
+                      round.rate) ==
+           std::tuple(3, 6, 9, 772, 6378137, -4198023.5, 1.5, -2, 2, 225, 6, 1000, 1001, 10, 11);
 }
-
-const std::vector<double> kValues = {3, 6, 9, 772, 6378137, -4198023.5, 1.5, -2, 2, 225, 6, 1000, 1001, 10, 11};
 
 struct Walk
 {
@@ -150,7 +145,7 @@ TEST(DisPdu, DecodesAndEncodesShots)
         const Bytes fireWire = with(kFire, 0, version), detonationWire = with(kDetonation, 0, version);
         auto [fault, lengths, state, fire, detonation] =
             walk(with(fireWire + detonationWire, 10, version == 7 ? 16 : 0));
-        EXPECT_TRUE(fault == PduFault::None && valuesOf(fire) == kValues && valuesOf(detonation) == kValues);
+        EXPECT_TRUE(fault == PduFault::None && asLaid(fire) && asLaid(detonation));
         EXPECT_TRUE(fire.fireMissionIndex == 0xDEADBEEF && fire.range == 2500);
         EXPECT_TRUE(detonation.entityLocation[2] == 2 && detonation.result == 3);
 
@@ -258,7 +253,8 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
                                          : std::bit_cast<std::uint32_t>(static_cast<float>(number));
             const Walk result = walk(with(pdu, at, bits, width));
             EXPECT_EQ(result.fault, fault) << number << " at " << at;
-            const int length = result.state.length + result.fire.header.length + result.detonation.header.length;
+            const std::size_t length =
+                result.state.length + result.fire.header.length + result.detonation.header.length;
             EXPECT_EQ(length, fault == None ? pdu.size() : 0); // untouched when refused
         }
     }

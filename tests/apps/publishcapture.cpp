@@ -1,5 +1,5 @@
 // publishcapture FILE heard PORT: the datagrams that come to a port of this machine, as a capture (pcap) of UDP packets to port 3000,
-// until two Remove Entity PDUs have come or nothing for ten seconds; prints nothing but "hears" when it does.
+// until two Remove Entity or Detonation PDUs have come or nothing for ten seconds; prints nothing but "hears" when it does.
 //
 // publishcapture FILE VERSION: what a publisher sends of two vehicles that turn and climb, as a capture (pcap) of UDP packets to
 // port 3000. Prints a line for each of them: what a dissector has to find in it, by formulas that hold where the equator meets
@@ -128,15 +128,15 @@ int hear(const char *file, const std::string &port)
     UdpReceiver receiver(parseEndpoint("127.0.0.1:" + port));
     std::puts("hears");
     std::fflush(stdout);
-    int removals = 0;
+    int last = 0; // PDUs
     const UdpReceiver::Handler take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
     {
         add(capture, datagram, static_cast<double>(arrival) * 1e-9);
-        removals += datagram.size() > 2 && datagram[2] == 12;
+        last += datagram.size() > 2 && (datagram[2] == 12 || datagram[2] == 3);
     };
-    for (Clock::time_point now = Clock::now(), last = now; removals < 2 && now < last + std::chrono::seconds(10);)
+    for (Clock::time_point now = Clock::now(), heard = now; last < 2 && now < heard + std::chrono::seconds(10);)
     {
-        last = receiver.receiveUntil(now + std::chrono::milliseconds(50), take) > 0 ? now : last;
+        heard = receiver.receiveUntil(now + std::chrono::milliseconds(50), take) > 0 ? now : heard;
         now = Clock::now();
     }
     return end(capture);
