@@ -1,7 +1,9 @@
 #include "description.h"
 
 #include "descriptionreader.h"
+#include "effectreader.h"
 #include "inputfile.h"
+#include "kernelrecord.h"
 #include "quietstderr.h"
 #include "scenereader.h"
 #include "surfacereader.h"
@@ -22,7 +24,7 @@ namespace
 constexpr std::size_t kLongest = 64 << 20; // bytes of a file
 
 // Nothing is appended when there is no room for all of it.
-void append(Surfaces &surfaces, Description &&from, vuRootNode &root, Description &to)
+void append(Surfaces &surfaces, EffectRecords &effects, Description &&from, vuRootNode &root, Description &to)
 {
     to.entities.reserve(to.entities.size() + from.entities.size());
     std::ranges::move(from.entities, std::back_inserter(to.entities));
@@ -30,7 +32,12 @@ void append(Surfaces &surfaces, Description &&from, vuRootNode &root, Descriptio
     {
         to.scene = std::move(from.scene);
     }
+    if (to.effect.empty())
+    {
+        to.effect = std::move(from.effect);
+    }
     surfaces.moveTo(root);
+    moveNodes(effects.list, root.effects);
 }
 
 //   prefix  of places
@@ -47,17 +54,21 @@ void setPlaces(Description &description, const std::string &prefix)
     {
         entity.where.insert(0, prefix);
     }
+    description.effect.insert(0, description.effect.empty() ? "" : prefix);
 }
 
 std::vector<DescriptionError> readText(std::string_view text, const std::string &prefix, vuRootNode &root,
                                        Description &description)
 {
     Surfaces surfaces;
+    EffectRecords effects;
     Description read;
     DescriptionReader in(text);
     SurfaceReader surfaceReader(in, surfaces);
     SceneReader sceneReader(in, description, read);
-    const auto takeOuter = [&] { return surfaceReader.takeList() || sceneReader.takeBlock(); };
+    EffectReader effectReader(in, root.effects, effects.list, read.effect);
+    const auto takeOuter = [&]
+    { return surfaceReader.takeList() || sceneReader.takeBlock() || effectReader.takeBlock(); };
     in.setTakeAnything([&] { return takeOuter() || surfaceReader.takeMisplaced() || sceneReader.takeMisplaced(); });
     while (in.token().kind != TokenKind::End)
     {
@@ -70,7 +81,7 @@ std::vector<DescriptionError> readText(std::string_view text, const std::string 
     if (errors.empty())
     {
         setPlaces(read, prefix);
-        append(surfaces, std::move(read), root, description);
+        append(surfaces, effects, std::move(read), root, description);
     }
     return errors;
 }

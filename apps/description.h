@@ -28,6 +28,17 @@
 //     MASK 0xfffffffe                              # these unless given: no ground for others but with a COLLIDE for it
 //     SHM 2001 64                                  # shared-memory key, bytes of variables
 //   }
+//   EFFECT "blast" {
+//     "blast.so"                                   # plug-in; without one nothing is to be seen
+//     COLOUR 1 0.8 0.6 1                           # red, green, blue, alpha
+//     NUM 16                                       # instances, up to 65536
+//     DURATION 4  FADE 1.5                         # seconds; and those of them, at the end, in which it disappears
+//     MASK_DRAW 0x0000ffff                         # bits of the channels that draw it
+//     PARAMETER "debris 24"                        # text for the plug-in
+//     ENTITYNODE "jeep"                            # where it goes on
+//     POSITION 100 200 650  DIRECTION 0 0 1        # metres east, north, up: where, and where to, unless something tells
+//     LINKFX "smoke"                               # another effect, to begin with it
+//   }
 //
 // White space separates, # begins a comment that ends with the line. Attributes may be left out and stand in any order; the
 // file of a texture comes first, and a block without attributes behind TERRAIN or MODEL may be left out. The comment behind
@@ -130,10 +141,11 @@ struct Description
 {
     std::optional<SceneDescription> scene;
     std::vector<EntityDescription> entities;
+    std::string effect; // where the first EFFECT is, as of a terrain; empty without any
 };
 
-// Appends the lists of the text to the root node's, and scene and entities to the description; a second SCENE is an error,
-// as are two ENTITYs of one name or identity. With any error nothing is appended; all errors are returned, up to
+// Appends the lists and effects of the text to the root node's, and scene and entities to the description; a second SCENE is
+// an error, as are two ENTITYs of one name or identity, and two EFFECTs of one name. With any error nothing is appended; all errors are returned, up to
 // kMostErrors, in the order of the text, and one more that tells that there are others. Throws std::bad_alloc when the
 // shared arena is full.
 std::vector<DescriptionError> readDescription(std::string_view text, vuRootNode &root, Description &description);
@@ -144,7 +156,7 @@ constexpr std::size_t kMostErrors = 100;
 // file cannot be read.
 void readDescriptionFile(const std::string &file, vuRootNode &root, Description &description);
 
-// Takes all material and texture lists from the root node and releases them with all they hold.
+// Takes all material and texture lists from the root node and releases them with all they hold. Effects go with effectFreeAll.
 void releaseSurfaces(vuRootNode &root);
 
 } // namespace tolvin

@@ -18,11 +18,13 @@ namespace
 
 // What may begin an item, and so cannot be a value that is wrong.
 constexpr std::string_view kAttributeKeywords[] = {
-    "FPS",     "AMBIENT", "DIFFUSE",  "SPECULAR", "EMISSIVE",   "SHININESS",  "ALPHA",
-    "WRAP_S",  "WRAP_T",  "INTERNAL", "ORIGIN",   "MIN_FILTER", "MAG_FILTER", "COLLIDE",
-    "SPACING", "HEIGHT",  "CENTER",   "STEP",     "RADIUS",     "UP",         "UNDULATION",
-    "SCALE",   "ID",      "TYPE",     "FORCE",    "MARKING",    "MOTION",     "FOLLOW_TERRAIN",
-    "PROBE",   "LIFT",    "START",    "HEADING",  "MASK",       "SHM"};
+    "FPS",       "AMBIENT",  "DIFFUSE",  "SPECULAR",  "EMISSIVE",   "SHININESS",  "ALPHA",
+    "WRAP_S",    "WRAP_T",   "INTERNAL", "ORIGIN",    "MIN_FILTER", "MAG_FILTER", "COLLIDE",
+    "SPACING",   "HEIGHT",   "CENTER",   "STEP",      "RADIUS",     "UP",         "UNDULATION",
+    "SCALE",     "ID",       "TYPE",     "FORCE",     "MARKING",    "MOTION",     "FOLLOW_TERRAIN",
+    "PROBE",     "LIFT",     "START",    "HEADING",   "MASK",       "SHM",        "COLOUR",
+    "NUM",       "DURATION", "FADE",     "MASK_DRAW", "PARAMETER",  "ENTITYNODE", "POSITION",
+    "DIRECTION", "LINKFX"};
 
 bool looksLikeNumber(const Token &token)
 {

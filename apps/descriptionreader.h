@@ -21,9 +21,9 @@ using Keywords = std::span<const std::string_view>;
 
 // What begins a block, and so cannot be part of an inner one: where it stands, a brace is missing before it. The first
 // begin blocks that are in no other.
-inline constexpr std::string_view kBlockKeywords[] = {"MATERIALLIST", "TEXTURELIST", "SCENE",   "ENTITY",
+inline constexpr std::string_view kBlockKeywords[] = {"MATERIALLIST", "TEXTURELIST", "SCENE",   "ENTITY", "EFFECT",
                                                       "MATERIAL",     "TEXTURE",     "TERRAIN", "MODEL"};
-inline constexpr Keywords kOuterKeywords{kBlockKeywords, 4};
+inline constexpr Keywords kOuterKeywords{kBlockKeywords, 5};
 
 struct NamedCode
 {

@@ -24,6 +24,13 @@ struct Sender
     std::size_t entities = 0; // of the table, at the moment
 };
 
+// Of what an entity looks like, what effects have to remember.
+struct EntityLook
+{
+    bool known = false;
+    bool destroyed = false;
+};
+
 struct RemoteEntity
 {
     vuEntity *entity = nullptr; // owned by the table, with its drState
@@ -37,6 +44,7 @@ struct RemoteEntity
     std::size_t pending = SIZE_MAX;       // index of its report among those of this frame
     std::array<double, 3> extrapolated{}; // position from the former report in the frame of a new one
     std::size_t track = SIZE_MAX;         // index in the map's tracks
+    EntityLook look;                      // what effects saw of it
 };
 
 // Seconds of silence after which an entity that sent this report counts as gone: 2.4 heartbeats, as IEEE 1278.1 has it.

@@ -88,8 +88,9 @@ void OwnSide::settle(double time)
     if (const OwnEntity *const driven = world_.driven(); driven != nullptr)
     {
         const double *const p = driven->entity->position;
-        paths_.front().add({p[0], p[1], p[2]}, driven->ground.value_or(NAN));
-        logDriven(time);
+        const double ground = world_.groundBelow(*driven).value_or(NAN);
+        paths_.front().add({p[0], p[1], p[2]}, ground);
+        logDriven(time, ground);
     }
     if (publisher_.has_value())
     {
@@ -100,14 +101,14 @@ void OwnSide::settle(double time)
     }
 }
 
-void OwnSide::logDriven(double time)
+void OwnSide::logDriven(double time, double ground)
 {
     if (log_ != nullptr)
     {
         const OwnEntity &own = *world_.driven();
         const vuEntity &entity = *own.entity;
         std::fprintf(log_->stream(), "%.6f,%.4f,%.4f,%.4f,%.4f,%.3f,%.3f,%.3f,%.3f\n", time, entity.position[0],
-                     entity.position[1], entity.position[2], own.ground.value_or(NAN), headingOf(entity.orientation[0]),
+                     entity.position[1], entity.position[2], ground, headingOf(entity.orientation[0]),
                      entity.orientation[1] / kRadian, entity.orientation[2] / kRadian,
                      static_cast<double>(entity.xform.speed));
     }

@@ -66,11 +66,16 @@ public:
         return world_;
     }
 
+    World &world()
+    {
+        return world_;
+    }
+
     // Seconds that the script lasts; none without one.
     std::optional<double> duration() const;
 
 private:
-    void logDriven(double time);
+    void logDriven(double time, double ground);
     void send(std::span<const std::uint8_t> pdu);
 
     vuRootNode &root_;

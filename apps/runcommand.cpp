@@ -2,11 +2,13 @@
 
 #include "description.h"
 #include "disinput.h"
+#include "effects.h"
 #include "exitcode.h"
 #include "frameclock.h"
 #include "optionrange.h"
 #include "outputfile.h"
 #include "ownside.h"
+#include "pluginpath.h"
 #include "runstatistics.h"
 #include "terrainmap.h"
 #include "trackmap.h"
@@ -49,6 +51,7 @@ struct RunOptions
     bool quiet = false;
     std::string map;
     OwnSideOptions own;
+    EffectOptions effects;
     bool fast = false;
 
     Pace pace() const
@@ -102,35 +105,41 @@ void searchBeside(const std::string &file)
     setenv("TEXTURE_PATH", (path == nullptr ? folder : path + (":" + folder)).c_str(), 1);
 }
 
-// The materials and textures of the description file, as long as they are needed.
-class Surfaces
+// The materials, textures and effects of the description file, as long as they are needed.
+class Loaded
 {
 public:
-    Surfaces(const RunOptions &options, vuRootNode &root, Description &description) : root_(root)
+    explicit Loaded(vuRootNode &root) : root_(root)
+    {
+    }
+
+    ~Loaded()
+    {
+        effectFreeAll(&root_);
+        releaseSurfaces(root_);
+    }
+
+    void load(const RunOptions &options, Description &description)
     {
         if (!options.scene.empty())
         {
-            readDescriptionFile(options.scene, root, description);
+            readDescriptionFile(options.scene, root_, description);
             searchBeside(options.scene);
-            materialListLoadList(&root);
-            textureListLoadList(&root);
+            materialListLoadList(&root_);
+            textureListLoadList(&root_);
             forgetSizesOfMissing();
         }
         if (options.list)
         {
-            materialListPrintList(&root, stdout);
-            textureListPrintList(&root, stdout);
+            materialListPrintList(&root_, stdout);
+            textureListPrintList(&root_, stdout);
+            effectPrintList(&root_, stdout);
             flushOutput(); // long before the rest
         }
     }
 
-    ~Surfaces()
-    {
-        releaseSurfaces(root_);
-    }
-
-    Surfaces(const Surfaces &) = delete;
-    Surfaces &operator=(const Surfaces &) = delete;
+    Loaded(const Loaded &) = delete;
+    Loaded &operator=(const Loaded &) = delete;
 
 private:
     // The description gives sizes, too; in the list they tell what was loaded.
@@ -222,7 +231,8 @@ struct Participants
     vuRootNode &root;
     UdpReceiver *receiver; // null when nothing is heard
     DisInput *input;
-    OwnSide *own; // null without a scene
+    OwnSide *own;     // null without a scene
+    Effects *effects; // likewise
     FrameClock clock;
 };
 
@@ -303,6 +313,10 @@ private:
         {
             p_.own->settle(time_);
         }
+        if (p_.effects != nullptr)
+        {
+            p_.effects->frame(time_, p_.input->entities(), p_.input->updated());
+        }
         if (!options_.map.empty())
         {
             tracks_.addFrame(*p_.input);
@@ -358,6 +372,10 @@ private:
         {
             p_.own->printSummary(stdout);
         }
+        if (p_.effects != nullptr)
+        {
+            p_.effects->printSummary(stdout);
+        }
         flushOutput();
     }
 
@@ -373,7 +391,9 @@ private:
         }
         const Terrain &terrain = p_.own->world().terrain();
         const std::string title = p_.own->name() + (p_.receiver == nullptr ? "" : std::string(", ") + others);
-        writeTerrainMap(options_.map, terrain, p_.own->paths(), pathsOf(tracks_, terrain.frame()), title);
+        constexpr std::size_t kMostShapes = 4000; // a picture is to be looked at
+        const ShownEffects effects = {shapesOf(asPfNode(p_.effects->node()), kMostShapes), p_.effects->places()};
+        writeTerrainMap(options_.map, terrain, p_.own->paths(), pathsOf(tracks_, terrain.frame()), title, effects);
     }
 
     const RunOptions &options_;
@@ -390,10 +410,11 @@ private:
 
 void checkOptions(const RunOptions &options, const Description &description)
 {
-    const std::string what = !options.own.drive.empty()     ? "--drive"
-                             : !options.own.publish.empty() ? "--publish"
-                             : !options.own.log.empty()     ? "--log"
-                                                            : "";
+    const std::string what = !options.own.drive.empty()          ? "--drive"
+                             : !options.own.publish.empty()      ? "--publish"
+                             : !options.own.log.empty()          ? "--log"
+                             : !options.effects.triggers.empty() ? "--trigger"
+                                                                 : "";
     if (!options.own.log.empty() && options.own.log == options.map)
     {
         throw std::runtime_error("--log and --map name the same file: " + options.map);
@@ -410,6 +431,21 @@ void checkOptions(const RunOptions &options, const Description &description)
     {
         throw std::runtime_error(description.entities.front().where + ": ENTITY in a description without a SCENE");
     }
+    if (!description.effect.empty() && !options.list)
+    {
+        throw std::runtime_error(description.effect + ": EFFECT in a description without a SCENE");
+    }
+}
+
+void checkTriggers(const RunOptions &options)
+{
+    for (const auto &[time, name] : options.effects.triggers)
+    {
+        if (!(time >= 0.0 && time <= 1e9))
+        {
+            throw std::runtime_error("--trigger: expected 0 to 1e+09 seconds before " + name);
+        }
+    }
 }
 
 void takeSignals()
@@ -422,6 +458,7 @@ void takeSignals()
 
 void run(RunOptions options)
 {
+    checkTriggers(options);
     const auto exercise = static_cast<std::uint8_t>(options.exercise);
     std::optional<UdpReceiver> receiver;
     if (!options.fast)
@@ -432,18 +469,21 @@ void run(RunOptions options)
     {
         const OutputFile map(options.map); // an hour's run should not end with a map that cannot be written
     }
+    std::vector<std::string> plugins;
     {
         const RootPtr root = makeRoot();
         Description description;
-        const Surfaces surfaces(options, *root, description);
+        Loaded loaded(*root);
+        loaded.load(options, description);
         checkOptions(options, description);
         const double rate = options.rate > 0.0 ? options.rate : root->options.frameRate;
-        Participants participants = {*root, receiver.has_value() ? &*receiver : nullptr, nullptr, nullptr,
-                                     FrameClock(*root, options.pace(), rate)};
+        Participants participants = {*root,   receiver.has_value() ? &*receiver : nullptr, nullptr, nullptr,
+                                     nullptr, FrameClock(*root, options.pace(), rate)};
         takeSignals(); // not before: what is loaded may come from a pipe
         options.input.exercise = exercise;
         DisInput input(*root, options.input, printNotice);
         std::unique_ptr<OwnSide> own;
+        std::unique_ptr<Effects> effects; // go before what they are shown in
         if (description.scene.has_value())
         {
             options.own.world.exercise = exercise == 0 ? 1 : exercise;
@@ -452,10 +492,22 @@ void run(RunOptions options)
             options.own.interface = options.interface;
             const std::string folder = std::filesystem::path(options.scene).parent_path().string();
             own = std::make_unique<OwnSide>(*root, description, folder, options.own, printNotice);
+            effects = std::make_unique<Effects>(*root, folder, own->world(), options.effects, printNotice);
+            input.setWarfareSinks([&effects](const Fire &fire) { effects->take(fire); },
+                                  [&effects](const Detonation &detonation) { effects->take(detonation); });
         }
         participants.input = &input;
         participants.own = own.get();
+        participants.effects = effects.get();
         FrameLoop(options, participants, rate).run();
+        plugins = effects != nullptr ? effects->opened() : plugins;
+    }
+    for (const std::string &file : plugins)
+    {
+        if (isOpen(file))
+        {
+            printNotice("plug-in " + file + " stays open"); // as the loader has it for some of C++
+        }
     }
     pfArenaInfo info;
     pfGetArenaInfo(&info);
@@ -510,6 +562,18 @@ void addRunCommand(CLI::App &app, int &exitCode)
         ->check(within(0, 255))
         ->capture_default_str();
     command->add_option("--log", options->own.log, "write each frame of the driven entity to this CSV file");
+    command
+        ->add_option("--trigger", options->effects.triggers,
+                     "seconds after the start, and the name of an effect to trigger then; may be repeated")
+        ->type_name("TIME NAME")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->allow_extra_args(false);
+    command->add_option("--fire-effect", options->effects.fire,
+                        "effect to trigger where a weapon is fired (default: the one named fire)");
+    command->add_option("--detonation-effect", options->effects.detonation,
+                        "effect to trigger where a munition detonates or an entity is destroyed (default: detonation)");
+    command->add_option("--smoke-effect", options->effects.smoke,
+                        "effect at entities that smoke, burn or are destroyed (default: smoke)");
     command->add_flag("--fast", options->fast,
                       "do not wait between frames, and hear nothing: the same run gives the same files");
     command->add_option("--map", options->map,

@@ -22,12 +22,12 @@ constexpr std::size_t kProbes = 3;       // as many as the kernel tests
 constexpr std::size_t kMostMarking = 11; // characters in a report
 
 // What begins something in the block around, where a brace is missing then.
-constexpr std::string_view kAroundTerrain[] = {"MATERIALLIST", "TEXTURELIST", "SCENE", "ENTITY", "MATERIAL",
+constexpr std::string_view kAroundTerrain[] = {"MATERIALLIST", "TEXTURELIST", "SCENE", "ENTITY", "EFFECT", "MATERIAL",
                                                "TEXTURE",      "TERRAIN",     "MODEL", "ORIGIN", "COLLIDE"};
-constexpr std::string_view kAroundModel[] = {"MATERIALLIST", "TEXTURELIST",    "SCENE", "ENTITY", "MATERIAL", "TEXTURE",
-                                             "TERRAIN",      "MODEL",          "ID",    "TYPE",   "FORCE",    "MARKING",
-                                             "MOTION",       "FOLLOW_TERRAIN", "PROBE", "LIFT",   "START",    "HEADING",
-                                             "HEIGHT",       "MASK",           "SHM"};
+constexpr std::string_view kAroundModel[] = {
+    "MATERIALLIST", "TEXTURELIST", "SCENE",   "ENTITY", "EFFECT",  "MATERIAL", "TEXTURE",        "TERRAIN",
+    "MODEL",        "ID",          "TYPE",    "FORCE",  "MARKING", "MOTION",   "FOLLOW_TERRAIN", "PROBE",
+    "LIFT",         "START",       "HEADING", "HEIGHT", "MASK",    "SHM"};
 
 // By kind of terrain.
 constexpr std::string_view kOfCell[] = {"STEP", "RADIUS", "UNDULATION"};

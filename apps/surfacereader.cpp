@@ -1,10 +1,10 @@
 #include "surfacereader.h"
 
+#include "kernelrecord.h"
+
 #include <tolvin/performer/pf.h>
 
 #include <charconv>
-#include <cstring>
-#include <new>
 
 namespace tolvin
 {
@@ -12,48 +12,14 @@ namespace tolvin
 namespace
 {
 
-// Allocates records that the kernel initialises.
-template<typename Record>
-Record *allocate()
-{
-    void *const arena = pfGetSharedArena();
-    void *const block = arena == nullptr ? nullptr : pfMalloc(sizeof(Record), arena);
-    if (block == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    return static_cast<Record *>(block);
-}
-
-// After the record has its place in a list, which releases it.
-void requireName(const vunode &node)
-{
-    if (node.name == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-}
-
 template<typename List>
 List *newList(vulist &lists, void (*initialise)(List *, const char *), const std::string &name)
 {
-    auto *const list = allocate<List>();
+    auto *const list = allocateRecord<List>();
     initialise(list, name.c_str());
     vunodeAppend(&lists, &list->node);
     requireName(list->node);
     return list;
-}
-
-char *copyOf(std::string_view text)
-{
-    auto *const copy = static_cast<char *>(pfMalloc(text.size() + 1, pfGetSharedArena()));
-    if (copy == nullptr)
-    {
-        throw std::bad_alloc();
-    }
-    std::memcpy(copy, text.data(), text.size());
-    copy[text.size()] = '\0';
-    return copy;
 }
 
 template<typename Record>
@@ -82,15 +48,6 @@ void freeList(vulist &lists, vuTextureList *list)
     pfFree(list->textures);
     vunodeDelete(&lists, &list->node);
     pfFree(list);
-}
-
-void move(vulist &from, vulist &to)
-{
-    while (vunode *const node = from.first)
-    {
-        vunodeRemove(&from, node);
-        vunodeAppend(&to, node);
-    }
 }
 
 // Of several codes with the same name in dumps the first.
@@ -136,8 +93,8 @@ Surfaces::~Surfaces()
 
 void Surfaces::moveTo(vuRootNode &root)
 {
-    move(materialLists, root.materialLists);
-    move(textureLists, root.textureLists);
+    moveNodes(materialLists, root.materialLists);
+    moveNodes(textureLists, root.textureLists);
 }
 
 void Surfaces::release(vulist &materialLists, vulist &textureLists)
@@ -204,7 +161,7 @@ void SurfaceReader::materialList()
 void SurfaceReader::material(vulist &list)
 {
     const std::string name = in_.blockName();
-    auto *const material = allocate<vuMaterial>();
+    auto *const material = allocateRecord<vuMaterial>();
     materialInit(material, name.c_str());
     vunodeAppend(&list, &material->node);
     requireName(material->node);
@@ -249,14 +206,14 @@ void SurfaceReader::texture(vulist &list)
 {
     constexpr const char *kExpected = "WRAP_S, WRAP_T, INTERNAL, MIN_FILTER, MAG_FILTER or }";
     const std::string name = in_.blockName();
-    auto *const texture = allocate<vuTexture>();
+    auto *const texture = allocateRecord<vuTexture>();
     textureInit(texture, name.c_str());
     vunodeAppend(&list, &texture->node);
     requireName(texture->node);
     texture->minFilter = texture->magFilter = kFilterNotGiven;
     if (in_.token().kind == TokenKind::Text)
     {
-        texture->file = copyOf(in_.token().text);
+        texture->file = arenaCopyOf(in_.token().text);
         in_.advance();
     }
     else if (in_.token().kind == TokenKind::Word && !in_.isAtKeyword())

@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include <tolvin/kernel/kernelfx.h>
 #include <tolvin/kernel/kernelgeneric.h>
 
 namespace tolvin
@@ -142,6 +143,7 @@ SceneDescription sceneOfDescription(const TerrainOptions &options)
     }
     readDescriptionFile(file, *root, description);
     releaseSurfaces(*root);
+    effectFreeAll(root.get());
     if (!description.scene || description.scene->terrains.empty())
     {
         throw std::runtime_error(file + ": expected a SCENE with a TERRAIN");

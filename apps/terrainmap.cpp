@@ -33,6 +33,7 @@ constexpr std::size_t kMostPicture = 360000; // bytes of the shaded ground
 constexpr std::uint32_t kFinest = 560;       // pixels along its sides
 
 constexpr const char *kColours[] = {"#c81e3c", "#1f4fb4", "#7a1fa0", "#0b7a75"};
+constexpr const char *kPlaceStroke = "stroke='#b30000' stroke-width='1.8'";
 constexpr Colour kNoGround = {236, 239, 243};
 
 constexpr ColourStop kStops[] = {{0.0F, {104, 151, 101}},  {0.1F, {139, 175, 113}},  {0.28F, {192, 203, 140}},
@@ -86,8 +87,14 @@ struct Frame
     }
 };
 
-// All of the terrain, unless the paths need only a small part of it.
-Frame frameOf(const Terrain &terrain, std::span<const DrivenPath> paths)
+bool isWithin(const std::optional<GroundExtent> &extent, const Vector3 &place)
+{
+    return extent.has_value() && place[0] >= extent->least[0] && place[0] <= extent->greatest[0] &&
+           place[1] >= extent->least[1] && place[1] <= extent->greatest[1];
+}
+
+// All of the terrain, unless the paths and the effects on it need only a small part of it.
+Frame frameOf(const Terrain &terrain, std::span<const DrivenPath> paths, const std::vector<Vector3> &effects)
 {
     constexpr double kAround = 1.4; // of what the paths cover
     constexpr double kLeast = 200.0;
@@ -100,8 +107,16 @@ Frame frameOf(const Terrain &terrain, std::span<const DrivenPath> paths)
             north.cover(point.place[1]);
         }
     }
-    double extent = std::max(kAround * std::max(east.size(), north.size()), kLeast);
     const std::optional<GroundExtent> all = terrain.extent();
+    for (const Vector3 &place : effects)
+    {
+        if (isWithin(all, place))
+        {
+            east.cover(place[0]);
+            north.cover(place[1]);
+        }
+    }
+    double extent = std::max(kAround * std::max(east.size(), north.size()), kLeast);
     if (all.has_value())
     {
         const double side = std::max(all->greatest[0] - all->least[0], all->greatest[1] - all->least[1]);
@@ -453,7 +468,51 @@ void drawPaths(std::FILE *out, const Frame &frame, std::span<const DrivenPath> p
     std::fputs("</g>\n", out);
 }
 
-void drawHead(std::FILE *out, const std::string &title, bool others)
+// Lines and what is seen from its edge have a width, too.
+void drawShapes(std::FILE *out, const Frame &frame, const std::vector<MapShape> &shapes)
+{
+    std::fputs("<g stroke-width='0.7' stroke-linejoin='round' stroke-linecap='round'>\n", out);
+    for (const MapShape &shape : shapes)
+    {
+        int colour[3];
+        std::transform(shape.colour.begin(), shape.colour.begin() + 3, colour,
+                       [](float part) { return static_cast<int>(std::lround(255.0F * std::clamp(part, 0.0F, 1.0F))); });
+        std::fputs("<path d='", out);
+        char command = 'M';
+        for (const auto &[east, north] : shape.corners)
+        {
+            const Pixel pixel = frame.pixelOf(east, north);
+            std::fprintf(out, "%c%.2f %.2f", command, pixel.x, pixel.y);
+            command = 'L';
+        }
+        std::fprintf(out, "z' fill='#%02x%02x%02x' stroke='#%02x%02x%02x' opacity='%.3f'/>\n", colour[0], colour[1],
+                     colour[2], colour[0], colour[1], colour[2],
+                     static_cast<double>(std::clamp(shape.colour[3], 0.0F, 1.0F)));
+    }
+    std::fputs("</g>\n", out);
+}
+
+void drawCross(std::FILE *out, double x, double y)
+{
+    std::fprintf(out, "<path d='M%.1f %.1fl9 9m0 -9l-9 9'/>\n", x - 4.5, y - 4.5);
+}
+
+void drawPlaces(std::FILE *out, const Frame &frame, const std::vector<Vector3> &places)
+{
+    for (const char *const stroke : {"stroke='white' stroke-width='3.6' stroke-opacity='0.7'", kPlaceStroke})
+    {
+        std::fprintf(out, "<g fill='none' stroke-linecap='round' %s>\n", stroke);
+        for (const Vector3 &place : places)
+        {
+            const Pixel pixel = frame.pixelOf(place[0], place[1]);
+            drawCross(out, pixel.x, pixel.y);
+        }
+        std::fputs("</g>\n", out);
+    }
+}
+
+//   others, effects  whether there are any
+void drawHead(std::FILE *out, const std::string &title, bool others, bool effects)
 {
     std::fprintf(out, "<text x='%.1f' y='34' font-size='20' fill='#222'>%s</text>\n", kLeft, escaped(title).c_str());
     std::fprintf(
@@ -470,6 +529,13 @@ void drawHead(std::FILE *out, const std::string &title, bool others)
                      "<path d='M%.1f 64h36' stroke='#333' stroke-width='1.8' stroke-dasharray='5 4'/>"
                      "<text x='%.1f' y='69'>heard from the network</text>",
                      kLeft + 284.0, kLeft + 328.0);
+    }
+    if (effects)
+    {
+        std::fprintf(out, "<g fill='none' stroke-linecap='round' %s>", kPlaceStroke);
+        const double x = kLeft + (others ? 500.0 : 290.0);
+        drawCross(out, x, 64.0);
+        std::fprintf(out, "</g><text x='%.1f' y='69'>effect began</text>", x + 14.0);
     }
     std::fputs("</g>\n", out);
 }
@@ -632,9 +698,9 @@ void DrivenPath::add(const Vector3 &place, double ground)
 }
 
 void writeTerrainMap(const std::string &file, const Terrain &terrain, std::span<const DrivenPath> paths,
-                     std::span<const OtherPath> others, const std::string &title)
+                     std::span<const OtherPath> others, const std::string &title, const ShownEffects &effects)
 {
-    const Frame frame = frameOf(terrain, paths);
+    const Frame frame = frameOf(terrain, paths, effects.places);
     std::vector<std::size_t> shown;
     for (std::size_t i = 0; i < paths.size() && shown.size() < kMostProfiles; ++i)
     {
@@ -649,7 +715,7 @@ void writeTerrainMap(const std::string &file, const Terrain &terrain, std::span<
     OutputFile picture(file);
     std::FILE *const out = picture.stream();
     beginSvg(out, kWidth, belowMap + kOne * static_cast<double>(shown.size()));
-    drawHead(out, title, !others.empty());
+    drawHead(out, title, !others.empty(), !effects.places.empty());
     const Relief relief = drawGround(out, terrain, frame);
     drawAxes(out, frame);
     drawHeightScale(out, relief);
@@ -659,6 +725,8 @@ void writeTerrainMap(const std::string &file, const Terrain &terrain, std::span<
                  kLeft, kTop, kSize, kSize);
     drawOthers(out, frame, others);
     drawPaths(out, frame, paths);
+    drawShapes(out, frame, effects.shapes);
+    drawPlaces(out, frame, effects.places);
     std::fputs("</g>\n", out);
     if (!relief.range().any())
     {

@@ -1,6 +1,7 @@
 // Terrain from above, with paths on it, and what the paths go up and down: as SVG.
 #pragma once
 
+#include "mapshapes.h"
 #include "terrain.h"
 
 #include <cstddef>
@@ -70,11 +71,18 @@ struct OtherPath
     std::vector<Vector3> places;
 };
 
+// What effects show at the end, and where they were triggered: places in the local frame.
+struct ShownEffects
+{
+    std::vector<MapShape> shapes; // the highest last
+    std::vector<Vector3> places;
+};
+
 // Writes one picture: above, the terrain shaded by a sun in the north-west and coloured by height, with contour lines or ticks for
-// scale, the paths (start and end marked) and others; below, for each path, distance against height of vehicle and ground. The
-// shading is a PNG within the SVG. The map shows the paths and what is around them, not all of a terrain that is far larger.
+// scale, the paths (start and end marked), others and effects; below, for each path, distance against height of vehicle and ground. The
+// shading is a PNG within the SVG. The map shows the paths, the places of effects and what is around them, not all of a terrain that is far larger.
 // Throws as OutputFile does.
 void writeTerrainMap(const std::string &file, const Terrain &terrain, std::span<const DrivenPath> paths,
-                     std::span<const OtherPath> others, const std::string &title);
+                     std::span<const OtherPath> others, const std::string &title, const ShownEffects &effects = {});
 
 } // namespace tolvin

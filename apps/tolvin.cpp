@@ -2,6 +2,7 @@
 #include "imagecommand.h"
 #include "modelcommand.h"
 #include "noisecommand.h"
+#include "pluginscommand.h"
 #include "runcommand.h"
 #include "sendcommand.h"
 #include "suncommand.h"
@@ -41,6 +42,7 @@ int main(int argc, char **argv)
     tolvin::addImageCommand(app, exitCode);
     tolvin::addModelCommand(app, exitCode);
     tolvin::addTerrainCommand(app, exitCode);
+    tolvin::addPluginsCommand(app, exitCode);
     try
     {
         app.parse(argc, argv);

@@ -203,15 +203,14 @@ void World::setState(OwnEntity &own)
     {
         throw std::runtime_error(named(entity) + ": there is no ground at its START");
     }
-    own.ground = ground.has_value() ? std::optional(ground->height) : std::nullopt;
+    own.height = ground.has_value() ? ground->height : 0.0;
     const double aloft = entity.motion == VU_MOTION_DRIVE && entity.followTerrain ? 0.0 : entity.height;
     record.position[0] = east;
     record.position[1] = north;
-    record.position[2] = own.ground.value_or(0.0) + aloft;
+    record.position[2] = own.height + aloft;
     record.orientation[0] = psiOf(entity.heading);
-    record.groundHeight = static_cast<float>(own.ground.value_or(0.0));
+    record.groundHeight = static_cast<float>(own.height);
     own.tested = {east, north};
-    own.height = own.ground.value_or(0.0);
     record.motionKind = entity.motion;
     record.entityFlags |= entity.followTerrain ? VU_ENTITY_FOLLOW_TERRAIN : 0;
 
@@ -338,17 +337,20 @@ void World::settle()
     checkCollisions(&root_);
     for (OwnEntity &own : entities_)
     {
-        vuEntity &entity = *own.entity;
-        if (follows(entity) && canBeDriven(*own.description))
+        if (follows(*own.entity) && canBeDriven(*own.description))
         {
             settleOnGround(own);
         }
-        // Asked for by itself, so that it tells how well the entity keeps to it.
-        const double from = entity.position[2] + (follows(entity) ? own.lift : 0.0);
-        const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1], from);
-        own.ground = ground.has_value() ? std::optional(ground->height) : std::nullopt;
         placeModel(own);
     }
+}
+
+std::optional<double> World::groundBelow(const OwnEntity &own) const
+{
+    const vuEntity &entity = *own.entity;
+    const double from = entity.position[2] + (follows(entity) ? own.lift : 0.0);
+    const std::optional<GroundPoint> ground = terrain_->groundAt(entity.position[0], entity.position[1], from);
+    return ground.has_value() ? std::optional(ground->height) : std::nullopt;
 }
 
 void World::settleOnGround(OwnEntity &own)

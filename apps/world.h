@@ -33,7 +33,6 @@ struct OwnEntity
     std::uint64_t lost = 0; // times that the ground was lost and found again
     std::uint64_t withoutGround = 0; // frames without any
     double reach = 0.0;              // metres from its origin to the farthest probe, on the map
-    std::optional<double> ground;    // height of the ground below it in this frame
     std::array<double, 2> tested{};  // where it was when its ground was looked for
     double height = 0.0;             // of the ground that it followed, then
     vuDefinition definition{};
@@ -78,6 +77,12 @@ public:
         return *terrain_;
     }
 
+    // The top of the scene's graph, for what is added to it; whoever adds takes it out before the world goes.
+    pfGroup *top()
+    {
+        return asPfGroup(top_.get());
+    }
+
     // Null when there is none that can be driven.
     OwnEntity *driven()
     {
@@ -101,6 +106,10 @@ public:
 
     // The size of the window that mouse input refers to.
     void setWindow(int width, int height);
+
+    // Height of the ground below an entity, if there is any. It is asked for by itself, not what the entity followed, so that it
+    // tells how well it does.
+    std::optional<double> groundBelow(const OwnEntity &own) const;
 
     // The driven entity's part of a frame, with that mouse.
     void drive(const pfuMouse &mouse);

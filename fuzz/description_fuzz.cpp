@@ -6,6 +6,7 @@
 #include <string>
 
 #include <tolvin/apps/description.h>
+#include <tolvin/kernel/kernelfx.h>
 #include <tolvin/kernel/kernelmaterial.h>
 #include <tolvin/kernel/kerneltexture.h>
 #include <tolvin/performer/pf.h>
@@ -92,7 +93,13 @@ static void dump(std::FILE *stream, const EntityDescription &entity)
     std::fputs(entity.followTerrain ? " FOLLOW_TERRAIN }\n" : " }\n", stream);
 }
 
-static std::string dump(const vuRootNode &root, const Description &description)
+static void release(vuRootNode &root)
+{
+    releaseSurfaces(root);
+    effectFreeAll(&root);
+}
+
+static std::string dump(vuRootNode &root, const Description &description)
 {
     char *text = nullptr;
     std::size_t size = 0;
@@ -107,6 +114,7 @@ static std::string dump(const vuRootNode &root, const Description &description)
     {
         dump(stream, entity);
     }
+    effectPrintList(&root, stream);
     std::fclose(stream);
     std::string result(text, size);
     std::free(text);
@@ -134,16 +142,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     if (readDescription(text, *root, description).empty())
     {
         const std::string first = dump(*root, description);
-        releaseSurfaces(*root);
+        release(*root);
         Description again;
         require(readDescription(first, *root, again).empty());
         require(dump(*root, again) == first);
     }
     else
     {
-        require(!description.scene && description.entities.empty() && root->materialLists.first == nullptr);
+        require(!description.scene && description.entities.empty() && root->materialLists.first == nullptr &&
+                root->effects.first == nullptr);
     }
-    releaseSurfaces(*root);
+    release(*root);
     require(blocksInUse() == before);
     return 0;
 }

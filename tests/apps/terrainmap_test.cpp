@@ -92,10 +92,10 @@ struct TerrainMap : testing::Test
         return Terrain(scene, folder);
     }
 
-    std::string draw(const Terrain &terrain, std::span<const DrivenPath> paths,
-                     std::span<const OtherPath> others = {}) const
+    std::string draw(const Terrain &terrain, std::span<const DrivenPath> paths, std::span<const OtherPath> others = {},
+                     const ShownEffects &effects = {}) const
     {
-        writeTerrainMap(folder / "map.svg", terrain, paths, others, "A & B <c>");
+        writeTerrainMap(folder / "map.svg", terrain, paths, others, "A & B <c>", effects);
         std::ostringstream text;
         text << std::ifstream(folder / "map.svg").rdbuf();
         return text.str();
@@ -219,4 +219,19 @@ TEST_F(TerrainMap, StaysSmallAndManagesWithoutGroundAndPaths)
     const Terrain none(SceneDescription{}, folder);
     EXPECT_NE(draw(none, {}).find("no ground here"), std::string::npos);
     EXPECT_THROW(writeTerrainMap("/nonexistent/folder/map.svg", none, {}, {}, ""), std::runtime_error);
+}
+
+TEST_F(TerrainMap, ShowsEffectsAndWhatIsAroundThem)
+{
+    const Terrain flat = terrainOf([](int, int) { return 5; });
+    const ShownEffects effects = {{{{{0, 0}, {10, 0}, {10, 10}}, 9.0, {1.0F, 0.5F, -1.0F, 0.25F}}},
+                                  {{5, 5, 0}, {1e6, 0, 0}}};
+    const std::string map = draw(flat, {}, {}, effects);
+    // 200 m are 760 pixels; (5, 5) is in their middle, at 464 and 476.
+    EXPECT_NE(map.find("<path d='M445.00 495.00L483.00 495.00L483.00 457.00z' fill='#ff8000' stroke='#ff8000' "
+                       "opacity='0.250'/>"),
+              std::string::npos);
+    EXPECT_NE(map.find("<path d='M459.5 471.5l9 9m0 -9l-9 9'/>"), std::string::npos);
+    EXPECT_NE(map.find("effect began"), std::string::npos);
+    EXPECT_EQ(draw(flat, {}).find("effect began"), std::string::npos);
 }

@@ -286,6 +286,7 @@ TEST(ShippedDrive, KeepsToTheGroundAndIsTheSameEveryTime)
         vuRootNode root = newRoot();
         Description description;
         readDescriptionFile(samples + "/valley.scene", root, description);
+        effectFreeAll(&root);
         FrameClock clock(root, Pace::Fast, kRate);
         World world(root, description, samples, {}, [](const std::string &line) { ADD_FAILURE() << line; });
         world.setWindow(script.width, script.height);

@@ -1,0 +1,132 @@
+#include "pluginpath.h"
+
+#include "kernelrecord.h"
+#include "plaintext.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include <dlfcn.h>
+#include <tolvin/kernel/kernelfx.h>
+
+namespace tolvin
+{
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+// Parts between colons; empty ones do not count.
+std::vector<std::string> partsOf(std::string_view path)
+{
+    std::vector<std::string> parts;
+    while (!path.empty())
+    {
+        const std::string_view part = path.substr(0, path.find(':'));
+        path.remove_prefix(std::min(part.size() + 1, path.size()));
+        if (!part.empty())
+        {
+            parts.emplace_back(part);
+        }
+    }
+    return parts;
+}
+
+// With a slash, so that the loader takes it as it is and does not search its own folders.
+std::string inFolder(const std::string &folder, const std::string &file)
+{
+    return (fs::path(folder.empty() ? "." : folder) / file).string();
+}
+
+std::vector<std::string> candidatesOf(const std::string &file, const std::string &folder)
+{
+    std::vector<std::string> candidates = {file};
+    if (!fs::path(file).is_absolute())
+    {
+        candidates.push_back(inFolder(folder, file));
+        for (const std::string &plugins : pluginFolders())
+        {
+            candidates.push_back(inFolder(plugins, file));
+        }
+    }
+    return candidates;
+}
+
+void findPlugin(vuEffect &fx, const std::string &folder, const std::function<void(const std::string &line)> &notice)
+{
+    std::string tried;
+    for (const std::string &candidate : candidatesOf(fx.pluginFile, folder))
+    {
+        const std::string reason = whyNotOpened(candidate);
+        if (reason.empty())
+        {
+            char *const found = arenaCopyOf(candidate);
+            pfFree(fx.pluginFile);
+            fx.pluginFile = found;
+            return;
+        }
+        tried += "\n  " + candidate + ": " + reason;
+    }
+    notice("EFFECT \"" + plainText(fx.node.name) + "\": no plug-in, tried" + tried);
+}
+
+} // namespace
+
+std::vector<std::string> pluginFolders()
+{
+    const char *const path = std::getenv("TOLVIN_PLUGIN_PATH");
+    std::vector<std::string> folders = partsOf(path == nullptr ? "" : path);
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    if (error)
+    {
+        return folders;
+    }
+    const fs::path installed = (program.parent_path() / TOLVIN_PLUGIN_FOLDER).lexically_normal();
+    const fs::path built = (program.parent_path() / "../plugins").lexically_normal();
+    const bool isBuilt = fs::is_directory(built, error) && !fs::is_directory(installed, error);
+    folders.push_back((isBuilt ? built : installed).string());
+    return folders;
+}
+
+std::string whyNotOpened(const std::string &file)
+{
+    if (void *const handle = dlopen(file.c_str(), RTLD_LAZY))
+    {
+        dlclose(handle);
+        return "";
+    }
+    const char *const error = dlerror();
+    const std::string reason = error != nullptr ? error : "the loader does not tell why";
+    const std::string before = file + ": ";
+    return reason.starts_with(before) ? reason.substr(before.size()) : reason;
+}
+
+bool isOpen(const std::string &file)
+{
+    void *const handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    if (handle != nullptr)
+    {
+        dlclose(handle);
+    }
+    return handle != nullptr;
+}
+
+void findPlugins(vuRootNode &root, const std::string &folder,
+                 const std::function<void(const std::string &line)> &notice)
+{
+    for (vunode *node = root.effects.first; node != nullptr; node = node->next)
+    {
+        auto &fx = *reinterpret_cast<vuEffect *>(node);
+        if (fx.pluginFile != nullptr)
+        {
+            findPlugin(fx, folder, notice);
+        }
+    }
+}
+
+} // namespace tolvin
