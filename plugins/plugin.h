@@ -2,7 +2,8 @@
  * What a plug-in author needs: the records of the kernel, the platform layer, and what applications and plug-ins agree on.
  *
  * A plug-in is a shared object with functions of these names, in C (in C++ between `extern "C"`). Any of them may be left out. The
- * library finds them by name and calls them, in the thread of the application, and never two at once:
+ * library finds them by name and calls them, in the thread of the application, one after the other, except that an effect which
+ * triggers another may come back to itself:
  *
  *   fxInit         once, at set-up, when the instances are there: choose fx->tagbase (four letters, VU_FX_TAG), read the
  *                  settings (colour, duration, fade, parameter ...), make what all instances share. Without it neither
@@ -17,6 +18,13 @@
  *   fxGetData, fxSetData, fxGetInstData, fxSetInstData   exchange values, below
  *   fxFreeInst     for each instance, and
  *   fxFree         once, before the plug-in is closed (effectUnload): release what fxInitInst and fxInit have made
+ *
+ * What to know besides: C11, or C++11 without exceptions that leave an entry point. Static variables are shared by all effects that
+ * name the same file; what belongs to one effect is found by fx, what belongs to one instance by its words, in which a pointer is
+ * copied (memcpy): they have 32 bits, and instances are aligned to 4 bytes. fx->linkFx is null until fxInit and all fxInitInst
+ * are through, its plug-in may lack anything, and links may go round in a circle: do not trigger again while you are triggered.
+ * fxFree is called whatever fxInit has managed to make; fxFreeInst only where there is an fxInit. Effects are loaded, unloaded and
+ * taken off the list by the application, never from an entry point.
  *
  * Settings, in fx: colour tints what is shown, and its alpha makes it transparent. duration is in seconds, and fade the part of
  * it, at its end, in which what is shown disappears. num is the number of instances wanted, numInst that there are (perhaps 0). Numbers
@@ -40,7 +48,8 @@
 #endif
 
 /* Four letters as a tagbase. */
-#define VU_FX_TAG(a, b, c, d) ((uint32_t)(a) << 24 | (uint32_t)(b) << 16 | (uint32_t)(c) << 8 | (uint32_t)(d))
+#define VU_FX_TAG(a, b, c, d)                                                                                          \
+    ((uint32_t)(uint8_t)(a) << 24 | (uint32_t)(uint8_t)(b) << 16 | (uint32_t)(uint8_t)(c) << 8 | (uint8_t)(d))
 
 #ifdef __cplusplus
 extern "C" {
@@ -68,7 +77,7 @@ enum
                         application hangs it into its scene, and takes it out before fxFree */
     VU_FX_ACTIVE,    /* number of instances that go on, or are about to end */
     VU_FX_PARTICLES, /* number of particles that are shown */
-    VU_FX_WIND       /* fxSetData as well: second word const float *, three metres per second; returns 1 */
+    VU_FX_WIND /* three metres per second, written to the float * that is the second word; fxSetData: read from there */
 };
 
 /* First word of fxGetInstData and fxSetInstData; the second one is a pointer to the instance. */
@@ -85,6 +94,21 @@ enum
     VU_FX_ON,    /* going on */
     VU_FX_ENDING /* stopped, or over, but not all of it gone yet */
 };
+
+/* The entry points, for the compiler to compare with; a plug-in defines those that it has. */
+void fxInit(vuRootNode *root, vuEffect *fx);
+void fxInitInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst);
+void fxUpdate(vuRootNode *root, vuEffect *fx);
+uintptr_t fxTrigger(vuRootNode *root, vuEffect *fx, uintptr_t event);
+uintptr_t fxObtain(vuRootNode *root, vuEffect *fx, uintptr_t event);
+void fxTriggerInst(vuRootNode *root, vuEffect *fx, uintptr_t inst, uintptr_t event);
+uintptr_t fxStopInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst);
+uintptr_t fxGetData(vuRootNode *root, vuEffect *fx, uintptr_t what, uintptr_t where);
+uintptr_t fxSetData(vuRootNode *root, vuEffect *fx, uintptr_t what, uintptr_t where);
+uintptr_t fxGetInstData(vuRootNode *root, vuEffect *fx, uintptr_t what, uintptr_t inst, uintptr_t where);
+uintptr_t fxSetInstData(vuRootNode *root, vuEffect *fx, uintptr_t what, uintptr_t inst, uintptr_t where);
+void fxFreeInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst);
+void fxFree(vuRootNode *root, vuEffect *fx);
 
 #ifdef __cplusplus
 }

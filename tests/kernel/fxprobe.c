@@ -66,7 +66,10 @@ TOLVIN_PLUGIN uintptr_t fxStopInst(vuRootNode *root, vuEffect *fx, vuEffectInst 
     }
 ANSWER(fxObtain, "obtain", (vuRootNode * root, vuEffect *fx, uintptr_t a), a, 0, 0)
 ANSWER(fxTrigger, "trigger", (vuRootNode * root, vuEffect *fx, uintptr_t a), a, 0, 0)
-ANSWER(fxTriggerInst, "triggerInst", (vuRootNode * root, vuEffect *fx, uintptr_t a, uintptr_t b), a, b, 0)
+TOLVIN_PLUGIN void fxTriggerInst(vuRootNode *root, vuEffect *fx, uintptr_t a, uintptr_t b)
+{
+    note("triggerInst", root, fx, a, b, 0);
+}
 ANSWER(fxGetData, "getData", (vuRootNode * root, vuEffect *fx, uintptr_t a, uintptr_t b), a, b, 0)
 ANSWER(fxSetData, "setData", (vuRootNode * root, vuEffect *fx, uintptr_t a, uintptr_t b), a, b, 0)
 ANSWER(fxGetInstData, "getInstData", (vuRootNode * root, vuEffect *fx, uintptr_t a, uintptr_t b, uintptr_t c), a, b, c)

@@ -66,6 +66,7 @@ protected:
         auto *fx = static_cast<vuEffect *>(pfMalloc(sizeof(vuEffect), pfGetSharedArena()));
         memset(fx, 0xa5, sizeof *fx);
         effectInit(fx, name);
+        EXPECT_EQ(fx->num, 16);
         fx->pluginFile = plugin.empty() ? nullptr : inArena(plugin);
         fx->num = num;
         vunodeAppend(&root.effects, &fx->node);
@@ -152,8 +153,14 @@ TEST_F(Effects, ForwardsWordsUnchanged)
 
     EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U); }),
               "kernelfx:# Debug: NULL Instance\n");
-    EXPECT_EQ(messages([&] { EXPECT_EQ(effectObtain(&root, nullptr, 1) + effectTrigger(&root, nullptr, 1), 0U); }),
-              "kernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\n");
+    EXPECT_EQ(messages(
+                  [&]
+                  {
+                      EXPECT_EQ(effectObtain(&root, nullptr, 1) + effectTrigger(&root, nullptr, 1), 0U);
+                      effectTriggerInst(&root, nullptr, 1, 2);
+                      EXPECT_EQ(effectStopInst(&root, nullptr, fx->inst), 0U);
+                  }),
+              "kernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\n");
     EXPECT_EQ(messages([&] { EXPECT_EQ(effectSetup(&root, nullptr), 0); }), "kernelfx:# Debug: No effect\n");
     EXPECT_EQ(log(fx), "");
 }
@@ -177,6 +184,8 @@ TEST_F(Effects, GoOnWithoutEntryPoints)
     EXPECT_EQ(messages([&] { EXPECT_EQ(effectTrigger(&root, fx, 1), 0U); }), "kernelfx:# Info: FX trigger \"fx\"\n");
     effectTriggerInst(&root, fx, 1, 2);
     EXPECT_EQ(effectGetInstData(&root, fx, 1, 2, 3) + effectObtain(&root, fx, 1), 0U);
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U); }),
+              "kernelfx:# Debug: NULL Instance\n");
     EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, fx->inst), 0U); }),
               "kernelfx:# Warning: \033[33mfxStopInst() undefined in plugin \"" + kOnlyUpdate + "\"\033[0m\n");
     // A number of instances that is none.
@@ -228,6 +237,11 @@ TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
     *text = '\0';
     effectUnloadAll(&root);
     EXPECT_STREQ(text, "freeInst a 0 0 0\nfreeInst a 1 0 0\nfree a 0 0 0\nfreeInst b 0 0 0\nfree b 0 0 0\n");
+    // Instances that fxInit never prepared are not the plug-in's to release.
+    messages([&] { effectSetup(&root, a); });
+    a->fxInit = nullptr, *text = '\0';
+    effectUnload(&root, a);
+    EXPECT_STREQ(text, "free a 0 0 0\n");
     // Without unloading, too, everything is released; the plug-in is not asked.
     messages([&] { effectSetupAll(&root); });
     *text = '\0';
@@ -239,7 +253,8 @@ TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
 TEST_F(Effects, GoOnWithoutRoomForInstances)
 {
     vuEffect *fx = add("fx", kProbe, 1 << 20), *most = add("most", kProbe, std::numeric_limits<int>::max());
-    for (vuEffect *each : {fx, most})
+    vuEffect *wrapping = add("wrapping", kProbe, 82595525); // times 52 is 4 in 32 bits
+    for (vuEffect *each : {fx, most, wrapping})
     {
         std::vector<void *> taken;
         for (size_t size = size_t{1} << 28; size >= 1 << 16; size /= 2)
