@@ -379,16 +379,15 @@ void runImage(const ImageOptions &options)
 
 } // namespace
 
-void addImageCommand(CLI::App &app, int &exitCode)
+void addImageCommand(CommandLine &line)
 {
-    CLI::App *const command = app.add_subcommand("image", "convert SGI images to PNG");
-    command->get_formatter()->column_width(40);
     const auto options = std::make_shared<ImageOptions>();
-    command->add_option("input", options->in, "SGI image, or folder of them")->required();
-    command->add_option("output", options->out, "PNG file, or folder for them");
-    command->add_flag("--info", options->info, "print what the headers say instead");
-    command->add_flag("--quiet", options->quiet, "print nothing when all went well");
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runImage(*options); }); });
+    const Command command = line.addCommand("image", "convert SGI images to PNG", [options] { runImage(*options); });
+    command.widerHelp();
+    command.add("input", options->in, "SGI image, or folder of them").required();
+    command.add("output", options->out, "PNG file, or folder for them");
+    command.addFlag("--info", options->info, "print what the headers say instead");
+    command.addFlag("--quiet", options->quiet, "print nothing when all went well");
 }
 
 } // namespace tolvin

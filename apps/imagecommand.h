@@ -1,13 +1,12 @@
 // tolvin image: SGI images as PNG.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "commandline.h"
 
 namespace tolvin
 {
 
-// Adds the subcommand; its callback converts or describes the files and stores the exit code: 0, 2 for something the caller
-// can mend, a broken image among it, 1 for anything else.
-void addImageCommand(CLI::App &app, int &exitCode);
+// Adds the subcommand.
+void addImageCommand(CommandLine &line);
 
 } // namespace tolvin

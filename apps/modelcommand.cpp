@@ -156,16 +156,15 @@ void runModel(const ModelOptions &options)
 
 } // namespace
 
-void addModelCommand(CLI::App &app, int &exitCode)
+void addModelCommand(CommandLine &line)
 {
-    CLI::App *const command = app.add_subcommand("model", "read model files into the scene database and describe them");
-    command->get_formatter()->column_width(40);
     const auto options = std::make_shared<ModelOptions>();
-    command->add_option("files", options->files, "model files: OBJ, glTF, PLY and whatever else Assimp reads")
-        ->required();
-    command->add_flag("--check", options->check, "report what is wrong with them");
-    command->add_flag("--hierarchy", options->hierarchy, "print every node, however many there are");
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runModel(*options); }); });
+    const Command command = line.addCommand("model", "read model files into the scene database and describe them",
+                                            [options] { runModel(*options); });
+    command.widerHelp();
+    command.add("files", options->files, "model files: OBJ, glTF, PLY and whatever else Assimp reads").required();
+    command.addFlag("--check", options->check, "report what is wrong with them");
+    command.addFlag("--hierarchy", options->hierarchy, "print every node, however many there are");
 }
 
 } // namespace tolvin

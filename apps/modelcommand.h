@@ -1,13 +1,12 @@
 // tolvin model: model files in the scene database.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "commandline.h"
 
 namespace tolvin
 {
 
-// Adds the subcommand; its callback reads and describes the files and stores the exit code: 0, 2 for something the caller can
-// mend, a file that cannot be read or has faults among it, 1 for anything else.
-void addModelCommand(CLI::App &app, int &exitCode);
+// Adds the subcommand.
+void addModelCommand(CommandLine &line);
 
 } // namespace tolvin

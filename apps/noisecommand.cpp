@@ -2,7 +2,6 @@
 
 #include "exitcode.h"
 #include "noisepicture.h"
-#include "optionrange.h"
 #include "outputfile.h"
 #include "picture.h"
 #include "stopsignal.h"
@@ -292,65 +291,57 @@ void runNoise(const NoiseOptions &options)
     }
 }
 
-void addNoiseOptions(CLI::App &command, NoiseOptions &o)
+void addNoiseOptions(const Command &command, NoiseOptions &o)
 {
-    command
-        .add_option("file", o.file,
-                    "file to write: PNG, or an SGI image where its name ends in .sgi, .rgb, .rgba or .bw")
-        ->required();
-    command.add_option("--size", o.size, "WIDTHxHEIGHT in pixels, each up to 16384");
-    command.add_option("--scale", o.scale,
-                       "PIXELS per unit of the noise's lattice, or ACROSS,DOWN; beyond about 1000 the steps of "
-                       "1/1024 show in which the lattice counts");
-    command.add_option("--origin", o.origin, "X,Y of the first pixel, lattice units");
-    command.add_option("--z", o.view.origin[2], "height of the slice, lattice units; of the first with --frames")
-        ->check(within(-1e6, 1e6));
-    command.add_option("--octaves", o.view.octaves, "layers of noise to add up")->check(within(1, 32));
-    command.add_option("--amplitude-factor", o.view.amplitudeFactor, "from each layer to the next")
-        ->check(within(0.0, 4.0));
-    command.add_option("--frequency-factor", o.view.frequencyFactor, "from each layer to the next")
-        ->check(within(0.0, 16.0));
-    command.add_flag("--tile", o.view.tile, "let the picture continue at its opposite edges");
-    CLI::Option *const frames =
-        command
-            .add_option("--frames", o.frames,
-                        "pictures of an animation through z that runs in a loop: FILE-000.png ...")
-            ->check(within(1, 100000));
-    command.add_option("--depth", o.depth, "lattice units of z from the start of the loop to its end; best some units")
-        ->check(within(0.001, 4096.0))
-        ->needs(frames);
-    command.add_flag("--quiet", o.quiet, "print nothing when all went well");
+    command.add("file", o.file, "file to write: PNG, or an SGI image where its name ends in .sgi, .rgb, .rgba or .bw")
+        .required();
+    command.add("--size", o.size, "WIDTHxHEIGHT in pixels, each up to 16384");
+    command.add("--scale", o.scale,
+                "PIXELS per unit of the noise's lattice, or ACROSS,DOWN; beyond about 1000 the steps of "
+                "1/1024 show in which the lattice counts");
+    command.add("--origin", o.origin, "X,Y of the first pixel, lattice units");
+    command.add("--z", o.view.origin[2], "height of the slice, lattice units; of the first with --frames")
+        .check(within(-1e6, 1e6));
+    command.add("--octaves", o.view.octaves, "layers of noise to add up").check(within(1, 32));
+    command.add("--amplitude-factor", o.view.amplitudeFactor, "from each layer to the next").check(within(0.0, 4.0));
+    command.add("--frequency-factor", o.view.frequencyFactor, "from each layer to the next").check(within(0.0, 16.0));
+    command.addFlag("--tile", o.view.tile, "let the picture continue at its opposite edges");
+    const Option frames =
+        command.add("--frames", o.frames, "pictures of an animation through z that runs in a loop: FILE-000.png ...")
+            .check(within(1, 100000));
+    command.add("--depth", o.depth, "lattice units of z from the start of the loop to its end; best some units")
+        .check(within(0.001, 4096.0))
+        .needs(frames);
+    command.addFlag("--quiet", o.quiet, "print nothing when all went well");
 }
 
-void addColourOptions(CLI::App &command, NoiseOptions &o)
+void addColourOptions(const Command &command, NoiseOptions &o)
 {
     std::vector<std::string> names;
     for (const ColourRamp &ramp : colourRamps())
     {
         names.emplace_back(ramp.name);
     }
-    CLI::Option *const ramp =
-        command.add_option("--ramp", o.ramp, "colours of the values from 0 to 1")->check(CLI::IsMember(names));
-    CLI::Option *const stretch =
-        command.add_flag("--stretch", o.stretch, "spread the least to the greatest value over the colours");
-    CLI::Option *const vector =
-        command.add_flag("--vector", o.vector, "draw the vector noise, as a normal map")->excludes(ramp, stretch);
-    command.add_option("--bump", o.bump, "how far the vectors bend the normals")
-        ->check(within(0.0, 1000.0))
-        ->needs(vector);
+    const Option ramp = command.add("--ramp", o.ramp, "colours of the values from 0 to 1").oneOf(names);
+    const Option stretch =
+        command.addFlag("--stretch", o.stretch, "spread the least to the greatest value over the colours");
+    const Option vector = command.addFlag("--vector", o.vector, "draw the vector noise, as a normal map")
+                              .excludes(ramp)
+                              .excludes(stretch);
+    command.add("--bump", o.bump, "how far the vectors bend the normals").check(within(0.0, 1000.0)).needs(vector);
 }
 
 } // namespace
 
-void addNoiseCommand(CLI::App &app, int &exitCode)
+void addNoiseCommand(CommandLine &line)
 {
-    CLI::App *const command = app.add_subcommand("noise", "draw noise, turbulence or a normal map of them as PNG");
-    command->option_defaults()->always_capture_default();
-    command->get_formatter()->column_width(40);
     const auto options = std::make_shared<NoiseOptions>();
-    addNoiseOptions(*command, *options);
-    addColourOptions(*command, *options);
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runNoise(*options); }); });
+    const Command command = line.addCommand("noise", "draw noise, turbulence or a normal map of them as PNG",
+                                            [options] { runNoise(*options); });
+    command.showDefaults();
+    command.widerHelp();
+    addNoiseOptions(command, *options);
+    addColourOptions(command, *options);
 }
 
 } // namespace tolvin

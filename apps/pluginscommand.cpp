@@ -39,10 +39,11 @@ void printLine(const char *head, const std::string &names)
 bool show(const fs::path &file)
 {
     std::printf("%s  %s\n", plainText(file.stem().string()).c_str(), file.c_str());
-    void *const handle = dlopen(file.c_str(), RTLD_LAZY);
+    const std::string reason = whyNotOpened(file);
+    void *const handle = reason.empty() ? dlopen(file.c_str(), RTLD_LAZY) : nullptr;
     if (handle == nullptr)
     {
-        std::printf("  does not open: %s\n", whyNotOpened(file).c_str());
+        std::printf("  does not open: %s\n", reason.c_str());
         return false;
     }
     std::string there, missing;
@@ -100,13 +101,12 @@ void showFiles(const std::vector<std::string> &files)
 
 } // namespace
 
-void addPluginsCommand(CLI::App &app, int &exitCode)
+void addPluginsCommand(CommandLine &line)
 {
     const auto files = std::make_shared<std::vector<std::string>>();
-    CLI::App *const command = app.add_subcommand("plugins", "list effect plug-ins, and which entry points they have");
-    command->add_option("files", *files, "plug-ins (default: those along TOLVIN_PLUGIN_PATH and the installed ones)");
-    command->callback([files, &exitCode]
-                      { exitCode = exitCodeOf([&] { files->empty() ? showInstalled() : showFiles(*files); }); });
+    const Command command = line.addCommand("plugins", "list effect plug-ins, and which entry points they have",
+                                            [files] { files->empty() ? showInstalled() : showFiles(*files); });
+    command.add("files", *files, "plug-ins (default: those along TOLVIN_PLUGIN_PATH and the installed ones)");
 }
 
 } // namespace tolvin

@@ -1,12 +1,12 @@
 // The plugins command: lists effect plug-ins.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "commandline.h"
 
 namespace tolvin
 {
 
-// Adds the subcommand to the application. Its exit code goes to exitCode when it has run.
-void addPluginsCommand(CLI::App &app, int &exitCode);
+// Adds the subcommand.
+void addPluginsCommand(CommandLine &line);
 
 } // namespace tolvin

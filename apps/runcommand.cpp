@@ -5,7 +5,6 @@
 #include "effects.h"
 #include "exitcode.h"
 #include "frameclock.h"
-#include "optionrange.h"
 #include "outputfile.h"
 #include "ownside.h"
 #include "pluginpath.h"
@@ -18,6 +17,7 @@
 #include <tolvin/performer/pf.h>
 
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -519,67 +519,61 @@ void run(RunOptions options)
 
 } // namespace
 
-void addRunCommand(CLI::App &app, int &exitCode)
+void addRunCommand(CommandLine &line)
 {
     const auto options = std::make_shared<RunOptions>();
-    CLI::App *const command =
-        app.add_subcommand("run", "run the frame loop: show entities that DIS reports, move them");
+    const Command command = line.addCommand("run", "run the frame loop: show entities that DIS reports, move them",
+                                            [options] { run(*options); });
     // The last one counts, so that scripts/run can hand options on that it gives itself.
-    command->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    command->add_option("scene", options->scene,
-                        "description file: materials and textures to load, the terrain, own entities");
-    command->add_flag("--list", options->list, "print what was loaded of it");
-    command->add_option("--duration", options->duration, "seconds to run; 0 runs until interrupted")
-        ->check(within(0.0, 1e9))
-        ->capture_default_str();
-    command->add_option("--frames", options->frames, "frames to run; 0 sets no limit")
-        ->check(within(0.0, 1e15))
-        ->capture_default_str();
-    command->add_option("--rate", options->rate, "frames per second (default: 25, the options record's)")
-        ->check(within(0.1, 10000.0));
-    command->add_option("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
-        ->capture_default_str();
-    command->add_option("--interface", options->interface, "address of the interface for a multicast group");
-    command->add_option("--exercise", options->exercise, "exercise to listen to, 1 to 255; 0 takes all")
-        ->check(within(0, 255))
-        ->capture_default_str();
-    command->add_option("--site", options->input.site, "own site, whose packets are dropped")
-        ->check(within(0, 65535))
-        ->capture_default_str();
-    command->add_option("--application", options->input.application, "own application, whose packets are dropped")
-        ->check(within(0, 65535))
-        ->capture_default_str();
-    command->add_option("--max-entities", options->input.maxEntities, "entities to keep at most")
-        ->check(within(1, 1000000))
-        ->capture_default_str();
-    command->add_option("--drive", options->own.drive,
-                        "drive an entity of the description by this script of mouse input, to its end");
-    command->add_option("--entity", options->own.world.driven,
-                        "which entity to drive (default: the first that can be)");
-    command->add_option("--publish", options->own.publish,
-                        "address and UDP port, or multicast group, to publish own entities to");
-    command->add_option("--ttl", options->own.timeToLive, "hops that published multicasts may take")
-        ->check(within(0, 255))
-        ->capture_default_str();
-    command->add_option("--log", options->own.log, "write each frame of the driven entity to this CSV file");
+    command.lastCounts();
+    command.add("scene", options->scene, "description file: materials and textures to load, the terrain, own entities");
+    command.addFlag("--list", options->list, "print what was loaded of it");
+    command.add("--duration", options->duration, "seconds to run; 0 runs until interrupted")
+        .check(within(0.0, 1e9))
+        .showDefault();
+    command.add("--frames", options->frames, "frames to run; 0 sets no limit").check(within(0.0, 1e15)).showDefault();
+    command.add("--rate", options->rate, "frames per second (default: 25, the options record's)")
+        .check(within(0.1, 10000.0));
+    command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
+        .showDefault();
+    command.add("--interface", options->interface, "address of the interface for a multicast group");
+    command.add("--exercise", options->exercise, "exercise to listen to, 1 to 255; 0 takes all")
+        .check(within(0, 255))
+        .showDefault();
+    command.add("--site", options->input.site, "own site, whose packets are dropped")
+        .check(within(0, 65535))
+        .showDefault();
+    command.add("--application", options->input.application, "own application, whose packets are dropped")
+        .check(within(0, 65535))
+        .showDefault();
+    command.add("--max-entities", options->input.maxEntities, "entities to keep at most")
+        .check(within(1, 1000000))
+        .showDefault();
+    command.add("--drive", options->own.drive,
+                "drive an entity of the description by this script of mouse input, to its end");
+    command.add("--entity", options->own.world.driven, "which entity to drive (default: the first that can be)");
+    command.add("--publish", options->own.publish,
+                "address and UDP port, or multicast group, to publish own entities to");
+    command.add("--ttl", options->own.timeToLive, "hops that published multicasts may take")
+        .check(within(0, 255))
+        .showDefault();
+    command.add("--log", options->own.log, "write each frame of the driven entity to this CSV file");
     command
-        ->add_option("--trigger", options->effects.triggers,
-                     "seconds after the start, and the name of an effect to trigger then; may be repeated")
-        ->type_name("TIME NAME")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->allow_extra_args(false);
-    command->add_option("--fire-effect", options->effects.fire,
-                        "effect to trigger where a weapon is fired (default: the one named fire)");
-    command->add_option("--detonation-effect", options->effects.detonation,
-                        "effect to trigger where a munition detonates or an entity is destroyed (default: detonation)");
-    command->add_option("--smoke-effect", options->effects.smoke,
-                        "effect at entities that smoke, burn or are destroyed (default: smoke)");
-    command->add_flag("--fast", options->fast,
-                      "do not wait between frames, and hear nothing: the same run gives the same files");
-    command->add_option("--map", options->map,
-                        "at the end, write a map of the tracks, with a SCENE of the terrain, to this SVG file");
-    command->add_flag("--quiet", options->quiet, "print no line per second, only the tables at the end");
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { run(*options); }); });
+        .add("--trigger", options->effects.triggers,
+             "seconds after the start, and the name of an effect to trigger then; may be repeated")
+        .takeAll("TIME NAME")
+        .onePerUse();
+    command.add("--fire-effect", options->effects.fire,
+                "effect to trigger where a weapon is fired (default: the one named fire)");
+    command.add("--detonation-effect", options->effects.detonation,
+                "effect to trigger where a munition detonates or an entity is destroyed (default: detonation)");
+    command.add("--smoke-effect", options->effects.smoke,
+                "effect at entities that smoke, burn or are destroyed (default: smoke)");
+    command.addFlag("--fast", options->fast,
+                    "do not wait between frames, and hear nothing: the same run gives the same files");
+    command.add("--map", options->map,
+                "at the end, write a map of the tracks, with a SCENE of the terrain, to this SVG file");
+    command.addFlag("--quiet", options->quiet, "print no line per second, only the tables at the end");
 }
 
 } // namespace tolvin

@@ -1,13 +1,12 @@
 // tolvin run: the frame loop.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "commandline.h"
 
 namespace tolvin
 {
 
-// Adds the subcommand; its callback runs the loop and stores the exit code: 0 when it ended as asked for, 2 for
-// something the caller can mend (an address, a file), 1 for anything else.
-void addRunCommand(CLI::App &app, int &exitCode);
+// Adds the subcommand.
+void addRunCommand(CommandLine &line);
 
 } // namespace tolvin

@@ -4,7 +4,6 @@
 #include "exitcode.h"
 #include "geodesy.h"
 #include "motion.h"
-#include "optionrange.h"
 #include "udp.h"
 
 #include <algorithm>
@@ -715,90 +714,87 @@ void runSend(const SendOptions &options)
     }
 }
 
-void addNetworkOptions(CLI::App &command, SendOptions &o)
+void addNetworkOptions(const Command &command, SendOptions &o)
 {
-    command.add_option("--to", o.to, "ADDRESS[:PORT] to send to: unicast, broadcast or multicast");
-    command.add_option("--interface", o.interface, "address of the local interface to send from");
-    command.add_option("--ttl", o.timeToLive, "hops that a multicast may take")->check(within(0, 255));
-    command.add_flag("--bundle", o.bundle, "put what is due together into datagrams of up to 1400 bytes");
-    command.add_option("--loss", o.loss, "percent of the reports to drop")->check(within(0.0, 100.0));
-    command.add_option("--jitter", o.jitter, "longest random delay of a report, seconds")->check(within(0.0, 60.0));
+    command.add("--to", o.to, "ADDRESS[:PORT] to send to: unicast, broadcast or multicast");
+    command.add("--interface", o.interface, "address of the local interface to send from");
+    command.add("--ttl", o.timeToLive, "hops that a multicast may take").check(within(0, 255));
+    command.addFlag("--bundle", o.bundle, "put what is due together into datagrams of up to 1400 bytes");
+    command.add("--loss", o.loss, "percent of the reports to drop").check(within(0.0, 100.0));
+    command.add("--jitter", o.jitter, "longest random delay of a report, seconds").check(within(0.0, 60.0));
 }
 
-void addIdentityOptions(CLI::App &command, SendOptions &o)
+void addIdentityOptions(const Command &command, SendOptions &o)
 {
-    command.add_option("--version", o.version, "DIS protocol version")->check(within(5, 7));
-    command.add_option("--exercise", o.exercise, "exercise number")->check(within(1, 255));
-    command.add_option("--site", o.site, "site number")->check(within(0, 65534));
-    command.add_option("--application", o.application, "application number")->check(within(0, 65534));
-    command.add_option("--entities", o.entities, "number of entities, 0 for shots and detonations alone")
-        ->check(within(0, 65534));
-    command.add_option("--first-entity", o.firstEntity, "number of the first entity")->check(within(1, 65534));
-    command.add_option("--marking", o.marking, "start of the markings, before the entity number");
-    command.add_flag("--leave", o.leave, "let every entity say at the end that it leaves");
+    command.add("--version", o.version, "DIS protocol version").check(within(5, 7));
+    command.add("--exercise", o.exercise, "exercise number").check(within(1, 255));
+    command.add("--site", o.site, "site number").check(within(0, 65534));
+    command.add("--application", o.application, "application number").check(within(0, 65534));
+    command.add("--entities", o.entities, "number of entities, 0 for shots and detonations alone")
+        .check(within(0, 65534));
+    command.add("--first-entity", o.firstEntity, "number of the first entity").check(within(1, 65534));
+    command.add("--marking", o.marking, "start of the markings, before the entity number");
+    command.addFlag("--leave", o.leave, "let every entity say at the end that it leaves");
 }
 
-void addShotOptions(CLI::App &command, SendOptions &o)
+void addShotOptions(const Command &command, SendOptions &o)
 {
     command
-        .add_option("--fire", o.fires,
-                    "LAT,LON,HEIGHT[,AT] of a shot, degrees, metres and seconds after the start; may be repeated")
-        ->default_str("")
-        ->allow_extra_args(false);
-    command
-        .add_option("--detonate", o.detonations,
-                    "LAT,LON,HEIGHT[,AT] where a munition hits the ground; may be repeated")
-        ->default_str("")
-        ->allow_extra_args(false);
+        .add("--fire", o.fires,
+             "LAT,LON,HEIGHT[,AT] of a shot, degrees, metres and seconds after the start; may be repeated")
+        .hideDefault()
+        .onePerUse();
+    command.add("--detonate", o.detonations, "LAT,LON,HEIGHT[,AT] where a munition hits the ground; may be repeated")
+        .hideDefault()
+        .onePerUse();
 }
 
-void addMotionOptions(CLI::App &command, SendOptions &o)
+void addMotionOptions(const Command &command, SendOptions &o)
 {
     command
-        .add_option("--motion", o.motions,
-                    "motions to give to the entities in turn: static, line, accelerate, circle, "
-                    "helix, weave, or all")
-        ->delimiter(',');
+        .add("--motion", o.motions,
+             "motions to give to the entities in turn: static, line, accelerate, circle, "
+             "helix, weave, or all")
+        .splitAt(',');
     command
-        .add_option("--algorithm", o.algorithms,
-                    "dead-reckoning algorithms to give to the entities in turn, such as "
-                    "2,4 or 1-9")
-        ->delimiter(',');
-    command.add_option("--origin", o.origin, "LAT,LON[,HEIGHT] in the middle of all entities, degrees and metres");
-    command.add_option("--speed", o.pattern.speed, "m/s")->check(within(0.0, 10000.0));
-    command.add_option("--radius", o.pattern.radius, "of circle and helix, metres")->check(within(1.0, 1e6));
-    command.add_option("--acceleration", o.pattern.acceleration, "of accelerate, m/s^2")->check(within(0.0, 1000.0));
-    command.add_option("--climb", o.pattern.climbRate, "of helix, m/s upwards")->check(within(-1000.0, 1000.0));
+        .add("--algorithm", o.algorithms,
+             "dead-reckoning algorithms to give to the entities in turn, such as "
+             "2,4 or 1-9")
+        .splitAt(',');
+    command.add("--origin", o.origin, "LAT,LON[,HEIGHT] in the middle of all entities, degrees and metres");
+    command.add("--speed", o.pattern.speed, "m/s").check(within(0.0, 10000.0));
+    command.add("--radius", o.pattern.radius, "of circle and helix, metres").check(within(1.0, 1e6));
+    command.add("--acceleration", o.pattern.acceleration, "of accelerate, m/s^2").check(within(0.0, 1000.0));
+    command.add("--climb", o.pattern.climbRate, "of helix, m/s upwards").check(within(-1000.0, 1000.0));
 }
 
-void addTimeOptions(CLI::App &command, SendOptions &o)
+void addTimeOptions(const Command &command, SendOptions &o)
 {
-    command.add_option("--rate", o.rate, "reports per second of each entity")->check(within(0.001, 1000.0));
-    command.add_option("--duration", o.duration, "seconds, 0 for no end, without entities for the last shot")
-        ->check(within(0.0, 1e9));
-    command.add_option("--stamp", o.stamp, "relative, absolute or zero time stamps")
-        ->check(CLI::IsMember({"relative", "absolute", "zero"}));
-    command.add_option("--clock-offset", o.clockOffset, "seconds by which the sender's clock is fast")
-        ->check(within(-1e6, 1e6));
-    command.add_option("--clock-drift", o.clockDrift, "seconds in a million that it gains")->check(within(-1e5, 1e5));
-    command.add_option("--seed", o.seed, "of the random loss and delay");
-    command.add_flag("--quiet", o.quiet, "print no summary");
+    command.add("--rate", o.rate, "reports per second of each entity").check(within(0.001, 1000.0));
+    command.add("--duration", o.duration, "seconds, 0 for no end, without entities for the last shot")
+        .check(within(0.0, 1e9));
+    command.add("--stamp", o.stamp, "relative, absolute or zero time stamps").oneOf({"relative", "absolute", "zero"});
+    command.add("--clock-offset", o.clockOffset, "seconds by which the sender's clock is fast")
+        .check(within(-1e6, 1e6));
+    command.add("--clock-drift", o.clockDrift, "seconds in a million that it gains").check(within(-1e5, 1e5));
+    command.add("--seed", o.seed, "of the random loss and delay");
+    command.addFlag("--quiet", o.quiet, "print no summary");
 }
 
 } // namespace
 
-void addSendCommand(CLI::App &app, int &exitCode)
+void addSendCommand(CommandLine &line)
 {
-    CLI::App *command = app.add_subcommand("send", "send DIS reports of entities on given motions");
-    command->option_defaults()->always_capture_default();
-    command->get_formatter()->column_width(40);
     const auto options = std::make_shared<SendOptions>();
-    addNetworkOptions(*command, *options);
-    addIdentityOptions(*command, *options);
-    addShotOptions(*command, *options);
-    addMotionOptions(*command, *options);
-    addTimeOptions(*command, *options);
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runSend(*options); }); });
+    const Command command =
+        line.addCommand("send", "send DIS reports of entities on given motions", [options] { runSend(*options); });
+    command.showDefaults();
+    command.widerHelp();
+    addNetworkOptions(command, *options);
+    addIdentityOptions(command, *options);
+    addShotOptions(command, *options);
+    addMotionOptions(command, *options);
+    addTimeOptions(command, *options);
 }
 
 } // namespace tolvin

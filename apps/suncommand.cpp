@@ -1,7 +1,6 @@
 #include "suncommand.h"
 
 #include "exitcode.h"
-#include "optionrange.h"
 #include "quietstderr.h"
 #include "solar.h"
 #include "sunevents.h"
@@ -262,28 +261,23 @@ void runSun(const SunOptions &options)
 
 } // namespace
 
-void addSunCommand(CLI::App &app, int &exitCode)
+void addSunCommand(CommandLine &line)
 {
     const auto options = std::make_shared<SunOptions>();
-    CLI::App *const command =
-        app.add_subcommand("sun", "print where the sun is and when it rises and sets, and draw its day and year");
-    command->add_option(
+    const Command command =
+        line.addCommand("sun", "print where the sun is and when it rises and sets, and draw its day and year",
+                        [options] { runSun(*options); });
+    command.add(
         "--date", options->date,
         "date in UTC: YYYY-MM-DD, alone (12:00) or with THH:MM[:SS[.fraction]][Z]; years -2000 to 3000 without a "
         "year 0, Julian calendar before 1582-10-15 (default: now)");
-    command->add_option("--lat", options->place.latitude, "latitude, degrees north")
-        ->required()
-        ->check(within(-90.0, 90.0));
-    command->add_option("--lon", options->place.longitude, "longitude, degrees east")
-        ->required()
-        ->check(within(-360.0, 360.0));
+    command.add("--lat", options->place.latitude, "latitude, degrees north").required().check(within(-90.0, 90.0));
+    command.add("--lon", options->place.longitude, "longitude, degrees east").required().check(within(-360.0, 360.0));
     command
-        ->add_option("--zone", options->zone,
-                     "+HH:MM or -HH:MM from UTC, or Z: for the times printed, and for which day is listed")
-        ->capture_default_str();
-    command->add_option("--plot", options->plot,
-                        "draw the day's path over the sky and the year's analemma into this SVG file");
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runSun(*options); }); });
+        .add("--zone", options->zone,
+             "+HH:MM or -HH:MM from UTC, or Z: for the times printed, and for which day is listed")
+        .showDefault();
+    command.add("--plot", options->plot, "draw the day's path over the sky and the year's analemma into this SVG file");
 }
 
 } // namespace tolvin

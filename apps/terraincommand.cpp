@@ -3,7 +3,6 @@
 #include "counted.h"
 #include "description.h"
 #include "exitcode.h"
-#include "optionrange.h"
 #include "plaintext.h"
 #include "quietstderr.h"
 #include "terrain.h"
@@ -43,7 +42,7 @@ struct TerrainOptions
     std::optional<double> spacing;
     std::pair<double, double> height = {0.0, 100.0};
     std::string up = "Z";
-    std::vector<CLI::Option *> notOfScenes; // what descriptions tell themselves
+    std::vector<Option> notOfScenes; // what descriptions tell themselves
 };
 
 // Numbers with commas between them; none when anything else is there.
@@ -75,12 +74,6 @@ std::optional<Geodetic> geodeticIn(const std::string &text, std::size_t mostNumb
     }
     numbers.resize(3);
     return std::abs(numbers[2]) <= 1e6 ? std::optional(Geodetic{numbers[0], numbers[1], numbers[2]}) : std::nullopt;
-}
-
-CLI::Validator matching(const std::string &expected, const std::function<bool(const std::string &)> &isGood)
-{
-    const auto check = [=](const std::string &text) { return isGood(text) ? "" : text + ": expected " + expected; };
-    return CLI::Validator(check, expected);
 }
 
 bool isDescription(const std::string &file)
@@ -128,11 +121,11 @@ SceneDescription sceneOfFiles(const TerrainOptions &options)
 SceneDescription sceneOfDescription(const TerrainOptions &options)
 {
     const std::string &file = options.files.front();
-    for (const CLI::Option *const option : options.notOfScenes)
+    for (const Option &option : options.notOfScenes)
     {
-        if (option->count() > 0)
+        if (option.isGiven())
         {
-            throw std::runtime_error(option->get_name() + ": " + file + " tells that itself");
+            throw std::runtime_error(option.name() + ": " + file + " tells that itself");
         }
     }
     const auto root = std::make_unique<vuRootNode>();
@@ -319,63 +312,57 @@ void runTerrain(const TerrainOptions &options)
     }
 }
 
-void addFileOptions(CLI::App &command, TerrainOptions &o)
+void addFileOptions(const Command &command, TerrainOptions &o)
 {
     const auto isOrigin = [](const std::string &text) { return geodeticIn(text, 3).has_value(); };
     TerrainDescription &d = o.description;
     o.notOfScenes = {
         command
-            .add_option("--origin", o.origin,
-                        "where the local frame touches the earth, degrees and metres above the ellipsoid (default: the "
-                        "middle of the first cell, 0,0,0 for other files)")
-            ->check(matching("LAT,LON[,HEIGHT]", isOrigin)),
-        command.add_option("--radius", d.radius, "metres around the origin, of cells (default: all)")
-            ->check(within(1.0, kWholeCell)),
-        command.add_option("--step", d.step, "use every so manieth sample of cells")
-            ->check(within(1, 10000))
-            ->capture_default_str(),
+            .add("--origin", o.origin,
+                 "where the local frame touches the earth, degrees and metres above the ellipsoid (default: the "
+                 "middle of the first cell, 0,0,0 for other files)")
+            .check({"LAT,LON[,HEIGHT]", isOrigin}),
+        command.add("--radius", d.radius, "metres around the origin, of cells (default: all)")
+            .check(within(1.0, kWholeCell)),
+        command.add("--step", d.step, "use every so manieth sample of cells").check(within(1, 10000)).showDefault(),
         command
-            .add_option("--undulation", d.undulation,
-                        "metres of the geoid above the ellipsoid, added to the heights of cells")
-            ->check(within(-1000.0, 1000.0))
-            ->capture_default_str(),
-        command.add_option("--spacing", o.spacing, "metres from pixel to pixel of a picture")->check(within(1e-3, 1e6)),
-        command.add_option("--height", o.height, "heights of black and white of a picture, metres (default: 0 100)")
-            ->check(within(-1e6, 1e6)),
-        command.add_option("--up", o.up, "axis of a model that points upwards, Y or Z")
-            ->transform(CLI::IsMember({"Y", "Z"}, CLI::ignore_case))
-            ->capture_default_str(),
-        command.add_option("--scale", d.model.scale, "metres of a unit of a model")
-            ->check(within(1e-6, 1e6))
-            ->capture_default_str(),
+            .add("--undulation", d.undulation, "metres of the geoid above the ellipsoid, added to the heights of cells")
+            .check(within(-1000.0, 1000.0))
+            .showDefault(),
+        command.add("--spacing", o.spacing, "metres from pixel to pixel of a picture").check(within(1e-3, 1e6)),
+        command.add("--height", o.height, "heights of black and white of a picture, metres (default: 0 100)")
+            .check(within(-1e6, 1e6)),
+        command.add("--up", o.up, "axis of a model that points upwards, Y or Z")
+            .oneOfInAnyCase({"Y", "Z"})
+            .showDefault(),
+        command.add("--scale", d.model.scale, "metres of a unit of a model").check(within(1e-6, 1e6)).showDefault(),
     };
 }
 
 } // namespace
 
-void addTerrainCommand(CLI::App &app, int &exitCode)
+void addTerrainCommand(CommandLine &line)
 {
-    CLI::App *const command = app.add_subcommand("terrain", "read a terrain and tell its heights");
-    command->get_formatter()->column_width(40);
     const auto options = std::make_shared<TerrainOptions>();
+    const Command command =
+        line.addCommand("terrain", "read a terrain and tell its heights", [options] { runTerrain(*options); });
+    command.widerHelp();
     options->description.radius = kWholeCell;
     command
-        ->add_option("files", options->files,
-                     "cells of heights (.hgt), pictures of heights (.png), model files, or one description with a "
-                     "SCENE (.scene, .txt)")
-        ->required();
-    command->add_option("--at", options->at, "tell the height above the ellipsoid there, in degrees; may be repeated")
-        ->allow_extra_args(false)
-        ->check(matching("LAT,LON", [](const std::string &text) { return geodeticIn(text, 2).has_value(); }));
-    command
-        ->add_option("--local", options->local, "tell the height in the local frame there, in metres; may be repeated")
-        ->allow_extra_args(false)
-        ->check(matching("EAST,NORTH", [](const std::string &text) { return numbersIn(text).size() == 2; }));
-    addFileOptions(*command, *options);
-    command->footer("A line for each place: 'at 47.5,11.5 height METRES slope DEGREES downhill DEGREES', or 'no "
-                    "ground' after the place.\n"
-                    "The direction downhill is clockwise from north, - where it is flat. Without places, a summary.");
-    command->callback([options, &exitCode] { exitCode = exitCodeOf([&] { runTerrain(*options); }); });
+        .add("files", options->files,
+             "cells of heights (.hgt), pictures of heights (.png), model files, or one description with a "
+             "SCENE (.scene, .txt)")
+        .required();
+    command.add("--at", options->at, "tell the height above the ellipsoid there, in degrees; may be repeated")
+        .onePerUse()
+        .check({"LAT,LON", [](const std::string &text) { return geodeticIn(text, 2).has_value(); }});
+    command.add("--local", options->local, "tell the height in the local frame there, in metres; may be repeated")
+        .onePerUse()
+        .check({"EAST,NORTH", [](const std::string &text) { return numbersIn(text).size() == 2; }});
+    addFileOptions(command, *options);
+    command.footer("A line for each place: 'at 47.5,11.5 height METRES slope DEGREES downhill DEGREES', or 'no "
+                   "ground' after the place.\n"
+                   "The direction downhill is clockwise from north, - where it is flat. Without places, a summary.");
 }
 
 } // namespace tolvin

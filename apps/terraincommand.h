@@ -1,12 +1,12 @@
 // tolvin terrain: asks a terrain for heights.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "commandline.h"
 
 namespace tolvin
 {
 
-// Adds the command; exitCode is what the program returns after it ran.
-void addTerrainCommand(CLI::App &app, int &exitCode);
+// Adds the subcommand.
+void addTerrainCommand(CommandLine &line);
 
 } // namespace tolvin

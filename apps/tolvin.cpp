@@ -8,8 +8,7 @@
 #include "suncommand.h"
 #include "terraincommand.h"
 
-#include <CLI/CLI.hpp>
-
+#include <algorithm>
 #include <csignal>
 
 #include <fcntl.h>
@@ -31,26 +30,15 @@ int main(int argc, char **argv)
 {
     occupyStandardStreams();
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error as any other
-    CLI::App app("tolvin: the run-time kernel of a real-time visual simulation, at work");
-    app.set_version_flag("--version", "tolvin " TOLVIN_VERSION);
-    app.require_subcommand(1);
-    int exitCode = 0;
-    tolvin::addRunCommand(app, exitCode);
-    tolvin::addSendCommand(app, exitCode);
-    tolvin::addSunCommand(app, exitCode);
-    tolvin::addNoiseCommand(app, exitCode);
-    tolvin::addImageCommand(app, exitCode);
-    tolvin::addModelCommand(app, exitCode);
-    tolvin::addTerrainCommand(app, exitCode);
-    tolvin::addPluginsCommand(app, exitCode);
-    try
-    {
-        app.parse(argc, argv);
-    }
-    catch (const CLI::ParseError &error)
-    {
-        // Help and version end with 0; every mistake on the command line with 2.
-        return app.exit(error) == 0 ? 0 : 2;
-    }
-    return exitCode;
+    tolvin::CommandLine line("tolvin: the run-time kernel of a real-time visual simulation, at work",
+                             "tolvin " TOLVIN_VERSION);
+    tolvin::addRunCommand(line);
+    tolvin::addSendCommand(line);
+    tolvin::addSunCommand(line);
+    tolvin::addNoiseCommand(line);
+    tolvin::addImageCommand(line);
+    tolvin::addModelCommand(line);
+    tolvin::addTerrainCommand(line);
+    tolvin::addPluginsCommand(line);
+    return line.run({argv + std::min(argc, 1), argv + argc});
 }

@@ -48,11 +48,10 @@ protected:
             argument = argument.starts_with("--") ? argument : (folder_ / argument).string();
         }
         int code = -1;
-        CLI::App app;
-        addImageCommand(app, code);
+        CommandLine line("");
+        addImageCommand(line);
         arguments.insert(arguments.begin(), "image");
-        std::ranges::reverse(arguments); // as the parser wants them
-        messages_ = capturedStderr([&] { app.parse(arguments); });
+        messages_ = capturedStderr([&] { code = line.run(arguments); });
         for (std::size_t at = 0; (at = messages_.find(folder_.string() + '/')) != std::string::npos;)
         {
             messages_.erase(at, folder_.string().size() + 1);

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -34,11 +36,10 @@ double between(std::uint32_t from, std::uint32_t to)
 
 int sendWith(const std::string &arguments)
 {
-    CLI::App app;
-    int exitCode = -1;
-    addSendCommand(app, exitCode);
-    app.parse("send --quiet " + arguments);
-    return exitCode;
+    CommandLine line("");
+    addSendCommand(line);
+    std::istringstream words("send --quiet " + arguments);
+    return line.run({std::istream_iterator<std::string>(words), {}});
 }
 
 // Sends over loopback and returns what arrived.
