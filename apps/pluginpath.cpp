@@ -4,6 +4,7 @@
 #include "plaintext.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
@@ -95,15 +96,15 @@ std::vector<std::string> pluginFolders()
 
 std::string whyNotOpened(const std::string &file)
 {
-    if (void *const handle = dlopen(file.c_str(), RTLD_LAZY))
+    std::array<char, 4096> text;
+    if (effectCanOpen(file.c_str(), text.data(), text.size()) == 1)
     {
-        dlclose(handle);
         return "";
     }
-    const char *const error = dlerror();
-    const std::string reason = error != nullptr ? error : "the loader does not tell why";
-    const std::string before = file + ": ";
-    return reason.starts_with(before) ? reason.substr(before.size()) : reason;
+    const std::string reason = text.data(), before = file + ": ";
+    return reason.empty()               ? "the loader does not tell why"
+           : reason.starts_with(before) ? reason.substr(before.size())
+                                        : reason;
 }
 
 bool isOpen(const std::string &file)

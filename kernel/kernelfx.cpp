@@ -5,9 +5,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <link.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace
 {
@@ -41,6 +46,55 @@ uintptr_t forward(uintptr_t (*vuEffect::*entry)(vuRootNode *, vuEffect *, Words.
 {
     const bool called = !isMissing(fx) && fx->*entry != nullptr;
     return called ? (fx->*entry)(root, fx, words...) : 0;
+}
+
+// The plug-in's file.
+
+// Whether all segments that the loader would map are there. What is no object of this target is left for the loader to refuse.
+bool isWhole(int file, uint64_t size)
+{
+    constexpr unsigned char kClass = sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32;
+    ElfW(Ehdr) head;
+    if (pread(file, &head, sizeof head, 0) != sizeof head || memcmp(head.e_ident, ELFMAG, SELFMAG) != 0 ||
+        head.e_ident[EI_CLASS] != kClass || head.e_phentsize != sizeof(ElfW(Phdr)))
+    {
+        return true;
+    }
+    for (int i = 0; i < head.e_phnum; ++i)
+    {
+        ElfW(Phdr) segment;
+        const auto place = static_cast<off_t>(head.e_phoff + i * sizeof segment);
+        const bool isRead = pread(file, &segment, sizeof segment, place) == sizeof segment;
+        const bool isThere = isRead && (segment.p_type != PT_LOAD ||
+                                        (segment.p_offset <= size && segment.p_filesz <= size - segment.p_offset));
+        if (!isThere)
+        {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Why the loader must not look at a file, null when it may. It waits for what comes out of a pipe; and the end of a file that was cut
+// off it maps like the rest, so that the process dies when it looks there.
+const char *danger(const char *name)
+{
+    const bool isSearched = strchr(name, '/') == nullptr; // by the loader, in folders of its own
+    const int file = isSearched ? -1 : open(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (file < 0)
+    {
+        return nullptr;
+    }
+    struct stat status = {};
+    const bool isFile = fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+    const bool isSafe = isFile && isWhole(file, static_cast<uint64_t>(status.st_size));
+    ::close(file);
+    return isSafe ? nullptr : isFile ? "the end of the file is missing" : "not a regular file";
+}
+
+void *openPlugin(const char *name)
+{
+    return danger(name) == nullptr ? dlopen(name, RTLD_LAZY) : nullptr;
 }
 
 // Set-up.
@@ -84,6 +138,15 @@ void clearEntryPoints(vuEffect &fx)
     fx.fxStopInst = nullptr;
 }
 
+// Leaves the effect as one that was never set up.
+void forget(vuEffect &fx)
+{
+    clearEntryPoints(fx);
+    fx.inst = nullptr;
+    fx.numInst = 0;
+    fx.linkFx = nullptr;
+}
+
 void allocateInstances(vuEffect &fx)
 {
     const auto count = static_cast<size_t>(std::max(fx.num, 0));
@@ -91,7 +154,7 @@ void allocateInstances(vuEffect &fx)
     void *room = possible ? pfMalloc(count * sizeof(vuEffectInst), pfGetSharedArena()) : nullptr;
     fx.inst = static_cast<vuEffectInst *>(room);
     fx.numInst = room != nullptr ? fx.num : 0;
-    if (room == nullptr)
+    if (fx.numInst != fx.num)
     {
         vu_warn("Warning", kModule, __LINE__, "\033[33mno room for %d instances of FX \"%s\"\033[0m", fx.num,
                 shown(fx.node.name));
@@ -161,11 +224,8 @@ void close(vuEffect &fx)
 void unload(vuEffect &fx)
 {
     close(fx);
-    clearEntryPoints(fx);
     pfFree(fx.inst);
-    fx.inst = nullptr;
-    fx.numInst = 0;
-    fx.linkFx = nullptr;
+    forget(fx);
 }
 
 void printEffect(const vuEffect &fx, FILE *stream)
@@ -231,9 +291,10 @@ int effectSetup(vuRootNode *root, vuEffect *fx)
     {
         return 0;
     }
-    fx->handle = dlopen(fx->pluginFile, RTLD_LAZY);
+    fx->handle = openPlugin(fx->pluginFile);
     if (fx->handle == nullptr)
     {
+        forget(*fx); // of a set-up before
         vu_warn("Warning", kModule, __LINE__, "\033[31munable open plugin \"%s\"\033[0m", fx->pluginFile);
         return 0;
     }
@@ -380,4 +441,23 @@ void effectUnloadAll(vuRootNode *root)
             unload(*effectOf(node));
         }
     }
+}
+
+int effectCanOpen(const char *pluginFile, char *reason, size_t bytes)
+{
+    const char *why = danger(pluginFile);
+    void *const handle = why == nullptr ? dlopen(pluginFile, RTLD_LAZY) : nullptr;
+    if (why == nullptr && handle == nullptr)
+    {
+        why = dlerror();
+    }
+    if (reason != nullptr && bytes > 0)
+    {
+        snprintf(reason, bytes, "%s", shown(why));
+    }
+    if (handle != nullptr)
+    {
+        dlclose(handle);
+    }
+    return handle != nullptr;
 }

@@ -129,7 +129,8 @@ TOLVIN_API void effectInitInstance(vuEffectInst *inst);
 
 /*
  * Load and initialise one effect. Returns 1 when its plug-in was opened; 0 when it has no pluginFile, silently, when the
- * plug-in cannot be opened (reported, "Warning"), and for a null fx ("No effect", "Debug").
+ * plug-in cannot be opened (reported, "Warning"; then there are no entry points, no instances and no linkFx), and for a null fx ("No
+ * effect", "Debug").
  *
  * Entry points are looked up, and those missing reported ("Warning"); num instances are allocated; fxInit is called and the
  * tagbase that it chose is printed ("Info"); each instance is cleared and, with its number printed to standard error as
@@ -138,8 +139,8 @@ TOLVIN_API void effectInitInstance(vuEffectInst *inst);
  * arena, and no linkFx.
  *
  * When there is no room for the instances, or num is negative, there are none (numInst 0), which is reported ("Warning"); the
- * rest is done all the same. A second set-up opens the plug-in once more and allocates instances anew; it leaves handle and
- * instances of the first to the caller, who calls effectUnload before to have nothing left over.
+ * rest is done all the same. A second set-up opens the plug-in once more and allocates instances anew, or has none when it cannot be
+ * opened; it leaves handle and instances of the first to the caller, who calls effectUnload before to have nothing left over.
  */
 TOLVIN_API int effectSetup(vuRootNode *root, vuEffect *fx);
 
@@ -174,7 +175,8 @@ TOLVIN_API void effectFreeAll(vuRootNode *root);
 
 /*
  * Write all effects in the syntax of description files: name, and, if there is a pluginFile, that and the settings. Null
- * strings are written as empty ones where there is a line for them anyway.
+ * strings are written as empty ones where there is a line for them anyway. Numbers have the decimal point of the locale;
+ * readers want that of "C".
  */
 TOLVIN_API void effectPrintList(vuRootNode *root, FILE *stream);
 
@@ -182,10 +184,17 @@ TOLVIN_API void effectPrintList(vuRootNode *root, FILE *stream);
  * Additions of this library, the other way round as effectSetup: let the plug-in release what it has, with fxFreeInst for each
  * instance (if it has fxInit) and then fxFree, close it, release the instances, and leave handle, entry points, inst and linkFx null, and numInst
  * 0. Settings, name and tagbase stay, so that the effect can be set up again. effectUnloadAll closes no plug-in before all have
- * released what they have, because effects are linked to each other. Effects that are not loaded are left alone, and so is a null fx.
+ * released what they have, because effects are linked to each other. Effects that are not loaded are left alone, and so is a null fx. Who
+ * releases the record of one effect alone has to clear linkFx of those that are linked to it.
  */
 TOLVIN_API void effectUnload(vuRootNode *root, vuEffect *fx);
 TOLVIN_API void effectUnloadAll(vuRootNode *root);
+
+/*
+ * Another addition: whether set-up could open that file. Opens and closes it. Returns 1; 0 with the reason, the loader's own or
+ * that its end is missing, in at most that many bytes, 0 at the end included (none are written to null, or when bytes is 0).
+ */
+TOLVIN_API int effectCanOpen(const char *pluginFile, char *reason, size_t bytes);
 
 #ifdef __cplusplus
 }

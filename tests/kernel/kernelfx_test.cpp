@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <tolvin/kernel/tolvin.h>
@@ -198,15 +200,25 @@ TEST_F(Effects, RefuseWhatIsNoPlugin)
 {
     char folder[] = "/tmp/tolvin-fx-XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
-    const std::string text = std::string(folder) + "/text.so", foreign = std::string(folder) + "/foreign.so";
+    const auto named = [&](const char *name) { return std::string(folder) + name; };
+    const std::string text = named("/text.so"), foreign = named("/foreign.so"), part = named("/part.so"),
+                      pipe = named("/pipe.so");
     std::ofstream(text) << "no shared object\n";
+    mkfifo(pipe.c_str(), 0600);
     std::ifstream probe(kProbe, std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(probe), {}};
     bytes[4] = static_cast<char>(3 - bytes[4]); // class of the ELF header: 32 or 64 bits
     std::ofstream(foreign, std::ios::binary) << bytes;
-    for (const std::string &file : {std::string(folder) + "/missing.so", text, foreign})
+    bytes[4] = static_cast<char>(3 - bytes[4]);
+    std::ofstream(part, std::ios::binary) << bytes.substr(0, 4096);
+    EXPECT_EQ(effectCanOpen(kProbe.c_str(), nullptr, 0), 1);
+    for (const std::string &file : {named("/missing.so"), text, foreign, part, pipe, std::string(folder)})
     {
+        char reason[8] = "1234567";
+        EXPECT_EQ(effectCanOpen(file.c_str(), reason, 4), 0);
+        EXPECT_TRUE(strlen(reason) == 3 && strcmp(reason + 4, "567") == 0);
         vuEffect *fx = add("fx", file);
+        fx->numInst = 3, fx->fxObtain = [](vuRootNode *, vuEffect *, uintptr_t word) { return word; }; // set up before
         const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, fx), 0); });
         EXPECT_EQ(said, "kernelfx:# Warning: \033[31munable open plugin \"" + file + "\"\033[0m\n");
         EXPECT_TRUE(fx->handle == nullptr && fx->fxUpdate == nullptr && fx->inst == nullptr && fx->numInst == 0);
@@ -215,7 +227,7 @@ TEST_F(Effects, RefuseWhatIsNoPlugin)
     add("good", kProbe);
     messages([&] { EXPECT_EQ(effectSetupAll(&root), 1); });
     effectUpdate(&root);
-    unlink(text.c_str()), unlink(foreign.c_str()), rmdir(folder);
+    std::filesystem::remove_all(folder);
 }
 
 TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
