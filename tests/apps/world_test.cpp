@@ -1,5 +1,6 @@
 #include "support/capture.h"
 #include "support/fullarena.h"
+#include "support/temporaryfolder.h"
 
 #include <tolvin/apps/drivescript.h>
 #include <tolvin/apps/frameclock.h>
@@ -10,13 +11,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
 #include <numbers>
-
-#include <unistd.h>
 
 using namespace tolvin;
 
@@ -97,7 +95,6 @@ class Worlds : public testing::Test
 protected:
     ~Worlds() override
     {
-        std::filesystem::remove_all(folder_);
         world_.reset();
         EXPECT_EQ(blocksInUse(), before_);
     }
@@ -105,7 +102,6 @@ protected:
     // What is told of a world with these entities; nothing when there is one.
     std::string make(Height height, const std::string &entities, const char *more = "")
     {
-        std::filesystem::create_directory(folder_);
         std::ofstream out(folder_ / "hill.obj");
         for (int i = 0; i < 61 * 61; ++i)
         {
@@ -160,8 +156,7 @@ protected:
     }
 
     const std::size_t before_ = blocksInUse();
-    const std::filesystem::path folder_ =
-        std::filesystem::temp_directory_path() / ("tolvin-world-" + std::to_string(getpid()));
+    const TemporaryFolder folder_;
     vuRootNode root_ = newRoot();
     FrameClock clock_{root_, Pace::Fast, kRate};
     Description description_;
@@ -308,7 +303,8 @@ TEST(ShippedDrive, KeepsToTheGroundAndIsTheSameEveryTime)
             publisher.frame(jeep, root.simSeconds);
             const double *const at = jeep.position;
             length += std::hypot(at[0] - from[0], at[1] - from[1]);
-            const double ground = heightNear(triangles, at[0], at[1], at[2]);
+            // All triangles take long; the second drive is compared with the first.
+            const double ground = &bytes == published ? heightNear(triangles, at[0], at[1], at[2]) : at[2];
             ASSERT_FALSE(std::isnan(ground)) << time;
             farthest = std::max(farthest, std::abs(at[2] - ground));
             steepest = std::max(steepest, static_cast<double>(std::abs(jeep.orientation[1])));
