@@ -5,4 +5,6 @@ function(tolvin_add_plugin name)
   target_link_libraries(${name} PRIVATE tolvin::tolvin)
   set_target_properties(${name} PROPERTIES PREFIX "" C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
+  # Static variables of C++ templates would keep the loader from ever closing it.
+  target_compile_options(${name} PRIVATE $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fno-gnu-unique>)
 endfunction()
