@@ -238,7 +238,7 @@ TEST(PfHierarchy, IsClosedAtEdgesAndVerticesAndAccurateFarAway)
             pfTriangleHit hit;
             const auto isRight = [&](const pfTriangle &triangle)
             { return pfHitTriangle(triangle, segment, hit) == isHitExactly(triangle, origin, direction); };
-            EXPECT_TRUE(std::ranges::all_of(triangles, isRight)) << i;
+            EXPECT_TRUE(i % 4 != 0 || std::ranges::all_of(triangles, isRight)) << i; // which takes long with 32 bits
             most = std::max(most, checkHits(triangles, *hierarchy, segment));
 
             double x = uniform(8, 88), y = uniform(8, 88);
