@@ -30,7 +30,7 @@ configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvinConfig.cmake.in 
 # Before 1.0 a minor version may change the interface.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/tolvinConfig.cmake ${PROJECT_BINARY_DIR}/tolvinConfigVersion.cmake
-  ${PROJECT_SOURCE_DIR}/cmake/tolvinPlugin.cmake DESTINATION ${package_folder})
+  ${PROJECT_SOURCE_DIR}/cmake/tolvinPlugin.cmake ${PROJECT_SOURCE_DIR}/cmake/hide-mangled.map DESTINATION ${package_folder})
 
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvin.pc.in ${PROJECT_BINARY_DIR}/tolvin.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tolvin.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

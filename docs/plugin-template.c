@@ -15,12 +15,13 @@ TOLVIN_PLUGIN void fxInit(vuRootNode *root, vuEffect *fx)
     node = pfNewGeode(pfGetSharedArena());
     if (light == NULL || node == NULL || !pfAddGSet(node, light))
     {
-        pfFree(light); /* the arena is full: no light */
-        pfFree(node);
+        pfDelete(light); /* the arena is full: no light */
+        pfDelete(node);
         node = NULL;
         return;
     }
     pfRef(node); /* ours, whatever scene the application puts it into */
+    pfNodeTravMask((pfNode *)node, PFTRAV_DRAW, fx->maskDraw, PFTRAV_SELF, PF_SET);
     pfGSetAttr(light, PFGS_COORD3, PFGS_PER_VERTEX, fx->position, NULL); /* follow the record */
     pfGSetAttr(light, PFGS_COLOR4, PFGS_OVERALL, fx->colour, NULL);
     fx->tagbase = VU_FX_TAG('B', 'E', 'A', 'C');

@@ -138,7 +138,7 @@ void clearEntryPoints(vuEffect &fx)
     fx.fxStopInst = nullptr;
 }
 
-// Leaves the effect as one that was never set up.
+// Leaves the effect as one that was not set up.
 void forget(vuEffect &fx)
 {
     clearEntryPoints(fx);
@@ -180,7 +180,6 @@ void connect(vuRootNode *root, vuEffect &fx)
     {
         return;
     }
-    fx.linkFx = nullptr;
     vuEffect *const link = effectSearchNamed(root, fx.linkFxName);
     if (link == nullptr)
     {
@@ -298,6 +297,7 @@ int effectSetup(vuRootNode *root, vuEffect *fx)
         vu_warn("Warning", kModule, __LINE__, "\033[31munable open plugin \"%s\"\033[0m", fx->pluginFile);
         return 0;
     }
+    fx->linkFx = nullptr; // of a set-up before
     lookUpEntryPoints(*fx);
     allocateInstances(*fx);
     if (fx->fxInit == nullptr)

@@ -191,7 +191,8 @@ TOLVIN_API void effectUnload(vuRootNode *root, vuEffect *fx);
 TOLVIN_API void effectUnloadAll(vuRootNode *root);
 
 /*
- * Another addition: whether set-up could open that file. Opens and closes it. Returns 1; 0 with the reason, the loader's own or
+ * Another addition: whether set-up could open that file. Opens and closes it. A name without a slash is searched by the loader in
+ * folders of its own, where nobody looks whether the end of the file is missing. Returns 1; 0 with the reason, the loader's own or
  * that its end is missing, in at most that many bytes, 0 at the end included (none are written to null, or when bytes is 0).
  */
 TOLVIN_API int effectCanOpen(const char *pluginFile, char *reason, size_t bytes);

@@ -5,7 +5,7 @@
  *
  * PARAMETER, with the defaults:
  *   flash 6      m, half of its width; it is there for 0.15 s
- *   radius 4     m that the ball of fire has in the end
+ *   radius 4     m that the ball of fire reaches in the end
  *   fire 24      flames
  *   debris 32    pieces
  *   speed 15     m/s of the fastest piece; the slowest one has half of it
@@ -51,12 +51,19 @@ static void prepare(const vuEffect *fx, void *settings, FxPlan *plan)
     };
     parametersRead("blast", fx, words, sizeof words / sizeof *words);
     plan->layers = LAYERS;
-    plan->looks[FIRE] = (ParticleLook){{1, 0.9F, 0.5F, 0.9F}, {0.35F, 0.05F, 0, 0.4F}, .growth = 0.6F, .drifts = 1};
-    plan->looks[DEBRIS] = (ParticleLook){{1, 0.6F, 0.2F, 1}, {0.1F, 0.1F, 0.1F, 1}, .gravity = PARTICLES_GRAVITY};
-    plan->looks[FLASH] = (ParticleLook){{1, 1, 0.95F, 1}, {1, 0.9F, 0.6F, 0}, .growth = 2};
+    plan->looks[FIRE] = (ParticleLook){{1, 0.9F, 0.5F, 0.9F}, {0.35F, 0.05F, 0, 0.4F}, .drifts = 1, .fades = 1};
+    plan->looks[DEBRIS] =
+        (ParticleLook){{1, 0.6F, 0.2F, 1}, {0.1F, 0.1F, 0.1F, 1}, .gravity = PARTICLES_GRAVITY, .fades = 1};
+    plan->looks[FLASH] = (ParticleLook){{1, 1, 0.95F, 1}, {1, 0.9F, 0.6F, 0}, .growth = 2}; /* too short to fade */
     plan->sizes[FIRE] = floorf(blast->fire);
     plan->sizes[DEBRIS] = floorf(blast->debris);
     plan->sizes[FLASH] = FLASHES;
+}
+
+/* Seconds of a burst; in none at all, nothing could fly apart. */
+static double burstDuration(const FxState *state)
+{
+    return fmax(fxDuration(state->fx), 0.05);
 }
 
 static ParticleBirth birthAt(const FxSource *source, float age, float life)
@@ -83,12 +90,12 @@ static void addFlash(FxState *state, const FxSource *source, float age, float du
 static void addFlame(FxState *state, const FxSource *source, float age, float duration)
 {
     const Blast *const blast = state->settings;
-    const float radius = blast->radius * source->scale, share = 0.35F; /* of the ball */
+    const float radius = blast->radius * source->scale, share = 0.3F, corner = 1.41422F;
     ParticleBirth birth = birthAt(source, age, duration * (0.5F + 0.5F * fxRandom(state)));
     fxRandomInBall(state, birth.velocity);
     for (int axis = 0; axis < 3; ++axis)
     {
-        birth.velocity[axis] *= radius / duration;
+        birth.velocity[axis] *= radius * (1 - share * corner) / duration;
     }
     birth.shade = 0.8F + 0.2F * fxRandom(state);
     fxRandomAxes(state, radius * share, &birth);
@@ -106,9 +113,9 @@ static void addPiece(FxState *state, const FxSource *source, float age, float du
     const float speed = turned * blast->speed * source->scale * (0.5F + 0.5F * fxRandom(state));
     for (int axis = 0; axis < 3; ++axis)
     {
-        v[axis] = v[axis] * speed + source->velocity[axis];
+        v[axis] = v[axis] * speed + (axis < 2 ? source->velocity[axis] : 0);
     }
-    v[2] = fabsf(v[2]); /* the ground throws it back */
+    v[2] = fabsf(v[2]) + fmaxf(source->velocity[2], 0); /* the ground throws it back */
     birth.moves = 2 * v[2] / PARTICLES_GRAVITY;
     fxRandomAxes(state, blast->piece * source->scale, &birth);
     particlesBear(state->particles, DEBRIS, &birth);
@@ -118,9 +125,12 @@ static void addPiece(FxState *state, const FxSource *source, float age, float du
 static void burst(vuRootNode *root, FxState *state, FxSource *source, double when, double seen)
 {
     const Blast *const blast = state->settings;
-    const double duration = fxDuration(state->fx);
-    const float age = (float)(seen - when);
-    particlesRemoveOwner(state->particles, source->number);
+    const double duration = burstDuration(state);
+    const float age = (float)fmax(seen - when, 0);
+    if (when > 0 || !source->wasFree)
+    {
+        particlesRemoveOwner(state->particles, source->number);
+    }
     if (duration > age)
     {
         addFlash(state, source, age, (float)duration);
@@ -143,11 +153,11 @@ static void begin(vuRootNode *root, FxState *state, FxSource *source)
     burst(root, state, source, 0, 0);
 }
 
-/* In a long frame only the last burst counts. */
+/* In a long frame only the last burst counts. It is not later than the last particles of the one before go. */
 static void go(vuRootNode *root, FxState *state, FxSource *source, double until, double end)
 {
-    const double duration = fmax(fxDuration(state->fx), 0.05);
-    const double bursts = floor((until - source->marks[BURST]) / duration);
+    const double duration = burstDuration(state);
+    const double bursts = floor((until - source->marks[BURST] + particlesSlack(duration)) / duration);
     if (isinf(source->ends) && bursts >= 1)
     {
         burst(root, state, source, source->marks[BURST] + bursts * duration, end);

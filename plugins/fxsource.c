@@ -200,7 +200,8 @@ static FxSource *begin(vuRootNode *root, FxState *state, FxSource *source, const
     {
         return NULL;
     }
-    *source = (FxSource){.number = source->number, .state = VU_FX_ON, .ends = ends};
+    const int wasFree = source->state == VU_FX_FREE;
+    *source = (FxSource){.number = source->number, .state = VU_FX_ON, .wasFree = wasFree, .ends = ends};
     for (int axis = 0; axis < 3; ++axis)
     {
         source->position[axis] = source->before[axis] = event->position[axis];
@@ -215,16 +216,20 @@ static FxSource *begin(vuRootNode *root, FxState *state, FxSource *source, const
     return source;
 }
 
-static FxSource *freeSource(const FxState *state)
+static FxSource *freeSource(FxState *state)
 {
-    for (int i = 0; i < state->count; ++i)
+    while (state->firstFree < state->count && state->sources[state->firstFree].state != VU_FX_FREE)
     {
-        if (state->sources[i].state == VU_FX_FREE)
-        {
-            return &state->sources[i];
-        }
+        ++state->firstFree;
     }
-    return NULL;
+    return state->firstFree < state->count ? &state->sources[state->firstFree] : NULL;
+}
+
+static void setFree(FxState *state, FxSource *source)
+{
+    source->state = VU_FX_FREE;
+    state->firstFree = source->number < state->firstFree ? source->number : state->firstFree;
+    state->attached = source->number != state->attached ? state->attached : -1;
 }
 
 static void end(const FxState *state, FxSource *source)
@@ -277,25 +282,24 @@ static int moveTo(FxSource *source, const double position[3])
 static void followEntity(vuRootNode *root, FxState *state)
 {
     const vuEntity *entity = entityOf(root, state->fx);
-    FxSource *source = state->attached >= 0 ? &state->sources[state->attached] : NULL;
-    if (entity != NULL && (source == NULL || source->state != VU_FX_ON))
+    FxSource *const attached = state->attached >= 0 ? &state->sources[state->attached] : NULL;
+    const int isOn = attached != NULL && attached->state == VU_FX_ON;
+    if (entity != NULL && isOn)
     {
-        vuFxEvent event = eventOf(state->fx, 0);
-        memcpy(event.position, entity->position, sizeof event.position);
-        source = begin(root, state, freeSource(state), &event, INFINITY);
-        state->attached = source != NULL ? source->number : -1;
+        moveTo(attached, entity->position);
     }
     else if (entity != NULL)
     {
-        moveTo(source, entity->position);
+        /* One that ends since the entity was gone is its own again, when there is no other. */
+        FxSource *const other = freeSource(state);
+        vuFxEvent event = eventOf(state->fx, 0);
+        memcpy(event.position, entity->position, sizeof event.position);
+        const FxSource *const begun = begin(root, state, other != NULL ? other : attached, &event, INFINITY);
+        state->attached = begun != NULL ? begun->number : state->attached;
     }
-    else if (source != NULL)
+    else if (isOn)
     {
-        if (source->state == VU_FX_ON)
-        {
-            end(state, source);
-        }
-        state->attached = -1;
+        end(state, attached);
     }
 }
 
@@ -396,25 +400,25 @@ TOLVIN_PLUGIN void fxFree(vuRootNode *root, vuEffect *fx)
     release(stateOf(fx));
 }
 
-static void setReady(const vuEffect *fx, const vuEffectInst *inst, int value)
-{
-    FxSource *const source = anySourceOf(stateOf(fx), (uintptr_t)inst);
-    if (source != NULL)
-    {
-        source->state = value;
-    }
-}
-
 TOLVIN_PLUGIN void fxInitInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst)
 {
     (void)root;
-    setReady(fx, inst, VU_FX_FREE);
+    FxState *const state = stateOf(fx);
+    FxSource *const source = anySourceOf(state, (uintptr_t)inst);
+    if (source != NULL)
+    {
+        setFree(state, source);
+    }
 }
 
 TOLVIN_PLUGIN void fxFreeInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst)
 {
     (void)root;
-    setReady(fx, inst, NOT_READY);
+    FxSource *const source = anySourceOf(stateOf(fx), (uintptr_t)inst);
+    if (source != NULL)
+    {
+        source->state = NOT_READY;
+    }
 }
 
 static uintptr_t beginAny(vuRootNode *root, vuEffect *fx, uintptr_t word, double ends)
@@ -441,8 +445,12 @@ TOLVIN_PLUGIN uintptr_t fxObtain(vuRootNode *root, vuEffect *fx, uintptr_t word)
 TOLVIN_PLUGIN void fxTriggerInst(vuRootNode *root, vuEffect *fx, uintptr_t inst, uintptr_t word)
 {
     FxState *const state = stateOf(fx);
+    FxSource *const source = sourceOf(state, inst);
     const vuFxEvent event = eventOf(fx, word);
-    begin(root, state, sourceOf(state, inst), &event, fxDuration(fx));
+    if (begin(root, state, source, &event, fxDuration(fx)) != NULL && state->attached == source->number)
+    {
+        state->attached = -1; /* the caller's from now on */
+    }
 }
 
 TOLVIN_PLUGIN uintptr_t fxStopInst(vuRootNode *root, vuEffect *fx, vuEffectInst *inst)
@@ -472,7 +480,7 @@ static void advance(vuRootNode *root, FxState *state, FxSource *source, double s
     }
     if (source->state == VU_FX_ENDING && now >= source->gone)
     {
-        source->state = VU_FX_FREE;
+        setFree(state, source);
     }
     memcpy(source->before, source->position, sizeof source->before);
 }

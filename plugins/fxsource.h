@@ -18,6 +18,7 @@ typedef struct FxSource
 {
     int number;         /* which of the instances */
     int state;          /* VU_FX_* */
+    int wasFree;        /* when it began: nothing is left of what it showed before */
     double age;         /* seconds since it began, at the end of the last frame */
     double ends;        /* age when it ends; infinite when it goes on until it is stopped */
     double gone;        /* age when nothing is left of it; once it is ending */
@@ -35,6 +36,7 @@ typedef struct FxState
     struct FxState *next;     /* in a ring */
     const vuEffectInst *inst; /* as many as sources */
     int count;
+    int firstFree; /* no source before that one is */
     FxSource *sources;
     Particles *particles;
     void *settings; /* the plug-in's */

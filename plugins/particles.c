@@ -13,9 +13,25 @@ enum
 typedef float Lanes __attribute__((vector_size(4 * LANES), may_alias));
 typedef int32_t LaneBits __attribute__((vector_size(4 * LANES), may_alias));
 
+static inline Lanes spread(float value)
+{
+    return (Lanes){value, value, value, value};
+}
+
+/* In C, nothing else becomes one instruction. */
+static inline Lanes lesser(Lanes a, Lanes b)
+{
+    return _mm_min_ps(a, b);
+}
+
+static inline Lanes greater(Lanes a, Lanes b)
+{
+    return _mm_max_ps(a, b);
+}
+
 /*
  * Particles as columns, LANES of them in one block after the other: that is one stream of memory to read, and not many. PLACE is
- * where they would be at birth without the wind that has blown since the drift was last 0. Ages and lives are
+ * where they would be at birth without the wind that has blown since the drift was last 0. Births and lives are
  * apart: they are gone through by themselves to find out who is dead.
  */
 enum
@@ -37,14 +53,19 @@ enum
     COLUMNS
 };
 
+enum
+{
+    EPOCH = 64 /* seconds */
+};
+
 typedef struct Layer
 {
     ParticleLook look;
     int capacity; /* a multiple of LANES */
     int count;
-    int next; /* to be replaced when it is full */
     float *blocks;
-    float *ages, *lives;
+    float *births; /* on the pool's clock */
+    float *lives;
     int *owners;
 } Layer;
 
@@ -53,6 +74,7 @@ struct Particles
     pfDCS *node; /* at the origin: floats far from that of the scene would be too coarse for slow particles */
     pfGeoSet *gset;
     double origin[3];
+    double clock;    /* seconds, less than EPOCH: ages are differences of floats, and small ones are exact */
     double drift[3]; /* way of the wind, metres */
     float wind[3];
     int layers;
@@ -119,7 +141,7 @@ static Particles *allocate(int layers, const int *sizes)
     for (int i = 0; i < layers; ++i)
     {
         made.layer[i].blocks = take(&room, blockBytes(&made.layer[i]));
-        made.layer[i].ages = take(&room, listBytes(&made.layer[i]));
+        made.layer[i].births = take(&room, listBytes(&made.layer[i]));
         made.layer[i].lives = take(&room, listBytes(&made.layer[i]));
         made.layer[i].owners = take(&room, listBytes(&made.layer[i]));
     }
@@ -226,23 +248,47 @@ static void copyParticle(Layer *layer, int to, int from)
     {
         *cell(layer, column, to) = *cell(layer, column, from);
     }
-    layer->ages[to] = layer->ages[from];
+    layer->births[to] = layer->births[from];
     layer->lives[to] = layer->lives[from];
     layer->owners[to] = layer->owners[from];
 }
 
-static void ageLayer(Layer *layer, float seconds)
+double particlesSlack(double life)
 {
-    float *const ages = layer->ages, *const lives = layer->lives;
+    return 1e-5 + 1e-6 * life;
+}
+
+static void removeDead(Layer *layer, float now)
+{
+    const float part = 1 - 1e-6F, slack = 1e-5F; /* as particlesSlack has it */
     for (int i = 0; i < layer->count;)
     {
-        if (ages[i] + seconds < lives[i])
+        if (now - layer->births[i] < layer->lives[i] * part - slack)
         {
-            ages[i++] += seconds;
+            ++i;
         }
         else
         {
             copyParticle(layer, i, --layer->count);
+        }
+    }
+}
+
+/* Whole epochs: where floats have become too coarse for a part of a second, they lose nothing more. */
+static void setClockBack(Particles *particles)
+{
+    const double epochs = floor(particles->clock / EPOCH) * EPOCH;
+    if (epochs == 0)
+    {
+        return;
+    }
+    particles->clock -= epochs;
+    for (int l = 0; l < particles->layers; ++l)
+    {
+        Layer *const layer = &particles->layer[l];
+        for (int i = 0; i < layer->count; ++i)
+        {
+            layer->births[i] -= (float)epochs;
         }
     }
 }
@@ -277,10 +323,12 @@ void particlesAge(Particles *particles, float seconds, const float wind[3])
         particles->wind[axis] = wind[axis];
         particles->drift[axis] += (double)wind[axis] * seconds;
     }
+    particles->clock += seconds;
     for (int i = 0; i < particles->layers; ++i)
     {
-        ageLayer(&particles->layer[i], seconds);
+        removeDead(&particles->layer[i], (float)particles->clock);
     }
+    setClockBack(particles);
     settleDrift(particles);
 }
 
@@ -294,25 +342,42 @@ static int countAll(const Particles *particles)
     return count;
 }
 
-/* Whole metres are exact as floats up to 16,777 km. */
+/* The node takes floats: what they leave is for the particles. */
 static void moveOrigin(Particles *particles, const double position[3])
 {
     for (int axis = 0; axis < 3; ++axis)
     {
-        particles->origin[axis] = floor(position[axis]);
+        particles->origin[axis] = (float)floor(position[axis]);
         particles->drift[axis] = 0;
     }
     pfDCSTrans(particles->node, (float)particles->origin[0], (float)particles->origin[1], (float)particles->origin[2]);
 }
 
+static int oldestOf(const Layer *layer)
+{
+    Lanes least = *(const Lanes *)layer->births;
+    for (int i = LANES; i < layer->count; i += LANES)
+    {
+        least = lesser(least, *(const Lanes *)&layer->births[i]);
+    }
+    const float first = fminf(fminf(least[0], least[1]), fminf(least[2], least[3]));
+    int oldest = 0;
+    while (layer->births[oldest] != first)
+    {
+        ++oldest;
+    }
+    return oldest;
+}
+
+/* A full layer is full of whole Lanes. */
 static int placeFor(Layer *layer)
 {
-    if (layer->count < layer->capacity)
-    {
-        return layer->count++;
-    }
-    layer->next = (layer->next + 1) % layer->capacity;
-    return layer->next;
+    return layer->count < layer->capacity ? layer->count++ : oldestOf(layer);
+}
+
+int particlesCapacity(const Particles *particles, int layer)
+{
+    return particles->layer[layer].capacity;
 }
 
 void particlesBear(Particles *particles, int number, const ParticleBirth *birth)
@@ -337,7 +402,7 @@ void particlesBear(Particles *particles, int number, const ParticleBirth *birth)
         *cell(layer, ALONG_X + axis, i) = birth->along[axis];
         *cell(layer, ACROSS_X + axis, i) = birth->across[axis];
     }
-    layer->ages[i] = birth->age;
+    layer->births[i] = (float)(particles->clock - birth->age);
     layer->lives[i] = birth->life;
     *cell(layer, MOVES, i) = birth->moves;
     *cell(layer, SHADE, i) = birth->shade;
@@ -364,22 +429,6 @@ void particlesRemoveOwner(Particles *particles, int owner)
 }
 
 /* What is seen. */
-
-static inline Lanes spread(float value)
-{
-    return (Lanes){value, value, value, value};
-}
-
-/* In C, nothing else becomes one instruction. */
-static inline Lanes least(Lanes a, Lanes b)
-{
-    return _mm_min_ps(a, b);
-}
-
-static inline Lanes greatest(Lanes a, Lanes b)
-{
-    return _mm_max_ps(a, b);
-}
 
 static inline Lanes magnitude(Lanes a)
 {
@@ -411,9 +460,9 @@ typedef struct Reach
     Lanes min[3], max[3];
 } Reach;
 
-static inline void writeCorners(const Layer *layer, int i, const Lanes drift[3], float *out, Reach *reach)
+static inline void writeCorners(const Layer *layer, int i, Lanes age, const Lanes drift[3], float *out, Reach *reach)
 {
-    const Lanes age = *(const Lanes *)&layer->ages[i], time = least(age, load(layer, MOVES, i));
+    const Lanes time = lesser(age, load(layer, MOVES, i));
     const Lanes size = 1.0F + spread(layer->look.growth) * age;
     const Lanes fall[3] = {spread(0), spread(0), spread(0.5F * layer->look.gravity) * time};
     Lanes corner[4][3];
@@ -427,9 +476,9 @@ static inline void writeCorners(const Layer *layer, int i, const Lanes drift[3],
         corner[1][axis] = centre + difference;
         corner[2][axis] = centre + sum;
         corner[3][axis] = centre - difference;
-        const Lanes extent = greatest(magnitude(sum), magnitude(difference));
-        reach->min[axis] = least(reach->min[axis], centre - extent);
-        reach->max[axis] = greatest(reach->max[axis], centre + extent);
+        const Lanes extent = greater(magnitude(sum), magnitude(difference));
+        reach->min[axis] = lesser(reach->min[axis], centre - extent);
+        reach->max[axis] = greater(reach->max[axis], centre + extent);
     }
     storeTurned(out, 12, corner[0][0], corner[0][1], corner[0][2], corner[1][0]);
     storeTurned(out + 4, 12, corner[1][1], corner[1][2], corner[2][0], corner[2][1]);
@@ -446,7 +495,7 @@ static Ramp rampOf(const ParticleLook *look, const ParticleTint *tint)
 {
     /* As short as a frame is for nobody: then it is only the last moment. */
     const float shortest = 1e-6F;
-    Ramp ramp = {.perFade = spread(1 / fmaxf(tint->fade, shortest))};
+    Ramp ramp = {.perFade = spread(1 / fmaxf(look->fades ? tint->fade : 0, shortest))};
     for (int i = 0; i < 4; ++i)
     {
         ramp.young[i] = spread(look->young[i] * tint->colour[i]);
@@ -455,12 +504,11 @@ static Ramp rampOf(const ParticleLook *look, const ParticleTint *tint)
     return ramp;
 }
 
-static inline void writeColours(const Layer *layer, int i, const Ramp *ramp, float *out)
+static inline void writeColours(const Layer *layer, int i, Lanes age, const Ramp *ramp, float *out)
 {
-    const Lanes age = *(const Lanes *)&layer->ages[i], life = *(const Lanes *)&layer->lives[i],
-                shade = load(layer, SHADE, i);
+    const Lanes life = *(const Lanes *)&layer->lives[i], shade = load(layer, SHADE, i);
     const Lanes part = age / life;
-    const Lanes left = least((life - age) * ramp->perFade, spread(1));
+    const Lanes left = lesser((life - age) * ramp->perFade, spread(1));
     storeTurned(out, 4, (ramp->young[0] + ramp->change[0] * part) * shade,
                 (ramp->young[1] + ramp->change[1] * part) * shade, (ramp->young[2] + ramp->change[2] * part) * shade,
                 (ramp->young[3] + ramp->change[3] * part) * left);
@@ -485,11 +533,13 @@ static void writeLayer(Particles *particles, Layer *layer, const ParticleTint *t
     }
     float *const coordinates = particles->coordinates + 12 * particles->shown;
     float *const colours = particles->colours + 4 * particles->shown;
+    const Lanes now = spread((float)particles->clock);
     Reach own = *reach;
     for (int i = 0; i < layer->count; i += LANES)
     {
-        writeCorners(layer, i, drift, coordinates + 12 * i, &own);
-        writeColours(layer, i, &ramp, colours + 4 * i);
+        const Lanes age = now - *(const Lanes *)&layer->births[i];
+        writeCorners(layer, i, age, drift, coordinates + 12 * i, &own);
+        writeColours(layer, i, age, &ramp, colours + 4 * i);
     }
     *reach = own;
     particles->shown += layer->count;

@@ -3,7 +3,7 @@
  *
  * A particle is a quad with a place, and two half axes that are the same all its life but for their length. What moves it is
  * known when it is born, its velocity, its layer's gravity and the wind, so that its place follows from its age, and does
- * not depend on how long frames are.
+ * not depend on how long frames are. Nor does its life, but for a hundred-thousandth of a second and a millionth of it.
  *
  * Particles of one look are a layer. Everything is allocated when the pool is made. All numbers have to be finite where
  * nothing else is said: who fills them in has to see to it.
@@ -33,6 +33,7 @@ typedef struct ParticleLook
     float growth;   /* by which part of their first size they grow each second */
     float gravity;  /* m/s^2 downwards */
     int drifts;     /* 1: the wind carries them along */
+    int fades;      /* 1: they disappear in the tint's fade, too */
 } ParticleLook;
 
 /* A particle when it is born. */
@@ -75,7 +76,13 @@ int particlesShown(const Particles *particles);
 /* Let so much time pass, with the wind in m/s: those whose life is over go. Those born afterwards have their age by then. */
 void particlesAge(Particles *particles, float seconds, const float wind[3]);
 
-/* In a full layer it takes the place of another one. */
+/* How many a layer can hold. */
+int particlesCapacity(const Particles *particles, int layer);
+
+/* How much earlier than its life says a particle may go, so that none is late where times are rounded. */
+double particlesSlack(double life);
+
+/* In a full layer it takes the place of the oldest one. */
 void particlesBear(Particles *particles, int layer, const ParticleBirth *birth);
 
 /* All particles of an owner go. */

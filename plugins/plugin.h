@@ -19,7 +19,8 @@
  *   fxFreeInst     for each instance, and
  *   fxFree         once, before the plug-in is closed (effectUnload): release what fxInitInst and fxInit have made
  *
- * What to know besides: C11, or C++11 without exceptions that leave an entry point. Static variables are shared by all effects that
+ * What to know besides: C11, or C++11 without exceptions that leave an entry point. Events and numbers that words point to are there
+ * during the call only. What was made with pfNew... goes with pfDelete, not with pfFree. Static variables are shared by all effects that
  * name the same file; what belongs to one effect is found by fx, what belongs to one instance by its words, in which a pointer is
  * copied (memcpy): they have 32 bits, and instances are aligned to 4 bytes. fx->linkFx is null until fxInit and all fxInitInst
  * are through, its plug-in may lack anything, and links may go round in a circle: do not trigger again while you are triggered.
@@ -29,7 +30,8 @@
  * Settings, in fx: colour tints what is shown, and its alpha makes it transparent. duration is in seconds, and fade the part of
  * it, at its end, in which what is shown disappears. num is the number of instances wanted, numInst that there are (perhaps 0). Numbers
  * and texts are a person's: expect any. entityNode names an entity of the root node's scenes at which one instance is to go on as long
- * as there is one of that name. position and direction are where to begin, and where to, when a call tells no event. linkFx is an effect
+ * as there is one of that name. maskDraw is for the plug-in's node (pfNodeTravMask with PFTRAV_DRAW). The application may change
+ * settings at any time. position and direction are where to begin, and where to, when a call tells no event. linkFx is an effect
  * to start as well, by the functions of the library (effectTrigger ...), when this one does what it is said to link to.
  *
  * Everything is in the scene's coordinates: metres, x east, y north, z up. Words are as wide as pointers.
@@ -68,6 +70,9 @@ typedef struct vuFxEvent
  * fxTrigger and fxObtain return a pointer to the instance, 0 when none is free.
  * fxTriggerInst takes a pointer to the instance.
  * fxStopInst returns 1; 0 when the instance was not going on.
+ *
+ * Of what follows, tolvin run asks for VU_FX_NODE once, after set-up, for VU_FX_ACTIVE and VU_FX_PARTICLES in each frame, and sets
+ * VU_FX_INST_POSITION of instances at entities that move.
  */
 
 /* First word of fxGetData. Returns the value, or 1 when it was written to where the second word points; else 0. */

@@ -41,7 +41,7 @@ void prepare(const vuEffect *fx, void *settings, FxPlan *plan)
     };
     parametersRead("smoke", fx, words, static_cast<int>(std::size(words)));
     plan->layers = 1;
-    plan->looks[0] = {{0.45F, 0.45F, 0.45F, 0.8F}, {0.75F, 0.75F, 0.75F, 0.3F}, smoke.grow / smoke.size, 0.0F, 1};
+    plan->looks[0] = {{0.45F, 0.45F, 0.45F, 0.8F}, {0.75F, 0.75F, 0.75F, 0.3F}, smoke.grow / smoke.size, 0.0F, 1, 1};
     plan->sizes[0] = double{smoke.rate} * smoke.life + 1.0;
 }
 
@@ -66,12 +66,14 @@ void puff(FxState *state, const FxSource &source, double age, double part)
     particlesBear(state->particles, 0, &birth);
 }
 
-// Puffs come at ages of the source that are multiples of 1 / rate, and those that a long frame would not show are left out.
+// Puffs come at ages of the source that are multiples of 1 / rate, and those that a long frame would not show, or the pool not
+// hold, are left out.
 void go(vuRootNode *, FxState *state, FxSource *source, double until, double end)
 {
     const Smoke &smoke = smokeOf(state);
     double &born = source->marks[0];
-    born = std::max(born, std::ceil((end - smoke.life) * smoke.rate));
+    const double room = static_cast<double>(particlesCapacity(state->particles, 0)) / state->count + 1.0;
+    born = std::max({born, std::ceil((end - smoke.life) * smoke.rate), std::ceil(until * smoke.rate - room)});
     for (; born < until * smoke.rate; ++born)
     {
         const double when = born / smoke.rate;

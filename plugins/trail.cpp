@@ -7,7 +7,7 @@
 //   life 30       seconds that each is there
 //   grow 0        m/s by which they become wider on each side, and longer in proportion
 //   lift 0.02     m above the source
-//   pieces 512    of one instance, after which the oldest ones may go before their time
+//   pieces 512    of one instance, after which the oldest ones go before their time
 #include "fxsource.h"
 #include "parameters.h"
 
@@ -43,7 +43,7 @@ void prepare(const vuEffect *fx, void *settings, FxPlan *plan)
     };
     parametersRead("trail", fx, words, static_cast<int>(std::size(words)));
     plan->layers = 1;
-    plan->looks[0] = {{1.0F, 1.0F, 1.0F, 1.0F}, {1.0F, 1.0F, 1.0F, 1.0F}, 2.0F * trail.grow / trail.width, 0.0F, 0};
+    plan->looks[0] = {{1.0F, 1.0F, 1.0F, 1.0F}, {1.0F, 1.0F, 1.0F, 1.0F}, 2.0F * trail.grow / trail.width, 0.0F, 0, 1};
     plan->sizes[0] = double{trail.pieces} * (trail.gauge > 0.0F ? 2.0 : 1.0);
 }
 
