@@ -55,6 +55,12 @@ pfNode *nodeOf(std::uintptr_t word)
     return isNode ? static_cast<pfNode *>(object) : nullptr;
 }
 
+// Whether a plug-in can mean a word as a number of things.
+bool isCount(std::uintptr_t word)
+{
+    return word <= static_cast<std::uintptr_t>(INT32_MAX);
+}
+
 vuFxEvent eventAt(const Vector3 &place)
 {
     vuFxEvent event = {};
@@ -101,17 +107,10 @@ bool isSmoking(const vuEntityType &type, std::uint32_t appearance)
     return isDestroyed(type, appearance) || (type.kind == kPlatform && (appearance & (kSmokes | kFlames)) != 0);
 }
 
-Effects::Loaded::Loaded(vuRootNode &owner, const std::string &folder, const NoticeSink &notice) : root(owner)
+Effects::Loaded::Loaded(vuRootNode &owner, const std::string &folder, const NoticeSink &notice)
+    : root(owner),
+      opened(findPlugins(root, folder, notice))
 {
-    findPlugins(root, folder, notice);
-    for (const vunode *node = root.effects.first; node != nullptr; node = node->next)
-    {
-        const char *const file = reinterpret_cast<const vuEffect *>(node)->pluginFile;
-        if (file != nullptr && !isOpen(file))
-        {
-            opened.emplace_back(file);
-        }
-    }
     effectSetupAll(&root);
 }
 
@@ -208,12 +207,11 @@ void Effects::hang(const Shown &shown)
     pfNode *const node = nodeOf(word);
     pfGroup *const group = graph_.group.get();
     const bool isThere = node != nullptr && pfSearchChild(group, node) >= 0;
-    if (node == nullptr || (!isThere && pfAddChild(group, node) != 1))
+    const bool isOthers = node != nullptr && !isThere && pfGetNumParents(node) > 0;
+    if (node == nullptr || isOthers || (!isThere && pfAddChild(group, node) != 1))
     {
         notice_("EFFECT " + quoted(*shown.fx) + ": what its plug-in gives as node cannot be shown");
-        return;
     }
-    pfNodeTravMask(node, PFTRAV_ISECT, 0, PFTRAV_SELF, PF_SET);
 }
 
 // In order of their coming.
@@ -253,7 +251,7 @@ void Effects::trigger(Shown &shown, const vuFxEvent *event)
     {
         refuse(shown, shown.fx->fxTrigger != nullptr);
     }
-    if (places_.size() < kMostPlaces)
+    if (word != 0 && places_.size() < kMostPlaces)
     {
         const float *const p = shown.fx->position;
         places_.push_back(event == nullptr ? Vector3{p[0], p[1], p[2]}
@@ -373,12 +371,18 @@ void Effects::smoke(Smoker &smoker, vuFxEvent event)
                           reinterpret_cast<std::uintptr_t>(event.position));
         return;
     }
-    smoker.smoke = instanceOf(*smoke_, effectObtain(&root_, fx, reinterpret_cast<std::uintptr_t>(&event)));
+    if (smoker.hopeless)
+    {
+        return;
+    }
+    const std::uintptr_t word = effectObtain(&root_, fx, reinterpret_cast<std::uintptr_t>(&event));
+    smoker.smoke = instanceOf(*smoke_, word);
+    smoker.hopeless = word != 0 && smoker.smoke == nullptr;
     if (smoker.smoke != nullptr)
     {
         ++smoke_->obtained;
     }
-    else if (!std::exchange(smoker.refused, true))
+    else if (!smoker.hopeless && !std::exchange(smoker.refused, true))
     {
         refuse(*smoke_, fx->fxObtain != nullptr);
     }
@@ -396,8 +400,10 @@ void Effects::measure()
 {
     for (Shown &shown : shown_)
     {
-        shown.instances = std::max(shown.instances, effectGetData(&root_, shown.fx, VU_FX_ACTIVE, 0));
-        shown.particles = std::max(shown.particles, effectGetData(&root_, shown.fx, VU_FX_PARTICLES, 0));
+        const std::uintptr_t instances = effectGetData(&root_, shown.fx, VU_FX_ACTIVE, 0);
+        const std::uintptr_t particles = effectGetData(&root_, shown.fx, VU_FX_PARTICLES, 0);
+        shown.instances = std::max(shown.instances, isCount(instances) ? instances : 0);
+        shown.particles = std::max(shown.particles, isCount(particles) ? particles : 0);
     }
 }
 

@@ -15,6 +15,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,7 +68,7 @@ public:
         return graph_.group.get();
     }
 
-    // Where effects were triggered, in the local frame, the first kMostPlaces times.
+    // Where effects began that were triggered, in the local frame, the first kMostPlaces times.
     const std::vector<Vector3> &places() const
     {
         return places_;
@@ -76,7 +77,7 @@ public:
     static constexpr std::size_t kMostPlaces = 4096;
 
     // The files of plug-ins that were opened here, and not by anybody before.
-    const std::vector<std::string> &opened() const
+    const std::set<std::string> &opened() const
     {
         return loaded_.opened;
     }
@@ -86,7 +87,7 @@ private:
     struct Loaded
     {
         vuRootNode &root;
-        std::vector<std::string> opened;
+        std::set<std::string> opened;
 
         Loaded(vuRootNode &owner, const std::string &folder, const NoticeSink &notice);
         ~Loaded();
@@ -119,7 +120,8 @@ private:
         const OwnEntity *own; // null for one of the network, which has that identity
         vuEntityId id;
         vuEffectInst *smoke = nullptr;
-        bool refused = false; // no instance was free
+        bool refused = false;  // no instance was free
+        bool hopeless = false; // what the plug-in gave for one is none
     };
 
     static std::vector<Shown> allOf(const vuRootNode &root);

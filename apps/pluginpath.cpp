@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdlib>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <system_error>
 
@@ -57,22 +58,26 @@ std::vector<std::string> candidatesOf(const std::string &file, const std::string
     return candidates;
 }
 
-void findPlugin(vuEffect &fx, const std::string &folder, const std::function<void(const std::string &line)> &notice)
+// Leaves the file that was found in the effect. Returns whether it was open before; none when there is none to be found.
+std::optional<bool> findPlugin(vuEffect &fx, const std::string &folder,
+                               const std::function<void(const std::string &line)> &notice)
 {
     std::string tried;
     for (const std::string &candidate : candidatesOf(fx.pluginFile, folder))
     {
+        const bool wasOpen = isOpen(candidate); // what does not close may be open from now on
         const std::string reason = whyNotOpened(candidate);
         if (reason.empty())
         {
             char *const found = arenaCopyOf(candidate);
             pfFree(fx.pluginFile);
             fx.pluginFile = found;
-            return;
+            return wasOpen;
         }
-        tried += "\n  " + candidate + ": " + reason;
+        tried += "\n  " + plainText(candidate) + ": " + plainText(reason);
     }
     notice("EFFECT \"" + plainText(fx.node.name) + "\": no plug-in, tried" + tried);
+    return std::nullopt;
 }
 
 } // namespace
@@ -107,9 +112,13 @@ std::string whyNotOpened(const std::string &file)
                                         : reason;
 }
 
+// The loader looks at a file to know, and would wait for what comes out of a pipe.
 bool isOpen(const std::string &file)
 {
-    void *const handle = dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+    std::error_code error;
+    const bool isSearched = file.find('/') == std::string::npos;
+    void *const handle =
+        isSearched || fs::is_regular_file(file, error) ? dlopen(file.c_str(), RTLD_LAZY | RTLD_NOLOAD) : nullptr;
     if (handle != nullptr)
     {
         dlclose(handle);
@@ -117,17 +126,19 @@ bool isOpen(const std::string &file)
     return handle != nullptr;
 }
 
-void findPlugins(vuRootNode &root, const std::string &folder,
-                 const std::function<void(const std::string &line)> &notice)
+std::set<std::string> findPlugins(vuRootNode &root, const std::string &folder,
+                                  const std::function<void(const std::string &line)> &notice)
 {
+    std::set<std::string> opened;
     for (vunode *node = root.effects.first; node != nullptr; node = node->next)
     {
         auto &fx = *reinterpret_cast<vuEffect *>(node);
-        if (fx.pluginFile != nullptr)
+        if (fx.pluginFile != nullptr && findPlugin(fx, folder, notice) == false)
         {
-            findPlugin(fx, folder, notice);
+            opened.insert(fx.pluginFile);
         }
     }
+    return opened;
 }
 
 } // namespace tolvin

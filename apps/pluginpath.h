@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,14 @@ std::vector<std::string> pluginFolders();
 // closed again.
 std::string whyNotOpened(const std::string &file);
 
-// Whether this process has that file open as a shared object.
+// Whether this process has that file open as a shared object. It is not opened for that.
 bool isOpen(const std::string &file);
 
 // Finds the plug-in of each effect: as it is given, which is as the loader finds it; else beside the description file, which is in that
 // folder; else in the plug-in folders. The first one that the loader opens takes the place of what is given, so that it opens that
-// again. For an effect without any, tells what was tried and why it does not do, and leaves what is given. Throws std::bad_alloc
-// when the shared arena is full.
-void findPlugins(vuRootNode &root, const std::string &folder,
-                 const std::function<void(const std::string &line)> &notice);
+// again. For an effect without any, tells what was tried and why it does not do, and leaves what is given. Returns the files that
+// were found and not open before, each once. Throws std::bad_alloc when the shared arena is full.
+std::set<std::string> findPlugins(vuRootNode &root, const std::string &folder,
+                                  const std::function<void(const std::string &line)> &notice);
 
 } // namespace tolvin

@@ -7,6 +7,7 @@
 #include "frameclock.h"
 #include "outputfile.h"
 #include "ownside.h"
+#include "plaintext.h"
 #include "pluginpath.h"
 #include "runstatistics.h"
 #include "terrainmap.h"
@@ -26,6 +27,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -414,6 +416,9 @@ void checkOptions(const RunOptions &options, const Description &description)
                              : !options.own.publish.empty()      ? "--publish"
                              : !options.own.log.empty()          ? "--log"
                              : !options.effects.triggers.empty() ? "--trigger"
+                             : options.effects.fire              ? "--fire-effect"
+                             : options.effects.detonation        ? "--detonation-effect"
+                             : options.effects.smoke             ? "--smoke-effect"
                                                                  : "";
     if (!options.own.log.empty() && options.own.log == options.map)
     {
@@ -443,7 +448,7 @@ void checkTriggers(const RunOptions &options)
     {
         if (!(time >= 0.0 && time <= 1e9))
         {
-            throw std::runtime_error("--trigger: expected 0 to 1e+09 seconds before " + name);
+            throw std::runtime_error("--trigger: expected 0 to 1e+09 seconds before " + plainText(name));
         }
     }
 }
@@ -469,7 +474,7 @@ void run(RunOptions options)
     {
         const OutputFile map(options.map); // an hour's run should not end with a map that cannot be written
     }
-    std::vector<std::string> plugins;
+    std::set<std::string> plugins;
     {
         const RootPtr root = makeRoot();
         Description description;

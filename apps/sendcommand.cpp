@@ -711,6 +711,7 @@ void runSend(const SendOptions &options)
     if (!options.quiet)
     {
         generator.printSummary();
+        flushOutput();
     }
 }
 
