@@ -120,10 +120,9 @@ TEST_F(DisInputTest, DropsAndCountsWhatIsNotTaken)
     own.entityId = {1, 1000, 5};
     Datagram fire = good;
     fire[2] = 2; // another PDU type
-    for (const Datagram &datagram : {datagramOf(other), datagramOf(own), fire})
-    {
-        take(datagram);
-    }
+    take(datagramOf(other));
+    take(datagramOf(own));
+    take(fire);
     EXPECT_TRUE(counts.otherExercise == 1 && counts.own == 1 && counts.otherPdus == 1);
     EXPECT_EQ(counts.reports + input->entities().size(), 0u);
 

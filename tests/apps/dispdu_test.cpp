@@ -18,8 +18,7 @@ namespace
 using Bytes = std::vector<std::uint8_t>;
 using Lengths = std::vector<std::size_t>;
 
-// Laid by hand from the field tables of IEEE 1278.1: header, entity id, force, number of articulation parameters,
-// types,
+// Laid by hand from the tables of IEEE 1278.1: header, entity id, force, number of articulation parameters, types,
 const Bytes kPdu = {
     6, 9, 1, 1, 0x12, 0x34, 0x56, 0x79, 0, 144, 0, 0, 1, 2, 3, 4, 5, 6, 2, 0, 1, 2, 0, 225, 3, 4, 5, 6, 7, 8, 1, 44, 9,
     10, 11, 12,
@@ -68,6 +67,10 @@ const Bytes kFire = kShot + Bytes{0xDE, 0xAD, 0xBE, 0xEF} + kLocation + kRound +
 const Bytes kDetonation = with(with(kShot, 2, 3), 9, 104) + kVelocity + kLocation + kRound +
                           Bytes{0x3F, 0, 0, 0, 0xBF, 0x80, 0, 0, 0x40, 0, 0, 0, 3, 0, 0, 0};
 
+// Header, originating 1:2:0, receiving 1:2:772, request.
+const Bytes kRemoval = {6, 9, 12, 5, 0x12, 0x34, 0x56, 0x79, 0, 28, 0,    0,    0,    1,
+                        0, 2, 0,  0, 0,    1,    0,    2,    3, 4,  0xDE, 0xAD, 0xBE, 0xEF};
+
 template<class Shot>
 bool asLaid(const Shot &shot)
 {
@@ -86,6 +89,7 @@ struct Walk
     vuEntityState state{}; // of the last good PDUs
     Fire fire{};
     Detonation detonation{};
+    RemoveEntity removal{};
 };
 
 Walk walk(const Bytes &datagram)
@@ -96,10 +100,11 @@ Walk walk(const Bytes &datagram)
     for (Pdu pdu; reader.next(pdu); result.lengths.push_back(pdu.bytes.size()))
     {
         const PduKind kind = kindOf(pdu.header);
-        result.fault = kind == PduKind::EntityState  ? decodeEntityState(pdu, result.state)
-                       : kind == PduKind::Fire       ? decodeFire(pdu, result.fire)
-                       : kind == PduKind::Detonation ? decodeDetonation(pdu, result.detonation)
-                                                     : result.fault;
+        result.fault = kind == PduKind::EntityState    ? decodeEntityState(pdu, result.state)
+                       : kind == PduKind::Fire         ? decodeFire(pdu, result.fire)
+                       : kind == PduKind::Detonation   ? decodeDetonation(pdu, result.detonation)
+                       : kind == PduKind::RemoveEntity ? decodeRemoveEntity(pdu, result.removal)
+                                                       : result.fault;
     }
     result.fault = reader.fault() == PduFault::None ? result.fault : reader.fault();
     return result;
@@ -138,30 +143,32 @@ TEST(DisPdu, DecodesAndEncodesEachVersion)
     EXPECT_FALSE(leaves(walk(with(kPdu, 84, 0xFF7FFFFF, 4)).state));
 }
 
-TEST(DisPdu, DecodesAndEncodesShots)
+TEST(DisPdu, DecodesAndEncodesShotsAndRemovals)
 {
     for (const std::uint8_t version : {5, 6, 7})
     {
-        const Bytes fireWire = with(kFire, 0, version), detonationWire = with(kDetonation, 0, version);
-        auto [fault, lengths, state, fire, detonation] =
-            walk(with(fireWire + detonationWire, 10, version == 7 ? 16 : 0));
+        const Bytes wire = with(kFire, 0, version) + with(kDetonation, 0, version) + with(kRemoval, 0, version);
+        auto [fault, lengths, state, fire, detonation, removal] = walk(with(wire, 10, version == 7 ? 16 : 0));
         EXPECT_TRUE(fault == PduFault::None && asLaid(fire) && asLaid(detonation));
         EXPECT_TRUE(fire.fireMissionIndex == 0xDEADBEEF && fire.range == 2500);
         EXPECT_TRUE(detonation.entityLocation[2] == 2 && detonation.result == 3);
+        EXPECT_TRUE(removal.request == 0xDEADBEEF && removal.receiving.entity == 772);
 
-        fire.header.pduType = detonation.header.protocolFamily = 1; // does not count
-        fire.header.length = detonation.header.length = 0;
-        Bytes encoded(96), more(104);
-        EXPECT_EQ(encodeFire(fire, std::span(encoded).first(95)) + encodeDetonation(detonation, encoded), 0u);
-        EXPECT_TRUE(encodeFire(fire, encoded) == 96 && encodeDetonation(detonation, more) == 104);
-        EXPECT_EQ(encoded, fireWire);
-        EXPECT_EQ(more, detonationWire);
+        fire.header.pduType = detonation.header.protocolFamily = removal.header.pduType = 1; // does not count
+        fire.header.length = detonation.header.length = removal.header.protocolFamily = 0;
+        Bytes first(96), second(104), third(28);
+        EXPECT_EQ(encodeFire(fire, std::span(first).first(95)) + encodeDetonation(detonation, first) +
+                      encodeRemoveEntity(removal, std::span(third).first(27)),
+                  0u);
+        EXPECT_EQ(encodeFire(fire, first) + encodeDetonation(detonation, second) + encodeRemoveEntity(removal, third),
+                  wire.size());
+        EXPECT_EQ(first + second + third, wire);
     }
 }
 
 TEST(DisPdu, RefusesEveryPrefix)
 {
-    for (const Bytes &whole : {kPdu, kFire, kDetonation})
+    for (const Bytes &whole : {kPdu, kFire, kDetonation, kRemoval})
     {
         for (std::size_t size = 0; size < whole.size(); ++size)
         {
@@ -169,7 +176,9 @@ TEST(DisPdu, RefusesEveryPrefix)
             EXPECT_EQ(walk(cut).fault, size < 12 ? PduFault::ShorterThanHeader : PduFault::LengthBeyondDatagram)
                 << size;
             // The same with a length field that admits it.
-            EXPECT_TRUE(size < 12 || walk(with(cut, 8, size, 2)).fault == PduFault::BodyTooShort) << size;
+            const Walk result = walk(size < 12 ? cut : with(cut, 8, size, 2));
+            EXPECT_TRUE(size < 12 || result.fault == PduFault::BodyTooShort) << size;
+            EXPECT_EQ(result.removal.request, 0u);
         }
     }
 }
@@ -191,6 +200,7 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
         {with(articulated, 8, 303, 2) + Bytes(159), PduFault::BodyTooShort, {303}},
         {with(with(kDetonation, 101, 2), 8, 136, 2) + Bytes(32), PduFault::None, {136}}, // 104 + 2 * 16
         {with(with(kDetonation, 101, 2), 8, 135, 2) + Bytes(31), PduFault::BodyTooShort, {135}},
+        {with(kRemoval, 9, 36) + Bytes(8), PduFault::None, {36}}, // more than is needed
         {other(65507), PduFault::None, {65507}},
     };
     for (const auto &[datagram, fault, lengths] : cases)
@@ -199,33 +209,9 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
         EXPECT_EQ(result.fault, fault) << &datagram - &std::get<0>(cases[0]);
         EXPECT_EQ(result.lengths, lengths);
     }
-    // Neither the type without its family nor the family without its type makes an Entity State PDU.
-    EXPECT_EQ(walk(with(kPdu, 2, 2) + with(kPdu, 3, 2)).state.timestamp, 0u);
-}
-
-TEST(DisPdu, DecodesAndEncodesRemovals)
-{
-    // Header, originating 1:2:0, receiving 1:2:772, request 0xDEADBEEF.
-    const Bytes wire = {6, 9, 12, 5, 0x12, 0x34, 0x56, 0x78, 0, 28, 0,    0,    0,    1,
-                        0, 2, 0,  0, 0,    1,    0,    2,    3, 4,  0xDE, 0xAD, 0xBE, 0xEF};
-    for (std::uint8_t length = 12; length <= 36; length += 8) // more than is needed is no fault
-    {
-        Bytes cut = with(wire, 9, length);
-        cut.resize(length);
-        PduReader reader(cut);
-        Pdu pdu;
-        RemoveEntity removal{};
-        ASSERT_TRUE(reader.next(pdu) && kindOf(pdu.header) == PduKind::RemoveEntity);
-        ASSERT_EQ(decodeRemoveEntity(pdu, removal), length < 28 ? PduFault::BodyTooShort : PduFault::None);
-        EXPECT_EQ(removal.request, length < 28 ? 0 : 0xDEADBEEF);
-        EXPECT_EQ(removal.receiving.entity, length < 28 ? 0 : 772);
-        removal.header.pduType = removal.header.protocolFamily = 1;
-        Bytes encoded(28);
-        EXPECT_EQ(encodeRemoveEntity(removal, std::span(encoded).first(27)), 0u);
-        EXPECT_EQ(encodeRemoveEntity(removal, encoded), 28u);
-        EXPECT_TRUE(length < 28 || encoded == wire);
-    }
-    for (const PduHeader &header : {PduHeader{6, 9, 12, 1, 0, 28}, {6, 9, 2, 1, 0, 96}, {6, 9, 3, 5, 0, 104}})
+    // Neither the type without its family nor the family without its type makes a PDU that is read.
+    for (const PduHeader &header :
+         {PduHeader{6, 9, 12, 1, 0, 28}, {6, 9, 1, 2, 0, 144}, {6, 9, 2, 1, 0, 96}, {6, 9, 3, 5, 0, 104}})
     {
         EXPECT_EQ(kindOf(header), PduKind::Other);
     }

@@ -18,13 +18,14 @@ TOLVIN_PLUGIN void fxUpdate(vuRootNode *root, vuEffect *fx)
     tell(root, fx, "update", NULL);
 }
 #else
-/* Within an instance, past the last one, a block that is no node, memory of this plug-in, three of nobody, what all is below. */
+/* Within an instance, past the last one, a block that is no node, memory of this plug-in, three of nobody, what all is below, the ground. */
 static uintptr_t wrongOr(vuRootNode *root, vuEffect *fx, uintptr_t word)
 {
     static _Alignas(16) char chars[64];
     const uintptr_t inst = (uintptr_t)fx->inst;
-    const uintptr_t wrong[] = {inst + 4, inst + 52 * fx->num, (uintptr_t)fx,  (uintptr_t)(chars + 48),
-                               1,        0xdead0000,          ~(uintptr_t)15, (uintptr_t)((EffectTest *)root)->top};
+    pfGroup *const top = ((EffectTest *)root)->top;
+    const uintptr_t wrong[] = {inst + 4,   inst + 52 * fx->num, (uintptr_t)fx,  (uintptr_t)(chars + 48),      1,
+                               0xdead0000, ~(uintptr_t)15,      (uintptr_t)top, (uintptr_t)pfGetChild(top, 0)};
     return fx->parameter != NULL ? wrong[fx->parameter[0] - '0'] : word;
 }
 

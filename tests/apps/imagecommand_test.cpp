@@ -3,16 +3,16 @@
 #include <tolvin/bench/kernel/plainimage.h>
 
 #include "support/capture.h"
+#include "support/temporaryfolder.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include <png.h>
-#include <unistd.h>
 
 using namespace tolvin;
 using plain::Bytes;
@@ -26,18 +26,13 @@ class ImageCommand : public testing::Test
 protected:
     ImageCommand()
     {
-        std::filesystem::create_directories(folder_ / "in");
+        std::filesystem::create_directory(folder_ / "in");
         std::filesystem::create_directory(folder_ / "out");
-    }
-    ~ImageCommand() override
-    {
-        std::filesystem::remove_all(folder_);
     }
 
     void write(const std::string &name, const Bytes &file) const
     {
-        std::ofstream(folder_ / name)
-            .write(reinterpret_cast<const char *>(file.data()), static_cast<std::streamsize>(file.size()));
+        std::ofstream(folder_ / name).write(reinterpret_cast<const char *>(file.data()), std::ssize(file));
     }
 
     // The exit code of "tolvin image" with names in the folder; what it printed is in messages_.
@@ -51,11 +46,8 @@ protected:
         CommandLine line("");
         addImageCommand(line);
         arguments.insert(arguments.begin(), "image");
-        messages_ = capturedStderr([&] { code = line.run(arguments); });
-        for (std::size_t at = 0; (at = messages_.find(folder_.string() + '/')) != std::string::npos;)
-        {
-            messages_.erase(at, folder_.string().size() + 1);
-        }
+        const std::string messages = capturedStderr([&] { code = line.run(arguments); });
+        messages_ = replaced(messages, folder_.string() + '/', "");
         return code;
     }
 
@@ -72,8 +64,7 @@ protected:
         return read;
     }
 
-    std::filesystem::path folder_ =
-        std::filesystem::temp_directory_path() / ("tolvin_image_" + std::to_string(getpid()));
+    TemporaryFolder folder_;
     std::string messages_;
 };
 
@@ -89,10 +80,7 @@ TEST_F(ImageCommand, TurnsRowsAroundAndKeepsChannels)
         const unsigned channels = 1 + i % 4;
         const SgiFormat format = {5, 3, channels, i / 4 % 2 == 1, 1 + i / 8};
         Bytes image(15 * channels), turned;
-        for (std::size_t at = 0; at < image.size(); ++at)
-        {
-            image[at] = static_cast<std::uint8_t>(17 * at + i);
-        }
+        std::ranges::generate(image, [value = i]() mutable { return static_cast<std::uint8_t>(value += 17); });
         for (std::size_t row = 3; row-- > 0;)
         {
             const auto begin = image.begin() + static_cast<std::ptrdiff_t>(row * 5 * channels);

@@ -42,12 +42,7 @@ TEST(MapShapes, AreWhereTheirTransformsPutThem)
     pfSwitchVal(choice, 1);
     const std::vector<MapShape> shapes = shapesOf(asPfNode(top.get()), 9);
     ASSERT_TRUE(shapes.size() == 1 && shapes[0].height == 13.0 && shapes[0].colour[3] == 0.5F);
-    const Corners expected = {{100, 6}, {100, 7}, {99, 7}, {99, 6}};
-    for (std::size_t i = 0; i < 4; ++i)
-    {
-        EXPECT_NEAR(shapes[0].corners[i][0], expected[i][0], 1e-4);
-        EXPECT_NEAR(shapes[0].corners[i][1], expected[i][1], 1e-4);
-    }
+    EXPECT_EQ(shapes[0].corners, (Corners{{100, 6}, {100, 7}, {99, 7}, {99, 6}}));
 }
 
 TEST(MapShapes, AreStripsAndNotTooMany)

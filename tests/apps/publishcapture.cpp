@@ -39,47 +39,32 @@ void put(Bytes &bytes, std::uint64_t number, int width)
     }
 }
 
-void write(std::ofstream &capture, const Bytes &bytes)
-{
-    capture.write(reinterpret_cast<const char *>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
-
 std::ofstream newCapture(const char *file)
 {
     std::ofstream capture(file, std::ios::binary);
     Bytes header;
     put(header, 0xA1B2'C3D4'0002'0004, 8);
     put(header, 0, 8);
-    put(header, 65535, 4);
-    put(header, 228, 4); // IPv4
-    write(capture, header);
+    put(header, 0x0000'FFFF'0000'00E4, 8); // 65535 bytes of a packet at most, IPv4
+    capture.write(reinterpret_cast<const char *>(header.data()), std::ssize(header));
     return capture;
 }
 
 // A packet of UDP without checksum.
 void add(std::ofstream &capture, std::span<const std::uint8_t> pdu, double time)
 {
+    const std::uint64_t size = 28 + pdu.size();
     Bytes packet;
     put(packet, static_cast<std::uint64_t>(time), 4);
     put(packet, static_cast<std::uint64_t>(std::fmod(time, 1.0) * 1e6), 4);
-    put(packet, 28 + pdu.size(), 4);
-    put(packet, 28 + pdu.size(), 4);
-    put(packet, 0x4500, 2);
-    put(packet, 28 + pdu.size(), 2);
-    put(packet, 0x0000'4000'4011, 6);                  // not fragmented, 64 hops, UDP
-    put(packet, 0xFFFF - 0xDA11 - 28 - pdu.size(), 2); // RFC 1071: what the sum of all other words lacks
-    put(packet, 0x0A00'0001'0A00'00FF, 8);             // 10.0.0.1 to 10.0.0.255
-    put(packet, 0x0BB8'0BB8, 4);                       // port 3000
-    put(packet, (8 + pdu.size()) << 16, 4);
+    put(packet, size << 32 | size, 8);
+    put(packet, 0x4500'0000 | size, 4);
+    put(packet, 0x0000'4000'4011, 6);                          // not fragmented, 64 hops, UDP
+    put(packet, 0xFFFF - 0xDA11 - size, 2);                    // RFC 1071: what the sum of all other words lacks
+    put(packet, 0x0A00'0001'0A00'00FF, 8);                     // 10.0.0.1 to 10.0.0.255
+    put(packet, 0x0BB8'0BB8'0000'0000 | (size - 20) << 16, 8); // port 3000
     packet.insert(packet.end(), pdu.begin(), pdu.end());
-    write(capture, packet);
-}
-
-// What the program ends with.
-int end(std::ofstream &capture)
-{
-    capture.close();
-    return capture ? 0 : 1;
+    capture.write(reinterpret_cast<const char *>(packet.data()), std::ssize(packet));
 }
 
 vuEntity vehicle(std::uint32_t number, std::uint8_t algorithm)
@@ -139,7 +124,7 @@ int hear(const char *file, const std::string &port)
         heard = receiver.receiveUntil(now + std::chrono::milliseconds(50), take) > 0 ? now : heard;
         now = Clock::now();
     }
-    return end(capture);
+    return capture.flush() ? 0 : 1;
 }
 
 } // namespace
@@ -183,5 +168,5 @@ int main(int count, char **arguments)
         std::printf("12\t5\t%d\t3\t28\t12,12\t1000,1000\t0,%d\t%d\t\t%.6f\t\t\t\t\t\t\t\t\t\n", version,
                     entity.xform.es.entityId.entity, ++request, std::fmod(now, 3600.0));
     }
-    return end(capture);
+    return capture.flush() ? 0 : 1;
 }

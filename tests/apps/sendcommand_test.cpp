@@ -151,10 +151,9 @@ TEST(Send, ShotsAndDetonationsAtTheirTimes)
         EXPECT_NEAR(between(first.header.timestamp, header.timestamp), time, 2e-6);
     }
 
-    // Among reports, which stay what they are, and in their datagram; the first entity fires.
-    const Traffic mixed =
-        trafficOf("--entities 2 --first-entity 7 --rate 2 --duration 1 --loss 0 --bundle --leave --fire "
-                  "0,0,0,0.5 --detonate 0,0,0,1");
+    // Among reports, in their datagram; the first entity fires.
+    const Traffic mixed = trafficOf("--entities 2 --first-entity 7 --rate 2 --duration 1 --bundle --leave "
+                                    "--fire 0,0,0,0.5 --detonate 0,0,0,1");
     EXPECT_EQ(mixed.datagrams, (std::vector<std::size_t>{288, 384, 104, 288}));
     EXPECT_TRUE(mixed.fires.at(0).firing.entity == 7 && mixed.detonations.at(0).event.number == 1);
 

@@ -2,49 +2,33 @@
 #include <tolvin/apps/terrain.h>
 
 #include <cmath>
-#include <filesystem>
 #include <fstream>
-
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "support/capture.h"
 #include "support/fullarena.h"
 #include "support/heightfiles.h"
+#include "support/temporaryfolder.h"
 
 using namespace tolvin;
 
 namespace
 {
 
+[[maybe_unused]] const int kArenaSize = pfSharedArenaSize(std::size_t{24} << 20);
+
 class TerrainTest : public testing::Test
 {
 protected:
-    TerrainTest()
-    {
-        [[maybe_unused]] static const auto once = pfSharedArenaSize(std::size_t{24} << 20);
-        pfGetSharedArena();
-        std::filesystem::create_directory(folder_);
-        before_ = blocksInUse();
-    }
-    ~TerrainTest() override
-    {
-        EXPECT_EQ(blocksInUse(), before_);
-        std::filesystem::remove_all(folder_);
-    }
-
-    // A cell of so many samples across, or a picture of 8 bits in which black is unknown; each sample has a value of its row and
-    // column.
+    // A cell, or a picture of 8 bits in which black is unknown; each sample has a value of its row and column.
     void write(const std::string &name, unsigned columns, unsigned rows, int (*valueOf)(int row, int column)) const
     {
         const bool isPicture = name.ends_with(".png");
         Bytes bytes;
         for (unsigned row = 0; row < rows; ++row)
         {
-            if (isPicture)
-            {
-                bytes.push_back(0); // no filter
-            }
+            bytes.resize(bytes.size() + isPicture); // no filter
             for (unsigned column = 0; column < columns; ++column)
             {
                 appendBigEndian(bytes, valueOf(row, column), isPicture ? 1 : 2);
@@ -65,21 +49,12 @@ protected:
 
     std::string refusal() const
     {
-        try
-        {
-            Terrain(scene_, folder_);
-            return "none";
-        }
-        catch (const std::runtime_error &error)
-        {
-            const std::string text = error.what(), folder = folder_.string() + '/';
-            return text.starts_with(folder) ? text.substr(folder.size()) : "no name: " + text;
-        }
+        const std::string text = refusalOf([this] { Terrain(scene_, folder_); }), folder = folder_.string() + '/';
+        return text.starts_with(folder) ? text.substr(folder.size()) : "no name: " + text;
     }
 
-    std::filesystem::path folder_ =
-        std::filesystem::temp_directory_path() / ("tolvin_terrain_" + std::to_string(getpid()));
-    std::size_t before_ = 0;
+    NothingStays nothingStays_;
+    TemporaryFolder folder_;
     SceneDescription scene_;
 };
 

@@ -7,15 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
 
 #include <png.h>
-#include <unistd.h>
 
 #include "support/heightfiles.h"
+#include "support/temporaryfolder.h"
 
 using namespace tolvin;
 
@@ -62,25 +61,13 @@ struct Image
 
 struct TerrainMap : testing::Test
 {
-    TerrainMap()
-    {
-        std::filesystem::create_directory(folder);
-    }
-    ~TerrainMap() override
-    {
-        std::filesystem::remove_all(folder);
-    }
-
     // Terrain of a picture of 65 by 65 heights, 10 m apart; a grey level is a metre.
     Terrain terrainOf(int (*height)(int east, int north)) const
     {
         Bytes rows;
         for (int i = 0; i < 65 * 65; ++i)
         {
-            if (i % 65 == 0)
-            {
-                rows.push_back(0); // no filter
-            }
+            rows.resize(rows.size() + (i % 65 == 0)); // no filter
             rows.push_back(static_cast<std::uint8_t>(height(i % 65 - 32, 32 - i / 65)));
         }
         writeBytes(folder / "heights.png", PngOf{65, 65, 8, 0, rows, {}, {}}.bytes());
@@ -101,8 +88,7 @@ struct TerrainMap : testing::Test
         return text.str();
     }
 
-    const std::filesystem::path folder =
-        std::filesystem::temp_directory_path() / ("tolvin_terrainmap_" + std::to_string(getpid()));
+    const TemporaryFolder folder;
 };
 
 DrivenPath straight(double length, double height)
@@ -228,10 +214,11 @@ TEST_F(TerrainMap, ShowsEffectsAndWhatIsAroundThem)
                                   {{5, 5, 0}, {1e6, 0, 0}}};
     const std::string map = draw(flat, {}, {}, effects);
     // 200 m are 760 pixels; (5, 5) is in their middle, at 464 and 476.
-    EXPECT_NE(map.find("<path d='M445.00 495.00L483.00 495.00L483.00 457.00z' fill='#ff8000' stroke='#ff8000' "
-                       "opacity='0.250'/>"),
-              std::string::npos);
-    EXPECT_NE(map.find("<path d='M459.5 471.5l9 9m0 -9l-9 9'/>"), std::string::npos);
-    EXPECT_NE(map.find("effect began"), std::string::npos);
+    for (const char *const text :
+         {"<path d='M445.00 495.00L483.00 495.00L483.00 457.00z' fill='#ff8000' stroke='#ff8000' opacity='0.250'/>",
+          "<path d='M459.5 471.5l9 9m0 -9l-9 9'/>", "effect began"})
+    {
+        EXPECT_NE(map.find(text), std::string::npos) << text;
+    }
     EXPECT_EQ(draw(flat, {}).find("effect began"), std::string::npos);
 }

@@ -93,12 +93,6 @@ std::string jeepWith(const std::string &more)
 class Worlds : public testing::Test
 {
 protected:
-    ~Worlds() override
-    {
-        world_.reset();
-        EXPECT_EQ(blocksInUse(), before_);
-    }
-
     // What is told of a world with these entities; nothing when there is one.
     std::string make(Height height, const std::string &entities, const char *more = "")
     {
@@ -117,20 +111,10 @@ protected:
         description_ = {};
         EXPECT_TRUE(
             readDescription("SCENE \"hill\" { TERRAIN \"hill.obj\" { } }\n" + entities, root_, description_).empty());
+        const auto tell = [this](const std::string &line) { notices_ += line + '\n'; };
+        const auto take = [&] { world_ = std::make_unique<World>(root_, description_, folder_, options_, tell); };
         std::string text;
-        const auto take = [&]
-        {
-            try
-            {
-                world_ = std::make_unique<World>(root_, description_, folder_.string(), options_,
-                                                 [this](const std::string &line) { notices_ += line + '\n'; });
-            }
-            catch (const std::runtime_error &error)
-            {
-                text = error.what();
-            }
-        };
-        capturedStderr(take);
+        capturedStderr([&] { text = refusalOf(take); });
         return text;
     }
 
@@ -155,7 +139,7 @@ protected:
         return *world_->driven()->entity;
     }
 
-    const std::size_t before_ = blocksInUse();
+    NothingStays nothingStays_;
     const TemporaryFolder folder_;
     vuRootNode root_ = newRoot();
     FrameClock clock_{root_, Pace::Fast, kRate};

@@ -1,7 +1,9 @@
 #include "support/capture.h"
+#include "support/fullarena.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <dlfcn.h>
 #include <string>
@@ -59,10 +61,7 @@ std::string failedAttach(TestEntity &entity)
 bool inChild(bool (*body)())
 {
     const pid_t child = fork();
-    if (child == 0)
-    {
-        _exit(body() ? 0 : 1);
-    }
+    child == 0 ? _exit(body() ? 0 : 1) : void();
     int status = 1;
     waitpid(child, &status, 0);
     return status == 0;
@@ -130,10 +129,7 @@ TEST(Entity, InitSetsItsFieldsAndNoOthers)
     expected.shmId = expected.word19C = -1;
     memcpy(&expected.xform, &e.xform, sizeof e.xform);
     expected.smooth = e.smooth;
-    for (vuProbe &probe : expected.probes)
-    {
-        probe = {{0, 0, 0}, {0, 0, -1}, 5};
-    }
+    std::ranges::fill(expected.probes, vuProbe{{0, 0, 0}, {0, 0, -1}, 5});
     EXPECT_EQ(memcmp(&e, &expected, sizeof e), 0);
 
     memset(static_cast<void *>(e.smooth), 0x5A, sizeof *e.smooth);
@@ -158,9 +154,7 @@ TEST(EntityDeathTest, CountsFromZeroUntilTheArenaIsFull)
             EXPECT_TRUE(entity->id == count++ && entity->node.name == nullptr);
         }
         EXPECT_GT(count, 10U);
-        while (pfMalloc(1, pfGetSharedArena()) != nullptr)
-        {
-        }
+        tolvin::fillersOf(1);
         TestEntity entity(1999);
         vuRootNode root = {};
         entityAllocVars(&root, &entity);
@@ -178,10 +172,9 @@ TEST(Entity, ListsAndSearches)
     char file[] = "tank.flt";
     nameless.definition = nullptr;
     second.own.fileName = file;
-    for (TestEntity *entity : {&nameless, &first, &second})
-    {
-        entityAppend(&scene, entity);
-    }
+    entityAppend(&scene, &nameless);
+    entityAppend(&scene, &first);
+    entityAppend(&scene, &second);
     EXPECT_EQ(entityFindNamed(&scene, "twin"), &first);
     EXPECT_EQ(entityFindFilename(&scene, file), &second);
     entityRemove(&scene, &first);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -11,13 +10,13 @@
 
 #include <dlfcn.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <tolvin/kernel/tolvin.h>
 #include <tolvin/performer/pf.h>
 
 #include "support/capture.h"
 #include "support/fullarena.h"
+#include "support/temporaryfolder.h"
 
 static const std::string kProbe = TOLVIN_TEST_PROBE, kOnlyUpdate = TOLVIN_TEST_ONLY_UPDATE;
 
@@ -25,9 +24,7 @@ using tolvin::blocksInUse;
 
 static char *inArena(const std::string &text)
 {
-    char *copy = static_cast<char *>(pfMalloc(text.size() + 1, pfGetSharedArena()));
-    memcpy(copy, text.c_str(), text.size() + 1);
-    return copy;
+    return static_cast<char *>(memcpy(pfMalloc(text.size() + 1, pfGetSharedArena()), text.c_str(), text.size() + 1));
 }
 
 static bool isLoaded(const std::string &plugin)
@@ -51,15 +48,14 @@ static std::string messages(const std::function<void()> &action)
 class Effects : public testing::Test
 {
 protected:
+    tolvin::NothingStays nothingStays;
     vuRootNode root = {};
-    const size_t blocks = (pfGetSharedArena(), blocksInUse());
 
     ~Effects() override
     {
         effectUnloadAll(&root);
         effectFreeAll(&root);
         EXPECT_EQ(root.effects.first, nullptr);
-        EXPECT_EQ(blocksInUse(), blocks);
         EXPECT_FALSE(isLoaded(kProbe) || isLoaded(kOnlyUpdate));
     }
 
@@ -82,18 +78,6 @@ protected:
         *text = '\0';
         return copy;
     }
-
-    std::string printed()
-    {
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *stream = open_memstream(&text, &size);
-        effectPrintList(&root, stream);
-        fclose(stream);
-        const std::string copy(text, size);
-        free(text);
-        return copy;
-    }
 };
 
 TEST_F(Effects, InitialisesAllButOneWord)
@@ -101,10 +85,9 @@ TEST_F(Effects, InitialisesAllButOneWord)
     const vuEffect *fx = add("smoke");
     EXPECT_STREQ(fx->node.name, "smoke");
     EXPECT_TRUE(fx->node.type == 19 && fx->tagbase == 0 && fx->maskDraw == 0xffffffff && fx->reserved0 == 0xa5a5a5a5);
-    EXPECT_TRUE(std::ranges::all_of(fx->colour, [](float c) { return c == 1.0F; }));
-    EXPECT_TRUE(fx->duration == 1.0 && fx->fade == 0.0 && fx->numInst == 0 && fx->inst == nullptr);
-    EXPECT_TRUE(fx->reserved1 == 0 && fx->handle == nullptr && fx->fxInit == nullptr && fx->fxFreeInst == nullptr);
-    EXPECT_TRUE(fx->reserved2 == 0 && fx->entityNode == nullptr && fx->position[2] == 0.0F && fx->linkFx == nullptr);
+    EXPECT_TRUE(fx->fade == 0.0 && fx->numInst == 0 && fx->inst == nullptr && fx->handle == nullptr);
+    EXPECT_TRUE(fx->reserved1 == 0 && fx->reserved2 == 0 && fx->fxInit == nullptr && fx->fxFreeInst == nullptr);
+    EXPECT_TRUE(fx->entityNode == nullptr && fx->linkFx == nullptr);
 }
 
 TEST_F(Effects, SetsUpInOrderAndConnectsForwards)
@@ -114,14 +97,12 @@ TEST_F(Effects, SetsUpInOrderAndConnectsForwards)
     vuEffect *last = add("last", kProbe, 1);
     first->linkFxName = inArena("last"), self->linkFxName = inArena("self"), lost->linkFxName = inArena("nobody");
     self->linkFx = last;
-    int count = 0;
-    const std::string said = messages([&] { count = effectSetupAll(&root); });
-    EXPECT_EQ(count, 4);
+    const std::string said = messages([&] { EXPECT_EQ(effectSetupAll(&root), 4); });
     const std::string tag = "kernelfx:# Info: FX tagbase: 0x50524f42\n";
     EXPECT_EQ(said, tag + "[0] [1] " + tag +
                         "kernelfx:# Warning: \033[33mlink FX \"self\" must not connect to itself\033[0m\n" + tag +
                         "[0] kernelfx:# Warning: \033[33munable to find link FX \"nobody\"\033[0m\n" + tag + "[0] ");
-    EXPECT_EQ(log(first), "init first 2 0 0\ninitInst first 0 0 0\ninitInst first 1 0 0\ninit self 0 1 0\n"
+    EXPECT_EQ(log(first), "init first 2 0 0\ninitInst first 0 0 0\ninitInst first 1 0 0\ninit self 0 0 0\n"
                           "init lost 1 0 0\ninitInst lost 0 0 0\ninit last 1 0 0\ninitInst last 0 0 0\n");
     EXPECT_TRUE(first->linkFx == last && self->linkFx == nullptr && lost->linkFx == nullptr);
     EXPECT_TRUE(first->numInst == 2 && self->numInst == 0 && first->tagbase == 0x50524f42);
@@ -153,25 +134,25 @@ TEST_F(Effects, ForwardsWordsUnchanged)
                            " 0 0\ntrigger fx 7 0 0\ntriggerInst fx 1 2 0\ngetData fx 3 4 0\nsetData fx 5 6 0\n"
                            "getInstData fx 1 2 3\nsetInstData fx 4 5 6\nstopInst fx 1 0 0\n");
 
-    EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U); }),
-              "kernelfx:# Debug: NULL Instance\n");
-    EXPECT_EQ(messages(
-                  [&]
-                  {
-                      EXPECT_EQ(effectObtain(&root, nullptr, 1) + effectTrigger(&root, nullptr, 1), 0U);
-                      effectTriggerInst(&root, nullptr, 1, 2);
-                      EXPECT_EQ(effectStopInst(&root, nullptr, fx->inst), 0U);
-                  }),
-              "kernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\nkernelfx:# Debug: No fx\n");
-    EXPECT_EQ(messages([&] { EXPECT_EQ(effectSetup(&root, nullptr), 0); }), "kernelfx:# Debug: No effect\n");
+    const auto misuse = [&]
+    {
+        EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U);
+        EXPECT_EQ(effectObtain(&root, nullptr, 1) + effectTrigger(&root, nullptr, 1), 0U);
+        effectTriggerInst(&root, nullptr, 1, 2);
+        EXPECT_EQ(effectStopInst(&root, nullptr, fx->inst), 0U);
+        EXPECT_EQ(effectSetup(&root, nullptr), 0);
+    };
+    const std::string none = "kernelfx:# Debug: No fx\n";
+    EXPECT_EQ(messages(misuse),
+              "kernelfx:# Debug: NULL Instance\n" + none + none + none + none + "kernelfx:# Debug: No effect\n");
     EXPECT_EQ(log(fx), "");
 }
 
 TEST_F(Effects, GoOnWithoutEntryPoints)
 {
-    vuEffect *fx = add("fx", kOnlyUpdate), *other = add("other", kOnlyUpdate, -1);
+    vuEffect *fx = add("fx", kOnlyUpdate);
+    add("other");
     fx->linkFxName = inArena("other");
-    const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, fx), 1); });
     std::string expected;
     for (const char *name : {"Init", "GetData", "SetData", "Obtain", "Trigger", "Free", "InitInst", "TriggerInst",
                              "GetInstData", "SetInstData", "StopInst", "FreeInst"})
@@ -179,41 +160,36 @@ TEST_F(Effects, GoOnWithoutEntryPoints)
         expected += std::string("kernelfx:# Warning: \033[33munable to find function \"fx") + name + "\" in \"" +
                     kOnlyUpdate + "\"\033[0m\n";
     }
-    EXPECT_EQ(said, expected);
+    EXPECT_EQ(messages([&] { EXPECT_EQ(effectSetup(&root, fx), 1); }), expected);
     EXPECT_TRUE(fx->numInst == 2 && fx->inst != nullptr && fx->linkFx == nullptr && fx->fxFreeInst == nullptr);
     effectUpdate(&root);
     EXPECT_EQ(log(fx), "update fx 0 0 0\n");
-    EXPECT_EQ(messages([&] { EXPECT_EQ(effectTrigger(&root, fx, 1), 0U); }), "kernelfx:# Info: FX trigger \"fx\"\n");
-    effectTriggerInst(&root, fx, 1, 2);
-    EXPECT_EQ(effectGetInstData(&root, fx, 1, 2, 3) + effectObtain(&root, fx, 1), 0U);
-    EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, nullptr), 0U); }),
-              "kernelfx:# Debug: NULL Instance\n");
+    const auto ask = [&]
+    {
+        EXPECT_EQ(effectObtain(&root, fx, 1) + effectTrigger(&root, fx, 1) + effectGetInstData(&root, fx, 1, 2, 3), 0U);
+        effectTriggerInst(&root, fx, 1, 2);
+    };
+    EXPECT_EQ(messages(ask), "kernelfx:# Info: FX trigger \"fx\"\n");
     EXPECT_EQ(messages([&] { EXPECT_EQ(effectStopInst(&root, fx, fx->inst), 0U); }),
               "kernelfx:# Warning: \033[33mfxStopInst() undefined in plugin \"" + kOnlyUpdate + "\"\033[0m\n");
-    // A number of instances that is none.
-    EXPECT_NE(messages([&] { EXPECT_EQ(effectSetup(&root, other), 1); }).find("no room for -1 instances"),
-              std::string::npos);
-    EXPECT_TRUE(other->numInst == 0 && other->inst == nullptr);
 }
 
 TEST_F(Effects, RefuseWhatIsNoPlugin)
 {
-    char folder[] = "/tmp/tolvin-fx-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    const auto named = [&](const char *name) { return std::string(folder) + name; };
-    const std::string text = named("/text.so"), foreign = named("/foreign.so"), part = named("/part.so"),
-                      pipe = named("/pipe.so");
-    std::ofstream(text) << "no shared object\n";
-    mkfifo(pipe.c_str(), 0600);
+    const TemporaryFolder folder;
+    const auto write = [&](const char *name, const std::string &bytes)
+    { std::ofstream(folder / name, std::ios::binary) << bytes; };
+    write("text.so", "no shared object\n");
+    mkfifo((folder / "pipe.so").c_str(), 0600);
     std::ifstream probe(kProbe, std::ios::binary);
     std::string bytes{std::istreambuf_iterator<char>(probe), {}};
+    write("part.so", bytes.substr(0, 4096));
     bytes[4] = static_cast<char>(3 - bytes[4]); // class of the ELF header: 32 or 64 bits
-    std::ofstream(foreign, std::ios::binary) << bytes;
-    bytes[4] = static_cast<char>(3 - bytes[4]);
-    std::ofstream(part, std::ios::binary) << bytes.substr(0, 4096);
+    write("foreign.so", bytes);
     EXPECT_EQ(effectCanOpen(kProbe.c_str(), nullptr, 0), 1);
-    for (const std::string &file : {named("/missing.so"), text, foreign, part, pipe, std::string(folder)})
+    for (const char *name : {"missing.so", "text.so", "foreign.so", "part.so", "pipe.so", ""})
     {
+        const std::string file = folder / name;
         char reason[8] = "1234567";
         EXPECT_EQ(effectCanOpen(file.c_str(), reason, 4), 0);
         EXPECT_TRUE(strlen(reason) == 3 && strcmp(reason + 4, "567") == 0);
@@ -227,7 +203,6 @@ TEST_F(Effects, RefuseWhatIsNoPlugin)
     add("good", kProbe);
     messages([&] { EXPECT_EQ(effectSetupAll(&root), 1); });
     effectUpdate(&root);
-    std::filesystem::remove_all(folder);
 }
 
 TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
@@ -262,46 +237,28 @@ TEST_F(Effects, ReleaseInOrderAndSetUpAgain)
     dlclose(held);
 }
 
+TEST_F(Effects, ReleaseAllBeforeAnyPluginGoes)
+{
+    add("first", kOnlyUpdate);
+    vuEffect *second = add("second", kProbe);
+    messages([&] { effectSetupAll(&root); });
+    static bool isFirstThere = false;
+    second->fxFree = [](vuRootNode *, vuEffect *) { isFirstThere = isLoaded(kOnlyUpdate); };
+    effectUnloadAll(&root);
+    EXPECT_TRUE(isFirstThere);
+}
+
 TEST_F(Effects, GoOnWithoutRoomForInstances)
 {
     vuEffect *fx = add("fx", kProbe, 1 << 20), *most = add("most", kProbe, std::numeric_limits<int>::max());
-    vuEffect *wrapping = add("wrapping", kProbe, 82595525); // times 52 is 4 in 32 bits
-    for (vuEffect *each : {fx, most, wrapping})
+    vuEffect *none = add("none", kProbe, -1), *wrapping = add("wrapping", kProbe, 82595525); // times 52 is 4 in 32 bits
+    for (vuEffect *each : {fx, most, wrapping, none})
     {
-        std::vector<void *> taken;
-        for (size_t size = size_t{1} << 28; size >= 1 << 16; size /= 2)
-        {
-            while (void *block = pfMalloc(size, pfGetSharedArena()))
-            {
-                taken.push_back(block);
-            }
-        }
+        const std::vector<void *> taken = tolvin::fillersOf(size_t{1} << 28, 1 << 16);
         const std::string said = messages([&] { EXPECT_EQ(effectSetup(&root, each), 1); });
         std::ranges::for_each(taken, pfFree);
         EXPECT_NE(said.find("no room for " + std::to_string(each->num) + " instances"), std::string::npos);
         EXPECT_TRUE(each->inst == nullptr && each->numInst == 0);
         EXPECT_EQ(log(each), std::string("init ") + each->node.name + " 0 0 0\n");
     }
-}
-
-TEST_F(Effects, PrintAsDescriptionsHaveThem)
-{
-    EXPECT_EQ(printed(), "");
-    EXPECT_EQ(effectSetupAll(&root), 0);
-    effectUpdate(&root);
-    add("bare")->fade = 2.0;
-    add("plain", "plain.so", 16);
-    vuEffect *fx = add("full", "full.so", -3);
-    std::ranges::copy(std::vector{0.5F, 0.25F, 1e-7F, 1.0F}, fx->colour);
-    fx->duration = 12.5, fx->fade = 0.1, fx->maskDraw = 0xabc;
-    fx->parameter = inArena("rate 20"), fx->entityNode = inArena("jeep"), fx->linkFxName = inArena("plain");
-    std::ranges::copy(std::vector{1.5F, -2.0F, 1e6F}, fx->position);
-    fx->direction[2] = 0.1F;
-    EXPECT_EQ(printed(), "EFFECT \"bare\" {\n}\n"
-                         "EFFECT \"plain\" {\n  \"plain.so\"\n  COLOUR      1 1 1 1\n  NUM         16\n"
-                         "  DURATION    1\n  PARAMETER   \"\"\n  POSITION    0 0 0\n  DIRECTION   0 0 0\n}\n"
-                         "EFFECT \"full\" {\n  \"full.so\"\n  COLOUR      0.5 0.25 1e-07 1\n  NUM         -3\n"
-                         "  DURATION    12.5\n  FADE        0.1\n  MASK_DRAW   0x00000abc\n  PARAMETER   \"rate 20\"\n"
-                         "  ENTITYNODE  \"jeep\"\n  POSITION    1.5 -2 1e+06\n  DIRECTION   0 0 0.1\n"
-                         "  LINKFX   \"plain\"\n}\n");
 }

@@ -1,6 +1,7 @@
 #include <tolvin/kernel/kernelnoise.h>
 
 #include "support/capture.h"
+#include "support/fullarena.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +9,8 @@
 #include <limits>
 #include <random>
 #include <tolvin/bench/kernel/plainnoise.h>
-#include <tolvin/performer/pf.h>
-#include <vector>
+
+using tolvin::blocksInUse;
 
 namespace
 {
@@ -34,13 +35,6 @@ protected:
         noiseFree();
     }
 };
-
-size_t blocksInUse()
-{
-    pfArenaInfo info;
-    pfGetArenaInfo(&info);
-    return info.blocksInUse;
-}
 
 TEST(NoiseTables, ChecksumsAndPseudoRandomNumbers)
 {
@@ -80,20 +74,10 @@ void initialiseInFullArena(size_t room)
 {
     pfSharedArenaSize(64 << 10);
     void *const kept = pfMalloc(room, pfGetSharedArena());
-    std::vector<void *> blocks;
-    for (size_t size = 64 << 10; size >= 16; size /= 2)
-    {
-        while (void *const block = pfMalloc(size, pfGetSharedArena()))
-        {
-            blocks.push_back(block);
-        }
-    }
+    const std::vector<void *> blocks = tolvin::fillersOf(64 << 10, 16);
     pfFree(kept);
     const int result = noiseInitialize();
-    for (void *const block : blocks)
-    {
-        pfFree(block);
-    }
+    std::ranges::for_each(blocks, pfFree);
     const int again = noiseInitialize();
     std::exit(result == 0 && again == 1 && noise(0.5F, 0.5F, 0.5F) == oracle.noise(0.5F, 0.5F, 0.5F) ? 0 : 1);
 }

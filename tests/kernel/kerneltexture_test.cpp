@@ -1,10 +1,10 @@
 // This program has the modules that load in it, and their allocations are wrapped by the linker.
 #include "support/capture.h"
 #include "support/fullarena.h"
+#include "support/temporaryfolder.h"
 
 #include <cstring>
 #include <dlfcn.h>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <tolvin/bench/kernel/plainimage.h>
@@ -57,10 +57,7 @@ FILE *__wrap_fopen64(const char *path, const char *mode)
 {
     return isRefused() ? nullptr : __real_fopen64(path, mode);
 }
-FILE *__wrap_fopen(const char *path, const char *mode)
-{
-    return __wrap_fopen64(path, mode);
-}
+[[gnu::alias("__wrap_fopen64")]] FILE *__wrap_fopen(const char *, const char *);
 void __wrap_free(void *block)
 {
     heapBlocks -= isLoading && block != nullptr;
@@ -121,11 +118,11 @@ struct Textures : testing::Test
     size_t blocks = (pfGetSharedArena(), tolvin::blocksInUse());
     vuRootNode root = {};
     vuTextureList list, other;
-    std::string folder = testing::TempDir() + "texturesXXXXXX";
+    const TemporaryFolder folder;
 
     Textures()
     {
-        std::filesystem::current_path(mkdtemp(folder.data()));
+        std::filesystem::current_path(folder);
         std::filesystem::create_directory("t");
         std::filesystem::create_directory("p");
         writeImage("t/rgb", {3, 2, 3});
@@ -141,7 +138,6 @@ struct Textures : testing::Test
     }
     ~Textures() override
     {
-        std::filesystem::remove_all(folder);
         freeAll();
         pfFree(list.node.name);
         pfFree(other.node.name);

@@ -1,3 +1,5 @@
+#include "support/failingnew.h"
+
 #include <gtest/gtest.h>
 
 #include <tolvin/performer/pfhierarchy.hpp>
@@ -9,32 +11,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <utility>
 
 // How many allocations are left until one fails; none fails below 0.
 static int left = -1;
 
+static bool isGranted(size_t)
+{
+    return left < 0 || left-- != 0;
+}
+
 extern "C" void *__real_pfMalloc(size_t bytes, void *arena);
 extern "C" void *__wrap_pfMalloc(size_t bytes, void *arena)
 {
-    return left >= 0 && left-- == 0 ? nullptr : __real_pfMalloc(bytes, arena);
-}
-
-[[gnu::noinline]] void *operator new(size_t bytes)
-{
-    void *memory = left >= 0 && left-- == 0 ? nullptr : malloc(bytes);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-
-[[gnu::noinline]] void operator delete(void *memory) noexcept
-{
-    free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept
-{
-    free(memory);
+    return isGranted(bytes) ? __real_pfMalloc(bytes, arena) : nullptr;
 }
 
 namespace

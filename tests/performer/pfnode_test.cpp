@@ -14,7 +14,6 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 static void *const arena = (pfSharedArenaSize(64 << 20), pfGetSharedArena());
@@ -33,12 +32,9 @@ static std::vector<pfNode *> childrenOf(const pfGroup *group)
 
 static ptrdiff_t timesIn(pfNode *node, const pfGroup *group)
 {
-    ptrdiff_t count = 0;
-    for (int i = 0; i < pfGetNumParents(node); ++i)
-    {
-        count += pfGetParent(node, i) == group;
-    }
-    return count;
+    std::vector<const pfGroup *> parents(static_cast<size_t>(pfGetNumParents(node)));
+    std::ranges::generate(parents, [=, i = 0]() mutable { return pfGetParent(node, i++); });
+    return std::ranges::count(parents, group);
 }
 
 // Edits at random; a model of the children edits along.
@@ -158,16 +154,9 @@ TEST(PfNode, EditsLikeAListAndChangesNothingWithoutRoom)
         std::vector<pfGroup *> groups(5);
         std::vector<pfNode *> nodes(6);
         std::vector<std::vector<pfNode *>> models(5);
-        std::vector<void *> fill;
         std::ranges::generate(groups, [] { return pfNewGroup(arena); });
         std::ranges::generate(nodes, [i = 0]() mutable { return asNode(pfNewGroup(i++ == 0 ? nullptr : arena)); });
-        for (size_t bytes = 1 << 20; isFull && bytes > 0; bytes /= 2)
-        {
-            while (void *block = pfMalloc(bytes, arena))
-            {
-                fill.push_back(block);
-            }
-        }
+        auto fill = tolvin::fillersOf(isFull ? 1 << 20 : 0);
         EXPECT_TRUE(!isFull || (!pfNewGSet(arena) && !pfNewGroup(arena) && !pfNewGeode(arena)));
         for (int i = 0; i < 3000; ++i)
         {

@@ -11,7 +11,6 @@
 #include <array>
 #include <climits>
 #include <cmath>
-#include <functional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -56,11 +55,7 @@ TEST(PfLod, TakesTheChildBetweenWhoseRangesTheEyeIs)
         EXPECT_EQ(pfLODChildAt(lod, at), child) << y;
     }
     EXPECT_EQ(linesOf([=] { EXPECT_EQ(pfLODRange(lod, -1, 0) + pfLODRange(lod, INT_MAX, 0), 0); }), 2);
-    std::vector<void *> fill;
-    while (void *block = pfMalloc(1, arena))
-    {
-        fill.push_back(block);
-    }
+    const std::vector<void *> fill = tolvin::fillersOf(1);
     EXPECT_EQ(pfLODRange(lod, 5000, 1) + pfGetLODNumRanges(lod), 6); // no room
     EXPECT_TRUE(!pfNewLOD(arena) && !pfNewSwitch(arena) && !pfNewGState(arena) && !pfNewChan(arena));
     std::ranges::for_each(fill, pfFree);

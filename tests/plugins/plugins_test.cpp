@@ -1,6 +1,7 @@
 #include "support/capture.h"
 #include "support/fullarena.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -26,23 +27,20 @@ struct Quad
     float alpha;
 };
 
-class Stage
+struct Stage
 {
-public:
+    tolvin::NothingStays nothingStays;
     vuRootNode root = {};
     vuScene scene = {};
 
     Stage()
     {
-        pfGetSharedArena();
-        blocks = tolvin::blocksInUse();
         vunodeAppend(&root.scenes, &scene.node);
     }
     ~Stage()
     {
         effectUnloadAll(&root);
         effectFreeAll(&root);
-        EXPECT_EQ(tolvin::blocksInUse(), blocks);
     }
     vuEffect &add(const std::string &plugin, const std::string &parameter, int num = 4, double duration = 1)
     {
@@ -64,9 +62,9 @@ public:
         setUp(fx);
         return fx;
     }
-    vuEffectInst *begin(vuEffect &fx, const Point &at, bool endless = true, Point velocity = {})
+    vuEffectInst *begin(vuEffect &fx, const Point &at, bool endless = true, Point velocity = {}, float scale = 1)
     {
-        vuFxEvent event = {{at[0], at[1], at[2]}, {}, {}, 1};
+        vuFxEvent event = {{at[0], at[1], at[2]}, {}, {}, scale};
         std::copy_n(velocity.data(), 3, event.velocity);
         const auto word = reinterpret_cast<uintptr_t>(&event);
         return reinterpret_cast<vuEffectInst *>(endless ? effectObtain(&root, &fx, word)
@@ -119,28 +117,21 @@ public:
                 quads[i].centre[axis] = place[3][axis] + (double{c[0][axis]} + c[2][axis]) / 2;
                 quads[i].along[axis] = double{c[1][axis]} - c[0][axis];
                 quads[i].across[axis] = double{c[3][axis]} - c[0][axis];
-                for (int corner = 0; corner < 4; ++corner)
-                {
-                    EXPECT_TRUE(c[corner][axis] >= box.min[axis] && c[corner][axis] <= box.max[axis]);
-                }
+                const auto isInside = [&](const pfVec3 &at)
+                { return at[axis] >= box.min[axis] && at[axis] <= box.max[axis]; };
+                EXPECT_TRUE(std::all_of(c, c + 4, isInside));
             }
         }
         return quads;
     }
-
-private:
-    std::size_t blocks;
 };
 
 Point meanOf(const std::vector<Quad> &quads)
 {
     Point mean = {};
-    for (const Quad &quad : quads)
+    for (size_t i = 0; i < 3 * quads.size(); ++i)
     {
-        for (int axis = 0; axis < 3; ++axis)
-        {
-            mean[axis] += quad.centre[axis] / static_cast<double>(quads.size());
-        }
+        mean[i % 3] += quads[i / 3].centre[i % 3] / static_cast<double>(quads.size());
     }
     return mean;
 }
@@ -149,14 +140,14 @@ Point meanOf(const std::vector<Quad> &quads)
 TEST(Smoke, RisesAndDriftsAlikeInAnyFrames)
 {
     constexpr double kAge = 2;
-    for (const double frame : {0.01, 0.15, 10.05})
+    for (const auto &[frame, scale] : {std::pair(0.01, 1.0F), {0.15, 2.5F}, {10.05, 0.5F}})
     {
         Stage stage;
         vuEffect &fx = stage.ready("smoke", "rate 10 life 4 rise 1.5 spread 0 size 0.5 grow 0.25 wind 2 0 0");
         const float wind[3] = {2, -1, 0};
         EXPECT_EQ(effectSetData(&stage.root, &fx, VU_FX_WIND, reinterpret_cast<uintptr_t>(wind)), 1U);
         fx.fade = 2;
-        vuEffectInst *inst = stage.begin(fx, {-95000.25, 80000.5, 12});
+        vuEffectInst *inst = stage.begin(fx, {-95000.25, 80000.5, 12}, true, {}, scale);
         stage.frames(static_cast<int>(std::lround(10.05 / frame)), frame);
         const std::vector<Quad> quads = stage.quads(fx);
         EXPECT_EQ(quads.size(), 40U);
@@ -169,7 +160,7 @@ TEST(Smoke, RisesAndDriftsAlikeInAnyFrames)
         for (const Quad &quad : quads) // height tells the age
         {
             const double age = (quad.centre[2] - 12) / 1.5;
-            EXPECT_NEAR(std::hypot(quad.along[0], quad.along[1], quad.along[2]), 1 + 0.5 * age, 2e-3);
+            EXPECT_NEAR(std::hypot(quad.along[0], quad.along[1], quad.along[2]), scale * (1 + 0.5 * age), 2e-3);
             EXPECT_NEAR(quad.alpha, (0.8 - 0.5 * age / 4) * std::min(1.0, (4 - age) / 2), 1e-3);
         }
         EXPECT_EQ(stage.state(fx, inst), VU_FX_ON);
@@ -197,6 +188,12 @@ TEST(Smoke, IsAtTheEntityWhileThereIsOne)
     tank.position[0] = 510;
     stage.frames(1, 1); // puffs at each metre of its way, the one at 500 in the next place of the frame before
     EXPECT_NEAR(meanOf(stage.quads(fx))[0], 505, 1);
+    vunodeRemove(&stage.scene.entities, &tank.node);
+    stage.frames(1, 0.1);
+    EXPECT_EQ(stage.state(fx, fx.inst), VU_FX_ENDING);
+    vunodeAppend(&stage.scene.entities, &tank.node);
+    stage.frames(1, 0.1);
+    EXPECT_EQ(stage.state(fx, fx.inst), VU_FX_ON); // it need not wait for its puffs
     vunodeRemove(&stage.scene.entities, &tank.node);
     stage.frames(2, 1.1);
     EXPECT_EQ(stage.get(fx, VU_FX_ACTIVE) + stage.get(fx, VU_FX_PARTICLES), 0U);
@@ -250,6 +247,33 @@ TEST(Blast, LinkedInACircleEndsAndBurstsAgainWhenObtained)
     EXPECT_EQ(stage.get(first, VU_FX_ACTIVE) + stage.get(first, VU_FX_PARTICLES), 0U);
 }
 
+// Of radius 4, in frames after which the next burst is due by rounding only.
+TEST(Blast, FlashesFillsItsBallAndIsNeverDark)
+{
+    Stage stage;
+    vuEffect &fx = stage.ready("blast", "flash 1 fire 200 debris 1 speed 0 piece 0", 1);
+    fx.fade = 0.9;
+    stage.begin(fx, {});
+    double reach = 0;
+    for (int frame = 1; frame < 100; ++frame)
+    {
+        stage.frames(1, 0.04);
+        const std::vector<Quad> quads = stage.quads(fx);
+        ASSERT_GT(quads.size(), 0U) << frame; // the debris lives as long as all of it
+        EXPECT_TRUE(frame != 1 || quads.back().alpha > 0.7F);
+        for (const auto &[centre, along, across, alpha] : quads)
+        {
+            for (const int corner : {-1, 1})
+            {
+                reach = std::max(reach, std::hypot(centre[0] + (along[0] + corner * across[0]) / 2,
+                                                   centre[1] + (along[1] + corner * across[1]) / 2,
+                                                   centre[2] + (along[2] + corner * across[2]) / 2));
+            }
+        }
+    }
+    EXPECT_TRUE(reach > 3.2 && reach < 4.001) << reach;
+}
+
 // East, then north: 100 pieces of 0.5 m, of which the last one is 0.25 m from the end.
 TEST(Trail, LaysPiecesAlongTheWay)
 {
@@ -282,11 +306,38 @@ TEST(Trail, LaysPiecesAlongTheWay)
     }
 }
 
+// Slow, then fast, so that pieces die in between the others.
+TEST(Trail, KeepsTheNewestPiecesForTheirLife)
+{
+    Stage stage;
+    vuEffect &fx = stage.ready("trail", "spacing 1 life 32 pieces 64", 1);
+    vuEffectInst *inst = stage.begin(fx, {});
+    double way = 0;
+    for (int frame = 0; frame < 4000; ++frame)
+    {
+        way += frame / 300 % 2 == 0 ? 0.1 : 0.3;
+        stage.move(fx, inst, {way, 0, 0});
+        stage.frames(1, 0.1);
+        std::vector<Quad> quads = stage.quads(fx);
+        std::ranges::sort(quads, {}, [](const Quad &quad) { return -quad.centre[0]; });
+        for (size_t i = 0; i < quads.size(); ++i)
+        {
+            ASSERT_TRUE(quads[i].centre[0] > way - 1.5 - i && quads[i].centre[0] < way + 0.5 - i) << frame;
+        }
+    }
+    vuEffect &slow = stage.ready("trail", "life 600", 1);
+    stage.move(slow, stage.begin(slow, {}), {0.3, 0, 0});
+    stage.frames(599900, 0.001);
+    EXPECT_EQ(stage.get(slow, VU_FX_PARTICLES), 1U);
+    stage.frames(200, 0.001);
+    EXPECT_EQ(stage.get(slow, VU_FX_PARTICLES), 0U);
+}
+
 TEST(Plugins, TakeAnySettingsAndFrames)
 {
     for (const char *plugin : kPlugins)
     {
-        for (const double number : {kNaN, kInfinity, -kInfinity, -1.0, 0.0, 1e300, 1e-300})
+        for (const double number : {kNaN, kInfinity, -kInfinity, -1.0, 0.0, 1e300, 1e-38, 1e-300})
         {
             Stage stage;
             vuEffect &fx =
@@ -305,7 +356,7 @@ TEST(Plugins, TakeAnySettingsAndFrames)
             effectStopInst(&stage.root, &fx, fx.inst + 100);
             const float wind[3] = {static_cast<float>(number), 0, 0};
             effectSetData(&stage.root, &fx, VU_FX_WIND, reinterpret_cast<uintptr_t>(wind));
-            for (const double seconds : {0.0, 0.02, -1.0, kNaN, 10.0, 1e300, 0.02})
+            for (const double seconds : {0.0, 0.02, 0.05, -1.0, kNaN, 10.0, 1e300, 0.02})
             {
                 stage.frames(2, seconds);
                 fx.numInst = 7, fx.maskDraw = 3; // the application's, at any time
@@ -364,19 +415,17 @@ TEST(Plugins, LeaveNothingBehind)
     {
         Stage stage;
         vuEffect &fx = stage.add(plugin, "", 2);
-        const int refused =
-            tolvin::refusalsUntilThereIsRoom(512,
-                                             [&]
-                                             {
-                                                 const std::string said = stage.setUp(fx);
-                                                 const bool shows = stage.node(fx) != nullptr;
-                                                 stage.begin(fx, {});
-                                                 stage.frames(1, 0.1);
-                                                 effectUnload(&stage.root, &fx);
-                                                 EXPECT_NE(shows, said.find("shows nothing") < said.size());
-                                                 shows ? void() : throw std::runtime_error("no room");
-                                             });
-        EXPECT_GT(refused, 4);
+        const auto use = [&]
+        {
+            const std::string said = stage.setUp(fx);
+            const bool shows = stage.node(fx) != nullptr;
+            stage.begin(fx, {});
+            stage.frames(1, 0.1);
+            effectUnload(&stage.root, &fx);
+            EXPECT_NE(shows, said.find("shows nothing") < said.size());
+            shows ? void() : throw std::runtime_error("no room");
+        };
+        EXPECT_GT(tolvin::refusalsUntilThereIsRoom(512, use), 4);
         stage.setUp(fx);
         pfScene *scene = pfNewScene(pfGetSharedArena());
         pfAddChild(reinterpret_cast<pfGroup *>(scene), stage.node(fx));

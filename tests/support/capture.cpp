@@ -8,3 +8,25 @@ std::string capturedStderr(const std::function<void()> &action)
     action();
     return testing::internal::GetCapturedStderr();
 }
+
+std::string refusalOf(const std::function<void()> &action)
+{
+    try
+    {
+        action();
+        return {};
+    }
+    catch (const std::exception &error)
+    {
+        return error.what();
+    }
+}
+
+std::string replaced(std::string text, const std::string &what, const std::string &by)
+{
+    for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
+    {
+        text.replace(at, what.size(), by);
+    }
+    return text;
+}

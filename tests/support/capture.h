@@ -1,4 +1,4 @@
-// Capture of what is written to standard error.
+// Capture of what is written to standard error, and of what is thrown.
 #pragma once
 
 #include <algorithm>
@@ -14,3 +14,9 @@ inline std::ptrdiff_t linesOf(const std::function<void()> &action)
 {
     return std::ranges::count(capturedStderr(action), '\n');
 }
+
+// What an action tells when it throws; empty when it does not.
+std::string refusalOf(const std::function<void()> &action);
+
+// A text with something in it replaced, wherever it is.
+std::string replaced(std::string text, const std::string &what, const std::string &by);

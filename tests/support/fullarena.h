@@ -1,9 +1,9 @@
-// Want of room in the shared arena.
+// Blocks of the shared arena, and want of room there.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
-#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -19,6 +19,31 @@ inline std::size_t blocksInUse()
     pfArenaInfo info;
     pfGetArenaInfo(&info);
     return info.blocksInUse;
+}
+
+// Sees that what is made after it leaves nothing in the arena.
+struct NothingStays
+{
+    const std::size_t before = (pfGetSharedArena(), blocksInUse());
+
+    ~NothingStays()
+    {
+        EXPECT_EQ(blocksInUse(), before);
+    }
+};
+
+// Takes blocks whose size halves from one to another, each until there is no room for it.
+inline std::vector<void *> fillersOf(std::size_t greatest, std::size_t least = 1, void *arena = pfGetSharedArena())
+{
+    std::vector<void *> fillers;
+    for (std::size_t bytes = greatest; bytes >= least; bytes /= 2)
+    {
+        while (void *const filler = pfMalloc(bytes, arena))
+        {
+            fillers.push_back(filler);
+        }
+    }
+    return fillers;
 }
 
 // Tries an action in a full arena, then with so many bytes more each time until it succeeds. Whenever it throws, it has to leave
@@ -49,10 +74,7 @@ inline int refusalsUntilThereIsRoom(std::size_t more, const std::function<void()
         ++refused;
         pfFree(fillers.back());
     }
-    for (void *const filler : fillers)
-    {
-        pfFree(filler);
-    }
+    std::ranges::for_each(fillers, pfFree);
     return refused;
 }
 

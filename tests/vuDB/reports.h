@@ -8,15 +8,6 @@
 
 #include "support/capture.h"
 
-inline std::string replaced(std::string text, const std::string &what, const std::string &by)
-{
-    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size())
-    {
-        text.replace(at, what.size(), by);
-    }
-    return text;
-}
-
 // The reports of an action, one a line, without line numbers; braces stand for red and its end.
 inline std::string reportsOf(const std::function<void()> &action)
 {
