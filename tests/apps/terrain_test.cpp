@@ -28,7 +28,7 @@ protected:
         Bytes bytes;
         for (unsigned row = 0; row < rows; ++row)
         {
-            bytes.resize(bytes.size() + isPicture); // no filter
+            appendBigEndian(bytes, 0, isPicture); // no filter
             for (unsigned column = 0; column < columns; ++column)
             {
                 appendBigEndian(bytes, valueOf(row, column), isPicture ? 1 : 2);

@@ -67,7 +67,7 @@ struct TerrainMap : testing::Test
         Bytes rows;
         for (int i = 0; i < 65 * 65; ++i)
         {
-            rows.resize(rows.size() + (i % 65 == 0)); // no filter
+            appendBigEndian(rows, 0, i % 65 == 0); // no filter
             rows.push_back(static_cast<std::uint8_t>(height(i % 65 - 32, 32 - i / 65)));
         }
         writeBytes(folder / "heights.png", PngOf{65, 65, 8, 0, rows, {}, {}}.bytes());
