@@ -128,7 +128,7 @@ PduFault DisInput::takePdu(const Pdu &pdu, double arrival)
         return takeShot(pdu, decodeFire, fire_, counts_.fires);
     case PduKind::Detonation:
         return takeShot(pdu, decodeDetonation, detonation_, counts_.detonations);
-    case PduKind::Other:
+    default:
         break;
     }
     ++counts_.otherPdus;

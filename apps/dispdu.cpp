@@ -1,10 +1,11 @@
 #include "dispdu.h"
 
+#include "diswire.hpp"
+
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <initializer_list>
-#include <type_traits>
+#include <iterator>
 
 namespace tolvin
 {
@@ -12,15 +13,22 @@ namespace tolvin
 namespace
 {
 
-constexpr std::uint8_t kEntityStateType = 1;
-constexpr std::uint8_t kEntityInformationFamily = 1;
-constexpr std::uint8_t kRemoveEntityType = 12;
-constexpr std::uint8_t kSimulationManagementFamily = 5;
-constexpr std::uint8_t kFireType = 2;
-constexpr std::uint8_t kDetonationType = 3;
-constexpr std::uint8_t kWarfareFamily = 2;
-constexpr std::size_t kArticulationParameterSize = 16;
 constexpr std::size_t kPduAlignment = 8;
+
+// Type numbers count together with their family only.
+struct KnownKind
+{
+    PduKind kind;
+    std::uint8_t type;
+    std::uint8_t family;
+};
+
+constexpr KnownKind kKnownKinds[] = {{PduKind::EntityState, 1, 1},   {PduKind::EntityStateUpdate, 67, 1},
+                                     {PduKind::Collision, 4, 1},     {PduKind::Fire, 2, 2},
+                                     {PduKind::Detonation, 3, 2},    {PduKind::CreateEntity, 11, 5},
+                                     {PduKind::RemoveEntity, 12, 5}, {PduKind::Acknowledge, 15, 5},
+                                     {PduKind::DataQuery, 18, 5},    {PduKind::SetData, 19, 5},
+                                     {PduKind::Data, 20, 5}};
 
 // Beyond these a number is an error of the sender, and dead reckoning from it would fling the entity out of the world.
 constexpr double kMaxLocation = 1e9;        // m: more than twice the way to the moon
@@ -29,191 +37,18 @@ constexpr double kMaxAcceleration = 1e6;    // m/s^2: above what a shell undergo
 constexpr double kMaxAngularVelocity = 1e5; // rad/s: a few times the spin of a rifle bullet
 constexpr double kMaxAngle = 1e4;           // rad: a float holds greater ones to no better than a milliradian
 
-template<std::size_t size>
-using Word = std::conditional_t<
-    size == 1, std::uint8_t,
-    std::conditional_t<size == 2, std::uint16_t, std::conditional_t<size == 4, std::uint32_t, std::uint64_t>>>;
-
-// Reads big-endian fields one after another. Past the end it gives zeros and remembers that it was asked for them.
-class WireReader
+template<class Record>
+void setKind(Record &record, PduKind kind)
 {
-public:
-    explicit WireReader(std::span<const std::uint8_t> source) : bytes(source)
-    {
-    }
-
-    template<class... Fields>
-    void operator()(Fields &...fields)
-    {
-        (read(fields), ...);
-    }
-
-    std::span<const std::uint8_t> take(std::size_t count)
-    {
-        const bool enough = count <= bytes.size();
-        exhausted = exhausted || !enough;
-        const auto taken = bytes.first(enough ? count : 0);
-        bytes = bytes.subspan(enough ? count : bytes.size());
-        return taken;
-    }
-
-    bool overrun() const
-    {
-        return exhausted;
-    }
-
-private:
-    template<class Field>
-    void read(Field &field)
-    {
-        if constexpr (std::is_array_v<Field>)
-        {
-            for (auto &element : field)
-            {
-                read(element);
-            }
-        }
-        else
-        {
-            Word<sizeof(Field)> word = 0;
-            for (const std::uint8_t byte : take(sizeof(Field)))
-            {
-                word = static_cast<Word<sizeof(Field)>>(std::uint64_t{word} << 8 | byte);
-            }
-            field = std::bit_cast<Field>(word);
-        }
-    }
-
-    std::span<const std::uint8_t> bytes;
-    bool exhausted = false;
-};
-
-// Writes big-endian fields one after another into room that the caller has made sure of.
-class WireWriter
-{
-public:
-    explicit WireWriter(std::span<std::uint8_t> target) : bytes(target)
-    {
-    }
-
-    template<class... Fields>
-    void operator()(const Fields &...fields)
-    {
-        (write(fields), ...);
-    }
-
-private:
-    template<class Field>
-    void write(const Field &field)
-    {
-        if constexpr (std::is_array_v<Field>)
-        {
-            for (const auto &element : field)
-            {
-                write(element);
-            }
-        }
-        else
-        {
-            std::uint64_t word = std::bit_cast<Word<sizeof(Field)>>(field);
-            for (std::size_t i = sizeof(Field); i-- > 0; word >>= 8)
-            {
-                bytes[i] = static_cast<std::uint8_t>(word);
-            }
-            bytes = bytes.subspan(sizeof(Field));
-        }
-    }
-
-    std::span<std::uint8_t> bytes;
-};
-
-template<class Wire, class Header, class Padding>
-void headerFields(Wire &wire, Header &header, Padding &padding)
-{
-    wire(header.protocolVersion, header.exerciseId, header.pduType, header.protocolFamily, header.timestamp,
-         header.length, padding);
-}
-
-template<class Wire, class EntityId>
-void entityIdFields(Wire &wire, EntityId &id)
-{
-    wire(id.site, id.application, id.entity);
-}
-
-template<class Wire, class EntityType>
-void entityTypeFields(Wire &wire, EntityType &type)
-{
-    wire(type.kind, type.domain, type.country, type.category, type.subcategory, type.specific, type.extra);
-}
-
-// The fields of an Entity State PDU in their order on the wire, for both directions.
-template<class Wire, class State>
-void entityStateFields(Wire &wire, State &state)
-{
-    headerFields(wire, state, state.padding);
-    entityIdFields(wire, state.entityId);
-    wire(state.forceId, state.numArticulParam);
-    entityTypeFields(wire, state.entityType);
-    entityTypeFields(wire, state.altEntityType);
-    wire(state.velocity, state.location, state.orientation, state.appearance);
-    wire(state.deadReckoning.algorithm, state.deadReckoning.parameters, state.deadReckoning.linearAcc,
-         state.deadReckoning.angularVel);
-    wire(state.marking.characterSet, state.marking.text, state.capabilities);
-}
-
-template<class Wire, class Removal>
-void removeEntityFields(Wire &wire, Removal &removal)
-{
-    std::uint16_t padding = 0;
-    headerFields(wire, removal.header, padding);
-    entityIdFields(wire, removal.originating);
-    entityIdFields(wire, removal.receiving);
-    wire(removal.request);
-}
-
-// What Fire and Detonation PDUs begin with.
-template<class Wire, class Shot>
-void shotFields(Wire &wire, Shot &shot)
-{
-    std::uint16_t padding = 0;
-    headerFields(wire, shot.header, padding);
-    entityIdFields(wire, shot.firing);
-    entityIdFields(wire, shot.target);
-    entityIdFields(wire, shot.munition);
-    wire(shot.event.site, shot.event.application, shot.event.number);
-}
-
-template<class Wire, class Descriptor>
-void descriptorFields(Wire &wire, Descriptor &descriptor)
-{
-    entityTypeFields(wire, descriptor.munition);
-    wire(descriptor.warhead, descriptor.fuse, descriptor.quantity, descriptor.rate);
-}
-
-template<class Wire, class FireRecord>
-void fireFields(Wire &wire, FireRecord &fire)
-{
-    shotFields(wire, fire);
-    wire(fire.fireMissionIndex, fire.location);
-    descriptorFields(wire, fire.descriptor);
-    wire(fire.velocity, fire.range);
-}
-
-template<class Wire, class DetonationRecord>
-void detonationFields(Wire &wire, DetonationRecord &detonation, std::uint8_t &articulations)
-{
-    std::uint16_t padding = 0;
-    shotFields(wire, detonation);
-    wire(detonation.velocity, detonation.location);
-    descriptorFields(wire, detonation.descriptor);
-    wire(detonation.entityLocation, detonation.result, articulations, padding);
+    const auto *const known = std::ranges::find(kKnownKinds, kind, &KnownKind::kind);
+    record.pduType = known->type;
+    record.protocolFamily = known->family;
 }
 
 // Sets what follows from the record being an Entity State PDU without articulation parameters.
 void setFixedFields(vuEntityState &state)
 {
-    state.pduType = kEntityStateType;
-    state.protocolFamily = kEntityInformationFamily;
+    setKind(state, PduKind::EntityState);
     state.length = kEntityStateSize;
     state.padding = 0;
     state.numArticulParam = 0;
@@ -242,17 +77,19 @@ PduFault checkVector(const Number (&vector)[3], double limit)
 }
 
 // A record's header as it is to be sent.
-PduHeader headerOf(const PduHeader &header, std::uint8_t type, std::uint8_t family, std::size_t length)
+PduHeader sentHeader(const PduHeader &header, PduKind kind, std::size_t length)
 {
-    return {
-        header.protocolVersion, header.exerciseId, type, family, header.timestamp, static_cast<std::uint16_t>(length)};
+    PduHeader sent = header;
+    setKind(sent, kind);
+    sent.length = static_cast<std::uint16_t>(length);
+    sent.padding = 0;
+    return sent;
 }
 
 PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
 {
     WireReader wire(bytes);
-    std::uint16_t padding;
-    headerFields(wire, header, padding);
+    fieldsOf(wire, header);
     if (wire.overrun())
     {
         return PduFault::ShorterThanHeader;
@@ -272,23 +109,10 @@ PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
 
 PduKind kindOf(const PduHeader &header)
 {
-    if (header.pduType == kEntityStateType && header.protocolFamily == kEntityInformationFamily)
-    {
-        return PduKind::EntityState;
-    }
-    if (header.pduType == kRemoveEntityType && header.protocolFamily == kSimulationManagementFamily)
-    {
-        return PduKind::RemoveEntity;
-    }
-    if (header.pduType == kFireType && header.protocolFamily == kWarfareFamily)
-    {
-        return PduKind::Fire;
-    }
-    if (header.pduType == kDetonationType && header.protocolFamily == kWarfareFamily)
-    {
-        return PduKind::Detonation;
-    }
-    return PduKind::Other;
+    const auto *const known =
+        std::ranges::find_if(kKnownKinds, [&](const KnownKind &kind)
+                             { return kind.type == header.pduType && kind.family == header.protocolFamily; });
+    return known != std::end(kKnownKinds) ? known->kind : PduKind::Other;
 }
 
 const char *faultText(PduFault fault)
@@ -308,7 +132,7 @@ const char *faultText(PduFault fault)
     case PduFault::TrailingBytes:
         return "the bytes behind the last PDU are neither padding nor a PDU";
     case PduFault::BodyTooShort:
-        return "a PDU is too short for its type or its articulation parameters";
+        return "a PDU is too short for its type, or for the parameters or datums that it tells of";
     case PduFault::NonFinite:
         return "a number in a PDU is infinite or not a number";
     case PduFault::Implausible:
@@ -362,8 +186,8 @@ PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
 {
     WireReader wire(pdu.bytes);
     vuEntityState state;
-    entityStateFields(wire, state);
-    wire.take(state.numArticulParam * kArticulationParameterSize);
+    fieldsOf(wire, state);
+    wire.take(state.numArticulParam * sizeof(VariableParameter));
     if (wire.overrun())
     {
         return PduFault::BodyTooShort;
@@ -386,7 +210,7 @@ std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t
     vuEntityState fixed = state;
     setFixedFields(fixed);
     WireWriter wire(out);
-    entityStateFields(wire, fixed);
+    fieldsOf(wire, fixed);
     return kEntityStateSize;
 }
 
@@ -399,7 +223,7 @@ PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out)
 {
     WireReader wire(pdu.bytes);
     RemoveEntity removal;
-    removeEntityFields(wire, removal);
+    fieldsOf(wire, removal);
     if (wire.overrun())
     {
         return PduFault::BodyTooShort;
@@ -415,9 +239,9 @@ std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8
         return 0;
     }
     RemoveEntity fixed = removal;
-    fixed.header = headerOf(removal.header, kRemoveEntityType, kSimulationManagementFamily, kRemoveEntitySize);
+    fixed.header = sentHeader(removal.header, PduKind::RemoveEntity, kRemoveEntitySize);
     WireWriter wire(out);
-    removeEntityFields(wire, fixed);
+    fieldsOf(wire, fixed);
     return kRemoveEntitySize;
 }
 
@@ -425,7 +249,7 @@ PduFault decodeFire(const Pdu &pdu, Fire &out)
 {
     WireReader wire(pdu.bytes);
     Fire fire;
-    fireFields(wire, fire);
+    fieldsOf(wire, fire);
     if (wire.overrun())
     {
         return PduFault::BodyTooShort;
@@ -446,9 +270,9 @@ std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out)
         return 0;
     }
     Fire fixed = fire;
-    fixed.header = headerOf(fire.header, kFireType, kWarfareFamily, kFireSize);
+    fixed.header = sentHeader(fire.header, PduKind::Fire, kFireSize);
     WireWriter wire(out);
-    fireFields(wire, fixed);
+    fieldsOf(wire, fixed);
     return kFireSize;
 }
 
@@ -456,9 +280,8 @@ PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
 {
     WireReader wire(pdu.bytes);
     Detonation detonation;
-    std::uint8_t articulations;
-    detonationFields(wire, detonation, articulations);
-    wire.take(articulations * kArticulationParameterSize);
+    fieldsOf(wire, detonation);
+    wire.take(detonation.numParameters * sizeof(VariableParameter));
     if (wire.overrun())
     {
         return PduFault::BodyTooShort;
@@ -468,6 +291,8 @@ PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
                  checkVector(detonation.entityLocation, kMaxLocation)});
     if (fault == PduFault::None)
     {
+        detonation.numParameters = 0;
+        detonation.padding = 0;
         out = detonation;
     }
     return fault;
@@ -480,10 +305,11 @@ std::size_t encodeDetonation(const Detonation &detonation, std::span<std::uint8_
         return 0;
     }
     Detonation fixed = detonation;
-    fixed.header = headerOf(detonation.header, kDetonationType, kWarfareFamily, kDetonationSize);
-    std::uint8_t articulations = 0;
+    fixed.header = sentHeader(detonation.header, PduKind::Detonation, kDetonationSize);
+    fixed.numParameters = 0;
+    fixed.padding = 0;
     WireWriter wire(out);
-    detonationFields(wire, fixed, articulations);
+    fieldsOf(wire, fixed);
     return kDetonationSize;
 }
 

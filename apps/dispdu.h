@@ -1,12 +1,15 @@
 // PDUs of Distributed Interactive Simulation (IEEE 1278.1) in network byte order: walks the PDUs of a datagram, decodes
-// and encodes the types known here. Whatever a network can deliver is safe to hand in: nothing is read before it was
-// checked against the real size of the datagram, and what is wrong comes back as a fault. No state is kept.
+// and encodes them. Whatever a network can deliver is safe to hand in: nothing is read before it was checked against the
+// real size of the datagram, and what is wrong comes back as a fault. No state is kept.
+// What is decoded here is what counts for those who simulate, in records of fixed size, without numbers that would harm;
+// dismessage.h has all of a PDU, whatever its type and its numbers.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
+#include <tolvin/kernel/kerneldisprint.h>
 #include <tolvin/kernel/kerneldisstate.h>
 
 namespace tolvin
@@ -21,16 +24,9 @@ inline constexpr std::size_t kDetonationSize = 104; // without articulation para
 inline constexpr std::uint32_t kAppearanceDeactivated = 1u
                                                         << 23; // bit that the appearances of all kinds of entity share
 
-// The fields that every PDU starts with. Its last two bytes are padding, in version 7 a status byte and padding.
-struct PduHeader
-{
-    std::uint8_t protocolVersion; // 5 is IEEE 1278.1-1995, 6 is 1278.1A-1998, 7 is 1278.1-2012
-    std::uint8_t exerciseId;
-    std::uint8_t pduType;
-    std::uint8_t protocolFamily;
-    std::uint32_t timestamp; // DIS time stamp
-    std::uint16_t length;    // bytes of the whole PDU, header included
-};
+// The fields that every PDU starts with. Protocol version 5 is IEEE 1278.1-1995, 6 is 1278.1A-1998, 7 is 1278.1-2012, in which the
+// padding is a status byte and padding.
+using PduHeader = vuPduHeader;
 
 struct Pdu
 {
@@ -38,14 +34,21 @@ struct Pdu
     std::span<const std::uint8_t> bytes; // header.length bytes, the header among them; part of the datagram
 };
 
-// Types that can be decoded. Any other is no fault: the reader steps over it.
+// Types whose fields are known here. Any other is no fault.
 enum class PduKind
 {
     Other,
     EntityState,
-    RemoveEntity,
+    EntityStateUpdate,
+    Collision,
     Fire,
-    Detonation
+    Detonation,
+    CreateEntity,
+    RemoveEntity,
+    Acknowledge,
+    DataQuery,
+    SetData,
+    Data
 };
 
 // Type numbers are only taken at their word together with the family that they belong to.
@@ -60,9 +63,9 @@ enum class PduFault
     LengthBelowHeader,    // a length field below 12
     LengthBeyondDatagram, // a length field that promises more bytes than the datagram has left
     TrailingBytes,        // behind a PDU there is neither padding nor the header of another one
-    BodyTooShort,         // the length does not hold the fields of the type, or not its articulation parameters
-    NonFinite,            // a number is infinite or not a number
-    Implausible           // a number would take the entity to nowhere
+    BodyTooShort, // the length does not hold the fields of the type, or not as many parameters or datums as it tells
+    NonFinite,    // a number is infinite or not a number
+    Implausible   // a number would take the entity to nowhere
 };
 
 inline constexpr std::size_t kPduFaultCount = static_cast<std::size_t>(PduFault::Implausible) + 1;
@@ -109,14 +112,8 @@ PduFault checkNumbers(const vuEntityState &state);
 // Whether the report announces that the entity leaves the exercise (its appearance says deactivated).
 bool leaves(const vuEntityState &state);
 
-// The entity is to go from the exercise. Of its header the type, the family and the length follow from that.
-struct RemoveEntity
-{
-    PduHeader header;
-    vuEntityId originating; // who says so; entity 0 is the application itself
-    vuEntityId receiving;   // which entity
-    std::uint32_t request;  // numbered by the originating application
-};
+// The entity is to go from the exercise. Who says so is originating, whose entity may be 0 for the application itself.
+using RemoveEntity = vuRemoveEntityPdu;
 
 // Turns a Remove Entity PDU, as given by a reader, into a record. BodyTooShort leaves out as it was.
 PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out);
@@ -172,6 +169,8 @@ struct Detonation
     BurstDescriptor descriptor;
     float entityLocation[3]; // in the target's coordinates, metres
     std::uint8_t result;     // SISO enumeration
+    std::uint8_t numParameters;
+    std::uint16_t padding;
 };
 
 inline constexpr std::uint8_t kGroundImpact = 3; // as a Detonation's result

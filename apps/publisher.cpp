@@ -201,7 +201,7 @@ void Publisher::leave(const vuEntity &entity, double now)
     removal.header.timestamp = last.timestamp;
     removal.originating = {last.entityId.site, last.entityId.application, 0};
     removal.receiving = last.entityId;
-    removal.request = ++requests_;
+    removal.requestId = ++requests_;
     std::array<std::uint8_t, kRemoveEntitySize> pdu;
     encodeRemoveEntity(removal, pdu);
     ++counts_.removes;

@@ -4,7 +4,9 @@
 
 #include "kerneldis.h"
 #include "kerneldisdr.h"
+#include "kerneldisprint.h"
 #include "kerneldisstate.h"
+#include "kerneldistext.h"
 #include "kernelentity.h"
 #include "kernelfx.h"
 #include "kernelgeneric.h"

@@ -1,5 +1,6 @@
 tolvin_test(apps dispdu tolvin_app)
 tolvin_test(apps disinput tolvin_app)
+tolvin_test(apps dismessage tolvin_app)
 tolvin_test(apps trackmap tolvin_app)
 tolvin_test(apps frameclock tolvin_app)
 tolvin_test(apps geodesy tolvin_app)

@@ -50,7 +50,7 @@ Datagram datagramOf(const vuEntityState &report)
 Datagram removalOf(const vuEntityId &id, const vuEntityId &by, double seconds)
 {
     Datagram datagram(kRemoveEntitySize);
-    EXPECT_EQ(encodeRemoveEntity({{6, 1, 0, 0, stampAt(seconds), 0}, by, id, 1}, datagram), datagram.size());
+    EXPECT_EQ(encodeRemoveEntity({{6, 1, 0, 0, stampAt(seconds), 0, 0}, by, id, 1}, datagram), datagram.size());
     return datagram;
 }
 
@@ -143,7 +143,7 @@ TEST_F(DisInputTest, HandsShotsOfOthersOn)
     {
         const auto one = [&](auto shot, auto encode)
         {
-            shot.header = {6, exercise, 0, 0, 0, 0};
+            shot.header = {6, exercise, 0, 0, 0, 0, 0};
             shot.firing = firing;
             shot.velocity[2] = velocity;
             Datagram datagram(kDetonationSize);

@@ -152,7 +152,7 @@ TEST(DisPdu, DecodesAndEncodesShotsAndRemovals)
         EXPECT_TRUE(fault == PduFault::None && asLaid(fire) && asLaid(detonation));
         EXPECT_TRUE(fire.fireMissionIndex == 0xDEADBEEF && fire.range == 2500);
         EXPECT_TRUE(detonation.entityLocation[2] == 2 && detonation.result == 3);
-        EXPECT_TRUE(removal.request == 0xDEADBEEF && removal.receiving.entity == 772);
+        EXPECT_TRUE(removal.requestId == 0xDEADBEEF && removal.receiving.entity == 772);
 
         fire.header.pduType = detonation.header.protocolFamily = removal.header.pduType = 1; // does not count
         fire.header.length = detonation.header.length = removal.header.protocolFamily = 0;
@@ -178,7 +178,7 @@ TEST(DisPdu, RefusesEveryPrefix)
             // The same with a length field that admits it.
             const Walk result = walk(size < 12 ? cut : with(cut, 8, size, 2));
             EXPECT_TRUE(size < 12 || result.fault == PduFault::BodyTooShort) << size;
-            EXPECT_EQ(result.removal.request, 0u);
+            EXPECT_EQ(result.removal.requestId, 0u);
         }
     }
 }
@@ -211,7 +211,7 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
     }
     // Neither the type without its family nor the family without its type makes a PDU that is read.
     for (const PduHeader &header :
-         {PduHeader{6, 9, 12, 1, 0, 28}, {6, 9, 1, 2, 0, 144}, {6, 9, 2, 1, 0, 96}, {6, 9, 3, 5, 0, 104}})
+         {PduHeader{6, 9, 12, 1, 0, 28, 0}, {6, 9, 1, 2, 0, 144, 0}, {6, 9, 2, 1, 0, 96, 0}, {6, 9, 3, 5, 0, 104, 0}})
     {
         EXPECT_EQ(kindOf(header), PduKind::Other);
     }

@@ -2,11 +2,25 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 std::string capturedStderr(const std::function<void()> &action)
 {
     testing::internal::CaptureStderr();
     action();
     return testing::internal::GetCapturedStderr();
+}
+
+std::string printedTo(const std::function<void(std::FILE *stream)> &print)
+{
+    char *text = nullptr;
+    std::size_t size = 0;
+    std::FILE *const stream = open_memstream(&text, &size);
+    print(stream);
+    std::fclose(stream);
+    const std::string copy(text, size);
+    std::free(text);
+    return copy;
 }
 
 std::string refusalOf(const std::function<void()> &action)

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -14,6 +15,9 @@ inline std::ptrdiff_t linesOf(const std::function<void()> &action)
 {
     return std::ranges::count(capturedStderr(action), '\n');
 }
+
+// What is written to a stream.
+std::string printedTo(const std::function<void(std::FILE *stream)> &print);
 
 // What an action tells when it throws; empty when it does not.
 std::string refusalOf(const std::function<void()> &action);
