@@ -109,6 +109,7 @@ template Option Command::add(const std::string &, std::string &, const std::stri
 template Option Command::add(const std::string &, std::optional<double> &, const std::string &) const;
 template Option Command::add(const std::string &, std::optional<std::string> &, const std::string &) const;
 template Option Command::add(const std::string &, std::pair<double, double> &, const std::string &) const;
+template Option Command::add(const std::string &, std::vector<int> &, const std::string &) const;
 template Option Command::add(const std::string &, std::vector<std::string> &, const std::string &) const;
 template Option Command::add(const std::string &, std::vector<std::pair<double, std::string>> &,
                              const std::string &) const;

@@ -185,6 +185,27 @@ void DisInput::takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuE
         ++counts_.own;
         return;
     }
+    follow(id, timestamp, report, arrival);
+}
+
+void DisInput::takeReport(const vuEntityState &report, double arrival)
+{
+    if (options_.exercise != 0 && report.exerciseId != options_.exercise)
+    {
+        ++counts_.otherExercise;
+    }
+    else if (const PduFault kind = checkNumbers(report); kind != PduFault::None)
+    {
+        fault(kind);
+    }
+    else
+    {
+        follow(report.entityId, report.timestamp, leaves(report) ? nullptr : &report, arrival);
+    }
+}
+
+void DisInput::follow(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival)
+{
     RemoteEntity *remote = table_->find(id);
     const bool leaving = report == nullptr;
     if (remote == nullptr && leaving)

@@ -73,6 +73,10 @@ public:
     // for the next frame.
     void take(std::span<const std::uint8_t> datagram, double arrival);
 
+    // Takes a report that somebody else has received, at that time, from whomever; its numbers are checked as those of a datagram.
+    // It is wanted, so that even the own identity is none to drop.
+    void takeReport(const vuEntityState &report, double arrival);
+
     // The kernel's part of one frame, at the time of the root node's simulation clock: hands the waiting reports over,
     // dead-reckons all entities, tells jump about every entity for which a new report took over, and removes the
     // entities that are gone.
@@ -102,6 +106,7 @@ private:
     bool isOwn(const vuEntityId &id) const;
     void takeRemoval(const RemoveEntity &removal, double arrival);
     void takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);
+    void follow(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);
     void fault(PduFault kind);
     void refuse();
     void queue(RemoteEntity &remote, const vuEntityState &report, double madeAt);

@@ -61,6 +61,8 @@ struct Overloaded : Calls...
 {
     using Calls::operator()...;
 };
+template<class... Calls>
+Overloaded(Calls...) -> Overloaded<Calls...>; // for clang 14
 
 std::size_t numParametersOf(const Record &record)
 {
@@ -243,6 +245,35 @@ PduHeader headerOf(const DisMessage &message)
                                  },
                                  [](const auto &pdu) { return pdu.header; }},
                       message.record);
+}
+
+std::optional<vuEntityId> subjectOf(const DisMessage &message)
+{
+    return std::visit(
+        []<class Fields>(const Fields &record) -> std::optional<vuEntityId>
+        {
+            if constexpr (requires { record.entityId; })
+            {
+                return record.entityId;
+            }
+            else if constexpr (requires { record.firing; })
+            {
+                return record.firing;
+            }
+            else if constexpr (requires { record.issuing; })
+            {
+                return record.issuing;
+            }
+            else if constexpr (requires { record.originating; })
+            {
+                return record.originating;
+            }
+            else
+            {
+                return std::nullopt;
+            }
+        },
+        message.record);
 }
 
 std::vector<std::uint32_t> printable(const DisMessage &message)

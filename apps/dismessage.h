@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <variant>
 #include <vector>
 
@@ -91,7 +92,11 @@ std::vector<std::uint8_t> encode(const DisMessage &message);
 
 PduHeader headerOf(const DisMessage &message);
 
-// Of Data Query, Set Data and Data: the record with its identifiers or datums behind it, as their printers (kerneldisprint.h) want them.
+// The entity that a PDU is about, or that sent it; none in those that are not known.
+std::optional<vuEntityId> subjectOf(const DisMessage &message);
+
+// The record with its identifiers or datums behind it, as printers (kerneldisprint.h) want those of Data Query, Set Data and Data. Throws
+// as encode does.
 std::vector<std::uint32_t> printable(const DisMessage &message);
 
 } // namespace tolvin

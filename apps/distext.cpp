@@ -147,18 +147,10 @@ public:
         {
             inHeader_ = inHeader_ && (name == nullptr || std::string_view(name) != kLastOfHeader);
         }
-        else if constexpr (std::is_same_v<Field, vuEntityId>)
-        {
-            std::fprintf(out_, "%s:\n", name);
-            printEntityID(out_, &field);
-        }
-        else if constexpr (std::is_same_v<Field, vuEntityType>)
-        {
-            printEntityType(out_, &field);
-        }
         else if constexpr (std::is_class_v<Field>)
         {
-            fieldsOf(*this, field);
+            std::fprintf(out_, "%s:\n", name);
+            print(field);
         }
         else
         {
@@ -169,67 +161,61 @@ public:
     }
 
 private:
+    void print(const vuEntityId &id)
+    {
+        printEntityID(out_, &id);
+    }
+
+    void print(const vuEntityType &type)
+    {
+        printEntityType(out_, &type);
+    }
+
+    template<class Record>
+    void print(const Record &record)
+    {
+        fieldsOf(*this, record);
+    }
+
     std::FILE *out_;
     bool inHeader_ = true;
 };
 
 void printRecord(std::FILE *out, const DisMessage &message)
 {
-    const PduHeader header = headerOf(message);
-    const PduKind kind = kindOf(header);
     const std::vector<std::uint32_t> words = printable(message);
-    const void *const record = words.data();
-    switch (kind)
+    const void *const printed = words.data();
+    const auto print = [&]<class Record>(const Record &record)
     {
-    case PduKind::EntityState:
-        return printEntityState(out, static_cast<const vuEntityState *>(record));
-    case PduKind::CreateEntity:
-        return printCreateEntityPDU(out, static_cast<const vuCreateEntityPdu *>(record));
-    case PduKind::RemoveEntity:
-        return printRemoveEntityPDU(out, static_cast<const vuRemoveEntityPdu *>(record));
-    case PduKind::Acknowledge:
-        return printAcknowledgePDU(out, static_cast<const vuAcknowledgePdu *>(record));
-    case PduKind::DataQuery:
-        return printDataQueryPDU(out, static_cast<const vuDataQueryPdu *>(record));
-    case PduKind::SetData:
-        return printSetDataPDU(out, static_cast<const vuSetDataPdu *>(record));
-    case PduKind::Data:
-        return printDataPDU(out, static_cast<const vuDataPdu *>(record));
-    default:
-        printPduHeader(out, &header);
-        FieldPrinter printer(out);
-        std::visit([&printer](const auto &fields) { fieldsOf(printer, fields); }, message.record);
-    }
-}
-
-// The entity that a PDU is about, or that sent it; none in those that are not known.
-std::optional<vuEntityId> subjectOf(const DisMessage &message)
-{
-    return std::visit(
-        []<class Fields>(const Fields &record) -> std::optional<vuEntityId>
+        if constexpr (std::is_same_v<Record, vuEntityState>)
         {
-            if constexpr (requires { record.entityId; })
-            {
-                return record.entityId;
-            }
-            else if constexpr (requires { record.firing; })
-            {
-                return record.firing;
-            }
-            else if constexpr (requires { record.issuing; })
-            {
-                return record.issuing;
-            }
-            else if constexpr (requires { record.originating; })
-            {
-                return record.originating;
-            }
-            else
-            {
-                return std::nullopt;
-            }
-        },
-        message.record);
+            printEntityState(out, static_cast<const Record *>(printed));
+        }
+        else if constexpr (std::is_same_v<Record, vuCreateEntityPdu>)
+        {
+            printCreateEntityPDU(out, static_cast<const Record *>(printed)); // as Remove Entity
+        }
+        else if constexpr (std::is_same_v<Record, vuAcknowledgePdu>)
+        {
+            printAcknowledgePDU(out, static_cast<const Record *>(printed));
+        }
+        else if constexpr (std::is_same_v<Record, vuDataQueryPdu>)
+        {
+            printDataQueryPDU(out, static_cast<const Record *>(printed));
+        }
+        else if constexpr (std::is_same_v<Record, vuSetDataPdu>)
+        {
+            printSetDataPDU(out, static_cast<const Record *>(printed)); // as Data
+        }
+        else
+        {
+            const PduHeader header = headerOf(message);
+            printPduHeader(out, &header);
+            FieldPrinter printer(out);
+            fieldsOf(printer, record);
+        }
+    };
+    std::visit(print, message.record);
 }
 
 // What PDUs are sent to, or are about besides.
@@ -351,7 +337,11 @@ std::string lineOf(const DisMessage &message)
     std::visit(
         [&line](const auto &record)
         {
-            if constexpr (requires { record.location; })
+            // In world coordinates; that of a collision is in those of an entity.
+            if constexpr (requires {
+                              requires std::is_same_v < std::remove_cvref_t<decltype(record.location[0])>,
+                              double > ;
+                          })
             {
                 std::array<char, 100> place;
                 std::snprintf(place.data(), place.size(), " at %.1f %.1f %.1f", double{record.location[0]},

@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <tuple>
 #include <type_traits>
@@ -54,7 +55,7 @@ public:
             {
                 word = static_cast<Word<sizeof(Field)>>(std::uint64_t{word} << 8 | byte);
             }
-            field = std::bit_cast<Field>(word);
+            std::memcpy(&field, &word, sizeof field); // a float in a register of i386 may lose what kind of NaN it is
         }
     }
 

@@ -96,7 +96,10 @@ void OwnSide::settle(double time)
     {
         for (const OwnEntity &own : world_.entities())
         {
-            publisher_->frame(*own.entity, root_.simSeconds);
+            if (!own.isReceived) // others publish it
+            {
+                publisher_->frame(*own.entity, root_.simSeconds);
+            }
         }
     }
 }

@@ -7,7 +7,8 @@
 namespace tolvin
 {
 
-// The first 60 bytes of a text or a little less, where a character of UTF-8 would be cut, with control characters as \x1B.
-std::string plainText(std::string_view text);
+// The first bytes of a text, so many or a little less, where a character of UTF-8 would be cut; control characters, and what is no
+// UTF-8, as \x1B.
+std::string plainText(std::string_view text, std::size_t most = 60);
 
 } // namespace tolvin

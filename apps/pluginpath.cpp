@@ -22,6 +22,8 @@ namespace
 
 namespace fs = std::filesystem;
 
+constexpr std::size_t kAll = std::string_view::npos; // of a path; to cut it would help nobody
+
 // Parts between colons; empty ones do not count.
 std::vector<std::string> partsOf(std::string_view path)
 {
@@ -74,7 +76,7 @@ std::optional<bool> findPlugin(vuEffect &fx, const std::string &folder,
             fx.pluginFile = found;
             return wasOpen;
         }
-        tried += "\n  " + plainText(candidate) + ": " + plainText(reason);
+        tried += "\n  " + plainText(candidate, kAll) + ": " + plainText(reason, kAll);
     }
     notice("EFFECT \"" + plainText(fx.node.name) + "\": no plug-in, tried" + tried);
     return std::nullopt;

@@ -38,12 +38,13 @@ void printLine(const char *head, const std::string &names)
 // Returns whether it can be opened.
 bool show(const fs::path &file)
 {
-    std::printf("%s  %s\n", plainText(file.stem().string()).c_str(), plainText(file.string()).c_str());
+    std::printf("%s  %s\n", plainText(file.stem().string()).c_str(),
+                plainText(file.string(), std::string::npos).c_str());
     const std::string reason = whyNotOpened(file);
     void *const handle = reason.empty() ? dlopen(file.c_str(), RTLD_LAZY) : nullptr;
     if (handle == nullptr)
     {
-        std::printf("  does not open: %s\n", plainText(reason).c_str());
+        std::printf("  does not open: %s\n", plainText(reason, std::string::npos).c_str());
         return false;
     }
     std::string there, missing;

@@ -10,6 +10,8 @@
 #include "plaintext.h"
 #include "pluginpath.h"
 #include "runstatistics.h"
+#include "segmentinput.h"
+#include "stopsignal.h"
 #include "terrainmap.h"
 #include "trackmap.h"
 #include "udp.h"
@@ -19,7 +21,6 @@
 
 #include <chrono>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -61,13 +62,6 @@ struct RunOptions
         return fast ? Pace::Fast : own.drive.empty() ? Pace::Measured : Pace::Steps;
     }
 };
-
-volatile std::sig_atomic_t stopRequested = 0;
-
-void requestStop(int)
-{
-    stopRequested = 1;
-}
 
 // Releases what the arena gave out.
 struct ArenaFree
@@ -236,7 +230,14 @@ struct Participants
     OwnSide *own;     // null without a scene
     Effects *effects; // likewise
     FrameClock clock;
+    SegmentInput *segments; // null when no segment is read
 };
+
+std::int64_t wallNow()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+}
 
 class FrameLoop
 {
@@ -262,7 +263,7 @@ public:
     void run()
     {
         SteadyClock::time_point due = SteadyClock::now();
-        for (std::uint64_t number = 0; stopRequested == 0 && !isOver(number); ++number)
+        for (std::uint64_t number = 0; !isStopAsked() && !isOver(number); ++number)
         {
             due += period_;
             if (options_.pace() != Pace::Fast)
@@ -300,7 +301,7 @@ private:
         do // at least once, or a machine that is too slow for the rate would never hear anything
         {
             p_.receiver->receiveUntil(due, take_);
-        } while (stopRequested == 0 && SteadyClock::now() < due);
+        } while (!isStopAsked() && SteadyClock::now() < due);
     }
 
     void frame()
@@ -310,7 +311,15 @@ private:
         {
             p_.own->drive(time_);
         }
+        if (p_.segments != nullptr)
+        {
+            p_.segments->take(wallNow());
+        }
         p_.input->frame([&](std::uint8_t algorithm, double metres) { statistics_->addJump(algorithm, metres); });
+        if (p_.segments != nullptr)
+        {
+            p_.segments->show();
+        }
         if (p_.own != nullptr)
         {
             p_.own->settle(time_);
@@ -373,6 +382,10 @@ private:
         if (p_.own != nullptr)
         {
             p_.own->printSummary(stdout);
+        }
+        if (p_.segments != nullptr)
+        {
+            p_.segments->printSummary(stdout);
         }
         if (p_.effects != nullptr)
         {
@@ -453,14 +466,6 @@ void checkTriggers(const RunOptions &options)
     }
 }
 
-void takeSignals()
-{
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) // own entities leave properly, whoever is gone
-    {
-        std::signal(signal, requestStop);
-    }
-}
-
 void run(RunOptions options)
 {
     checkTriggers(options);
@@ -483,12 +488,13 @@ void run(RunOptions options)
         checkOptions(options, description);
         const double rate = options.rate > 0.0 ? options.rate : root->options.frameRate;
         Participants participants = {*root,   receiver.has_value() ? &*receiver : nullptr, nullptr, nullptr,
-                                     nullptr, FrameClock(*root, options.pace(), rate)};
-        takeSignals(); // not before: what is loaded may come from a pipe
+                                     nullptr, FrameClock(*root, options.pace(), rate),     nullptr};
+        takeStopSignals(); // not before: what is loaded may come from a pipe
         options.input.exercise = exercise;
         DisInput input(*root, options.input, printNotice);
         std::unique_ptr<OwnSide> own;
         std::unique_ptr<Effects> effects; // go before what they are shown in
+        std::unique_ptr<SegmentInput> segments;
         if (description.scene.has_value())
         {
             options.own.world.exercise = exercise == 0 ? 1 : exercise;
@@ -501,6 +507,11 @@ void run(RunOptions options)
             input.setWarfareSinks([&effects](const Fire &fire) { effects->take(fire); },
                                   [&effects](const Detonation &detonation) { effects->take(detonation); });
         }
+        if (own != nullptr && !options.fast)
+        {
+            segments = std::make_unique<SegmentInput>(own->world(), input, participants.clock, printNotice);
+        }
+        participants.segments = segments.get();
         participants.input = &input;
         participants.own = own.get();
         participants.effects = effects.get();

@@ -4,6 +4,8 @@
 #include "exitcode.h"
 #include "geodesy.h"
 #include "motion.h"
+#include "pacer.h"
+#include "progressline.h"
 #include "udp.h"
 
 #include <algorithm>
@@ -12,11 +14,8 @@
 #include <chrono>
 #include <cinttypes>
 #include <cmath>
-#include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <numeric>
 #include <optional>
@@ -28,18 +27,12 @@
 #include <utility>
 #include <vector>
 
-#include <unistd.h>
-
 namespace tolvin
 {
 
 namespace
 {
 
-using Nanoseconds = std::int64_t; // since the start of sending, unless a name says otherwise
-
-constexpr Nanoseconds kSecond = 1'000'000'000;
-constexpr Nanoseconds kNever = std::numeric_limits<Nanoseconds>::max();
 constexpr std::size_t kBundleBytes = 1400; // stays below the usual 1500 with all headers
 
 struct SendOptions
@@ -297,69 +290,6 @@ private:
     double drift_;
 };
 
-// Blocks SIGINT and SIGTERM, so that none is lost between a test and a wait.
-class StopSignals
-{
-public:
-    StopSignals()
-    {
-        sigemptyset(&signals_);
-        sigaddset(&signals_, SIGINT);
-        sigaddset(&signals_, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &signals_, &former_);
-    }
-
-    ~StopSignals()
-    {
-        while (arrive(0))
-        {
-        }
-        pthread_sigmask(SIG_SETMASK, &former_, nullptr);
-    }
-
-    StopSignals(const StopSignals &) = delete;
-    StopSignals &operator=(const StopSignals &) = delete;
-
-    // Waits for that long, or until one arrives: true then.
-    bool arrive(Nanoseconds wait)
-    {
-        const timespec timeout = {static_cast<std::time_t>(wait / kSecond), static_cast<long>(wait % kSecond)};
-        return sigtimedwait(&signals_, nullptr, &timeout) > 0;
-    }
-
-private:
-    sigset_t signals_;
-    sigset_t former_;
-};
-
-// Time since the start, and waiting for it.
-class Pace
-{
-public:
-    Nanoseconds now() const
-    {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start_).count();
-    }
-
-    // False when a signal asked to stop.
-    bool waitUntil(Nanoseconds time)
-    {
-        do
-        {
-            // In steps, since the seconds of a wait have 32 bits on i386.
-            if (stop_.arrive(std::clamp<Nanoseconds>(time - now(), 0, 3600 * kSecond)))
-            {
-                return false;
-            }
-        } while (now() < time);
-        return true;
-    }
-
-private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-    StopSignals stop_;
-};
-
 // Gathers PDUs into datagrams and sends them.
 class Outbox
 {
@@ -469,43 +399,6 @@ private:
     double interval_; // nanoseconds
 };
 
-// A line that is kept current on a terminal, nothing elsewhere.
-class Progress
-{
-public:
-    explicit Progress(bool quiet) : next_(!quiet && isatty(STDERR_FILENO) ? kSecond : kNever)
-    {
-    }
-
-    ~Progress()
-    {
-        if (next_ != kNever)
-        {
-            std::fputs("\r\033[K", stderr);
-        }
-    }
-
-    Progress(const Progress &) = delete;
-    Progress &operator=(const Progress &) = delete;
-
-    Nanoseconds next() const
-    {
-        return next_;
-    }
-
-    void show(Nanoseconds now, std::uint64_t reports)
-    {
-        if (now >= next_)
-        {
-            std::fprintf(stderr, "\r%" PRId64 " s, %" PRIu64 " reports", now / kSecond, reports);
-            next_ = (now / kSecond + 1) * kSecond;
-        }
-    }
-
-private:
-    Nanoseconds next_;
-};
-
 class Generator
 {
 public:
@@ -527,7 +420,7 @@ public:
     // Sends until the end or a signal.
     void run()
     {
-        Progress progress(options_.quiet);
+        ProgressLine progress("reports", options_.quiet);
         Nanoseconds now;
         do
         {
@@ -701,7 +594,7 @@ private:
     std::uint64_t skipped_ = 0;
     std::priority_queue<Due, std::vector<Due>, std::greater<>> waiting_;
     SkewedClock clock_;
-    Pace pace_;
+    Pacer pace_;
 };
 
 void runSend(const SendOptions &options)

@@ -14,6 +14,19 @@ volatile std::sig_atomic_t stopSignal = 0;
 
 } // namespace
 
+void takeStopSignals()
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
+    {
+        std::signal(signal, [](int number) { stopSignal = number; });
+    }
+}
+
+bool isStopAsked()
+{
+    return stopSignal != 0;
+}
+
 StopOnSignal::StopOnSignal()
 {
     for (std::size_t i = 0; i < kSignals.size(); ++i)

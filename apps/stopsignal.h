@@ -1,4 +1,4 @@
-// Interrupts as exceptions.
+// Interrupts, as a question or as exceptions.
 #pragma once
 
 #include <array>
@@ -7,6 +7,11 @@
 
 namespace tolvin
 {
+
+// From now on, what would end the program (an interrupt, a reader that is gone) only makes isStopAsked true, and waits end early: for
+// commands that go on until then, and have something to do at the end.
+void takeStopSignals();
+bool isStopAsked();
 
 // While it lives, an interrupt is noted, so that no part of a file is left behind; a second one ends the program at once. In
 // the end it hands on what has come.

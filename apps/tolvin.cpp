@@ -1,8 +1,12 @@
 // The tolvin command.
 #include "imagecommand.h"
+#include "listencommand.h"
 #include "modelcommand.h"
 #include "noisecommand.h"
+#include "playcommand.h"
 #include "pluginscommand.h"
+#include "receivecommand.h"
+#include "recordcommand.h"
 #include "runcommand.h"
 #include "sendcommand.h"
 #include "suncommand.h"
@@ -34,6 +38,10 @@ int main(int argc, char **argv)
                              "tolvin " TOLVIN_VERSION);
     tolvin::addRunCommand(line);
     tolvin::addSendCommand(line);
+    tolvin::addReceiveCommand(line);
+    tolvin::addListenCommand(line);
+    tolvin::addRecordCommand(line);
+    tolvin::addPlayCommand(line);
     tolvin::addSunCommand(line);
     tolvin::addNoiseCommand(line);
     tolvin::addImageCommand(line);

@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -72,6 +73,11 @@ std::int64_t wallClock()
 bool setOption(udp::socket &socket, int option, int value)
 {
     return setsockopt(socket.native_handle(), SOL_SOCKET, option, &value, sizeof value) == 0;
+}
+
+udp::endpoint endpointOf(const in_addr &address, std::uint16_t port)
+{
+    return {asio::ip::address_v4(ntohl(address.s_addr)), port};
 }
 
 // Errors of earlier datagrams and of the network, which pass.
@@ -170,6 +176,7 @@ struct UdpReceiver::Batch
     std::array<mmsghdr, kBatchSize> messages{};
     std::array<iovec, kBatchSize> vectors{};
     std::array<Control, kBatchSize> controls{};
+    std::array<sockaddr_in, kBatchSize> sources{};
     // Not cleared, so that pages which no datagram reaches are never touched.
     std::unique_ptr<std::uint8_t[]> bytes = std::make_unique_for_overwrite<std::uint8_t[]>(kBatchSize * kMostBytes);
 
@@ -181,15 +188,17 @@ struct UdpReceiver::Batch
             messages[i].msg_hdr.msg_iov = &vectors[i];
             messages[i].msg_hdr.msg_iovlen = 1;
             messages[i].msg_hdr.msg_control = controls[i].bytes.data();
+            messages[i].msg_hdr.msg_name = &sources[i];
         }
     }
 
     // Reads what waits and does not block. Number of datagrams, or -1 with errno.
     int receive(int socket)
     {
-        for (mmsghdr &message : messages)
+        for (std::size_t i = 0; i < kBatchSize; ++i)
         {
-            message.msg_hdr.msg_controllen = sizeof(Control); // the kernel shortens it
+            messages[i].msg_hdr.msg_controllen = sizeof(Control); // the kernel shortens both
+            messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
         }
         return recvmmsg(socket, messages.data(), kBatchSize, MSG_DONTWAIT, nullptr);
     }
@@ -200,12 +209,12 @@ struct UdpReceiver::Batch
     }
 
     template<typename Value>
-    std::optional<Value> ancillary(std::size_t i, int type)
+    std::optional<Value> ancillary(std::size_t i, int level, int type)
     {
         msghdr *const header = &messages[i].msg_hdr;
         for (cmsghdr *c = CMSG_FIRSTHDR(header); c != nullptr; c = CMSG_NXTHDR(header, c))
         {
-            if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == type && c->cmsg_len >= CMSG_LEN(sizeof(Value)))
+            if (c->cmsg_level == level && c->cmsg_type == type && c->cmsg_len >= CMSG_LEN(sizeof(Value)))
             {
                 Value value;
                 std::memcpy(&value, CMSG_DATA(c), sizeof value);
@@ -240,6 +249,8 @@ UdpReceiver::UdpReceiver(const udp::endpoint &local, const asio::ip::address_v4 
     // Where the kernel has no such stamps or counts, the clock is read instead and no drops are known.
     setOption(socket_, SO_TIMESTAMPNS_NEW, 1);
     setOption(socket_, SO_RXQ_OVFL, 1);
+    const int wanted = 1;
+    setsockopt(socket_.native_handle(), IPPROTO_IP, IP_PKTINFO, &wanted, sizeof wanted);
 }
 
 UdpReceiver::~UdpReceiver() = default;
@@ -247,6 +258,19 @@ UdpReceiver::~UdpReceiver() = default;
 std::uint16_t UdpReceiver::localPort() const
 {
     return socket_.local_endpoint().port();
+}
+
+udp::endpoint UdpReceiver::from() const
+{
+    const sockaddr_in &source = batch_->sources[current_];
+    return endpointOf(source.sin_addr, ntohs(source.sin_port));
+}
+
+udp::endpoint UdpReceiver::to() const
+{
+    const udp::endpoint local = socket_.local_endpoint();
+    const auto info = batch_->ancillary<in_pktinfo>(current_, IPPROTO_IP, IP_PKTINFO);
+    return info ? endpointOf(info->ipi_addr, local.port()) : local;
 }
 
 // Hands over one batch of waiting datagrams. Returns their number, 0 when none waits. waitedSince is when the last of
@@ -267,10 +291,11 @@ std::size_t UdpReceiver::receiveBatch(const Handler &handler, std::int64_t &wait
     const auto count = static_cast<std::size_t>(received);
     for (std::size_t i = 0; i < count; ++i)
     {
-        const auto time = batch_->ancillary<KernelTime>(i, SO_TIMESTAMPNS_NEW);
+        const auto time = batch_->ancillary<KernelTime>(i, SOL_SOCKET, SO_TIMESTAMPNS_NEW);
         const std::int64_t arrival = time ? time->seconds * 1'000'000'000 + time->nanoseconds : asked;
         waitedSince = arrival <= asked ? arrival : 0;
-        dropped_ = batch_->ancillary<std::uint32_t>(i, SO_RXQ_OVFL).value_or(dropped_);
+        dropped_ = batch_->ancillary<std::uint32_t>(i, SOL_SOCKET, SO_RXQ_OVFL).value_or(dropped_);
+        current_ = i;
         handler(batch_->datagram(i), arrival);
     }
     return count;

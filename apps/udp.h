@@ -68,6 +68,10 @@ public:
 
     std::uint16_t localPort() const;
 
+    // Who sent the datagram that the handler is called with, and to which address of this machine, broadcast or group.
+    asio::ip::udp::endpoint from() const;
+    asio::ip::udp::endpoint to() const;
+
     // Datagrams lost because the socket's buffer was full, as far as later ones have told.
     std::uint32_t dropped() const
     {
@@ -83,6 +87,7 @@ private:
     asio::io_context context_;
     asio::ip::udp::socket socket_;
     std::unique_ptr<Batch> batch_;
+    std::size_t current_ = 0; // of the batch
     std::uint32_t dropped_ = 0;
 };
 

@@ -1,5 +1,6 @@
 #include "world.h"
 
+#include "entitysegment.h"
 #include "plaintext.h"
 #include "scenenodes.h"
 
@@ -87,7 +88,7 @@ World::World(vuRootNode &root, const Description &description, const std::string
         makeScene();
         for (const EntityDescription &entity : description.entities)
         {
-            if (entity.id.has_value())
+            if (entity.id.has_value() && !isReceived(entity))
             {
                 numbers_.insert(entity.id->entity);
             }
@@ -142,9 +143,13 @@ void World::setWindow(int width, int height)
     pfChanWindowSize(channel_->channel, width, height);
 }
 
-// One of the description's, or the least number that is free.
+// One of the description's, or the least number that is free. What is received has that of whoever sends it.
 vuEntityId World::identityOf(const EntityDescription &entity)
 {
+    if (isReceived(entity))
+    {
+        return entity.id.value_or(vuEntityId{});
+    }
     if (entity.id.has_value())
     {
         if (entity.id->site != options_.site || entity.id->application != options_.application)
@@ -184,11 +189,25 @@ void World::addEntity(const EntityDescription &entity)
     }
     own.definition.fileName = entity.model.has_value() ? const_cast<char *>(entity.model->file.c_str()) : nullptr;
     record->definition = &own.definition;
+    // Not by DIS: it is not this record, in local coordinates, that dead reckoning moves.
+    record->receive = isReceived(entity) ? VU_RECEIVE_UDP : 0;
     entityAllocVars(&root_, record);
     if (entity.shmSize > 0 && record->vars == nullptr)
     {
-        throw std::runtime_error(named(entity) + ": no memory for its variables with key " +
-                                 std::to_string(entity.shmKey));
+        throw std::runtime_error(named(entity) + ": " +
+                                 (entity.shmKey < VU_SHM_FIRST_KEY
+                                      ? "no memory for its variables with key " + std::to_string(entity.shmKey)
+                                      : whyNoSegment(entity.shmKey, entity.shmSize)));
+    }
+    own.isReceived = isReceived(entity);
+    if (own.isReceived && !prepareVars(*varsOf(*record)))
+    {
+        throw std::runtime_error(named(entity) + ": " + foreignSegment(entity.shmKey));
+    }
+    if (entity.motion == VU_MOTION_NONE && entity.shmKey >= VU_SHM_FIRST_KEY && entity.shmSize > 0 && !own.isReceived)
+    {
+        notice_(named(entity) + " receives nothing: " + std::to_string(entity.shmSize) +
+                " bytes of variables, expected at least " + std::to_string(sizeof(EntityVars)));
     }
 }
 
@@ -302,6 +321,20 @@ void World::chooseDriven()
         throw std::runtime_error(named(*driven_->description) + ": has neither MOTION DRIVE nor MOTION FLY");
     }
     root_.ownEntity = driven_ == nullptr ? nullptr : driven_->entity;
+}
+
+// The angles are those of localAttitude (publisher.h), from the matrix that it makes of them.
+void World::show(OwnEntity &own, const vuEntity &remote)
+{
+    const LocalFrame &frame = terrain_->frame();
+    const auto &[psi, theta, phi] = remote.orientation;
+    const Matrix3 m = product(transposed(frame.rotation()), rotationOf({psi, theta, phi}));
+    vuEntity &entity = *own.entity;
+    entity.disId = remote.disId;
+    std::ranges::copy(frame.toLocal({remote.position[0], remote.position[1], remote.position[2]}), entity.position);
+    entity.orientation[0] = static_cast<float>(std::atan2(-m[0], m[3]));
+    entity.orientation[1] = static_cast<float>(std::asin(std::clamp(m[6], -1.0, 1.0)));
+    entity.orientation[2] = static_cast<float>(std::atan2(-m[7], -m[8]));
 }
 
 void World::drive(const pfuMouse &mouse)
@@ -434,7 +467,7 @@ void World::release()
     root_.ownEntity = nullptr;
     for (OwnEntity &own : entities_)
     {
-        entityReleaseSharedMem(own.entity);
+        releaseSegment(*own.entity);
         vunodeDelete(&scene_->entities, &own.entity->node); // unlinks it and releases its name
         pfFree(own.entity->smooth);
         pfFree(own.entity);

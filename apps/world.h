@@ -35,6 +35,7 @@ struct OwnEntity
     double reach = 0.0;              // metres from its origin to the farthest probe, on the map
     std::array<double, 2> tested{};  // where it was when its ground was looked for
     double height = 0.0;             // of the ground that it followed, then
+    bool isReceived = false;         // its reports come by its segment (entitysegment.h)
     vuDefinition definition{};
     vuVariablesLayout layout{};
 };
@@ -113,6 +114,9 @@ public:
 
     // The driven entity's part of a frame, with that mouse.
     void drive(const pfuMouse &mouse);
+
+    // Puts an entity where that one, in geocentric coordinates, is.
+    void show(OwnEntity &own, const vuEntity &remote);
 
     // After the entities have moved: place their nodes, find the ground, and set those that follow it on it.
     void settle();

@@ -20,7 +20,7 @@ foreach(folder kernel geometry vuDB performer)
 endforeach()
 install(FILES ${PROJECT_SOURCE_DIR}/plugins/plugin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/tolvin)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/samples DESTINATION ${CMAKE_INSTALL_DATADIR}/tolvin
-  FILES_MATCHING PATTERN "*.scene" PATTERN "*.drive" PATTERN "*.rgb" PATTERN "*.rgba" PATTERN "*.png" PATTERN "*.obj")
+  FILES_MATCHING PATTERN "*.scene" PATTERN "*.drive" PATTERN "*.rgb" PATTERN "*.rgba" PATTERN "*.png" PATTERN "*.obj" PATTERN "*.pcap")
 install(FILES ${PROJECT_SOURCE_DIR}/docs/man/tolvin.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/tolvin)

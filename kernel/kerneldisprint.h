@@ -148,7 +148,7 @@ TOLVIN_API void printAcknowledgePDU(FILE *stream, const vuAcknowledgePdu *pdu);
 
 /*
  * Each datum identifier, too, with its text: as many as the record says, read from behind it, 4 bytes each, also in the datum area of
- * Set Data and Data. A count above 2147483647 is none.
+ * Set Data and Data. A count above 2147483647 is none. They call getDatumStr (kerneldistext.h), whose buffer they overwrite.
  */
 TOLVIN_API void printDataQueryPDU(FILE *stream, const vuDataQueryPdu *pdu);
 TOLVIN_API void printSetDataPDU(FILE *stream, const vuSetDataPdu *pdu);

@@ -17,7 +17,10 @@ TOLVIN_API const char *getVersionStringDIS(uint8_t version);
 TOLVIN_API const char *getPDUFamilyStringDIS(uint8_t family);
 TOLVIN_API const char *getPDUTypeStringDIS(uint8_t type);
 
-/* Of an entity type: its kind; the domain of a platform; the category of a land platform and of an air platform; the country. */
+/*
+ * Of an entity type: its kind; the domain of a platform; the category of a land platform and of an air platform; the country, of
+ * whose 16 bits the low 8 are looked up.
+ */
 TOLVIN_API const char *getEntityTypeKindStr(uint8_t kind);
 TOLVIN_API const char *getEntityTypePlatformStr(uint8_t domain);
 TOLVIN_API const char *getEntityTypePlLandStr(uint16_t category);

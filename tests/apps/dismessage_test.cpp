@@ -71,7 +71,7 @@ const Bytes kUpdate = pduOf(67, 1, hex("0001 0002 0003 77 01" + kVector + kPlace
 const Bytes kCollision = pduOf(4, 1, hex(kIds + "0001 0002 0009 01 66" + kVector + "40a00000" + kVector));
 const Bytes kFire = pduOf(2, 2,
                           hex(kIds + "0007 0008 0009  0001 0002 000a 0000000b" + kPlace + kType +
-                              "0384 0385 0001 0002" + kVector + "7fc00000"));
+                              "0384 0385 0001 0002" + kVector + "7f800001"));
 const Bytes kDetonation = pduOf(3, 2,
                                 hex(kIds + "0007 0008 0009  0001 0002 000a" + kVector + kPlace + kType +
                                     "0384 0385 0001 0002" + kVector + "05 01 3344" + kPart));
@@ -186,6 +186,9 @@ TEST(DisText, TellsAllFields)
               std::string::npos);
     EXPECT_EQ(lineOf(message), "entity state, exercise 9, 1:2:3 \"A\"\\x09\" at 1.0 2.0 3.0, 176 bytes");
     EXPECT_NE(printed(message).find("capabilities: 0xDEADBEEF\nparameter:        type 0, change 1"), std::string::npos);
+    auto &state = std::get<vuEntityState>(message.record);
+    std::ranges::copy(std::string_view("\xC3\xBC\xC2\x9B\x9B\xE0\x80\xF0\x9F\x9A\x97"), state.marking.text);
+    EXPECT_NE(lineOf(message).find("\"\xC3\xBC\\xC2\\x9B\\x9B\\xE0\\x80\xF0\x9F\x9A\x97\""), std::string::npos);
     decodeBytes(kFire, message);
     EXPECT_NE(jsonOf(message).find("\"range\":null}"), std::string::npos);
     EXPECT_EQ(lineOf(message), "fire, exercise 9, 1:2:3 to 4:5:6 at 1.0 2.0 3.0, 96 bytes");

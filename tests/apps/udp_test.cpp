@@ -143,3 +143,25 @@ TEST(Udp, BroadcastsAndSilenceAreNoErrors)
     EXPECT_FALSE(sender.send(Bytes(144))) << "nobody listens any more";
     EXPECT_FALSE(sender.send(Bytes(144))) << "and the sender has been told";
 }
+
+TEST(Udp, TellsBothEnds)
+{
+    UdpReceiver receiver(parseEndpoint("0.0.0.0:0"));
+    asio::io_context context;
+    using asio::ip::udp;
+    udp::socket first(context, udp::endpoint(kLoopback, 0)), second(context, udp::endpoint(kLoopback, 0));
+    std::vector<std::pair<std::string, std::string>> sent, told;
+    for (const std::string address : {"127.0.0.1", "127.255.255.255", "127.0.0.2"})
+    {
+        for (udp::socket *const socket : {&first, &second})
+        {
+            const udp::endpoint to = parseEndpoint(address, receiver.localPort());
+            socket->set_option(udp::socket::broadcast(true));
+            socket->send_to(asio::buffer("x"), to);
+            sent.emplace_back(textOf(socket->local_endpoint()), textOf(to));
+        }
+    }
+    receiver.receiveUntil(SteadyClock::now(),
+                          [&](auto, auto) { told.emplace_back(textOf(receiver.from()), textOf(receiver.to())); });
+    EXPECT_EQ(told, sent);
+}

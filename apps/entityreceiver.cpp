@@ -1,0 +1,181 @@
+#include "entityreceiver.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+namespace tolvin
+{
+
+namespace
+{
+
+// As tolvin run has it (disinput.cpp).
+constexpr double kLatestReport = 5.0; // seconds
+
+std::uint64_t keyOf(const vuEntityId &id)
+{
+    return std::uint64_t{id.site} << 32 | std::uint64_t{id.application} << 16 | id.entity;
+}
+
+// Whether a report was made before another one, and overtaken by it. The upper 31 bits of a stamp are a fraction of an hour, so that
+// the difference takes no notice of the turn of the hour. One that is older by far comes of a clock that was set.
+bool isOvertaken(std::uint32_t stamp, std::uint32_t last)
+{
+    const auto difference = static_cast<std::int32_t>((stamp & ~1u) - (last & ~1u));
+    return difference < 0 && difference * (3600.0 / 0x1p32) > -kLatestReport;
+}
+
+} // namespace
+
+EntityReceiver::EntityReceiver(const std::vector<SegmentAssignment> &assignments, std::uint8_t exercise,
+                               NoticeSink notice)
+    : exercise_(exercise),
+      notice_(std::move(notice))
+{
+    for (const SegmentAssignment &assignment : assignments)
+    {
+        targets_.emplace(keyOf(assignment.id),
+                         Target{assignment, std::make_unique<WrittenSegment>(assignment.key, assignment.size)});
+    }
+}
+
+std::size_t EntityReceiver::heard() const
+{
+    return static_cast<std::size_t>(
+        std::ranges::count_if(targets_, [](const auto &entry) { return entry.second.isHeard; }));
+}
+
+void EntityReceiver::fault(PduFault kind)
+{
+    ++counts_.malformed;
+    if (++counts_.faults[static_cast<std::size_t>(kind)] == 1)
+    {
+        notice_(std::string("dropped a malformed datagram: ") + faultText(kind) + " (further ones are only counted)");
+    }
+}
+
+void EntityReceiver::take(std::span<const std::uint8_t> datagram, std::int64_t arrival)
+{
+    ++counts_.datagrams;
+    PduReader reader(datagram);
+    Pdu pdu;
+    while (reader.next(pdu))
+    {
+        if (exercise_ != 0 && pdu.header.exerciseId != exercise_)
+        {
+            ++counts_.otherExercise;
+        }
+        else if (const PduFault kind = takePdu(pdu, arrival); kind != PduFault::None)
+        {
+            fault(kind);
+        }
+    }
+    if (reader.fault() != PduFault::None)
+    {
+        fault(reader.fault());
+    }
+}
+
+PduFault EntityReceiver::takePdu(const Pdu &pdu, std::int64_t arrival)
+{
+    PduFault kind = PduFault::None;
+    EntityReport report;
+    RemoveEntity removal;
+    switch (kindOf(pdu.header))
+    {
+    case PduKind::EntityState:
+        kind = decodeEntityState(pdu, report.state);
+        if (kind == PduFault::None)
+        {
+            report.arrival = arrival;
+            takeReport(report);
+        }
+        break;
+    case PduKind::RemoveEntity:
+        kind = decodeRemoveEntity(pdu, removal);
+        if (kind == PduFault::None)
+        {
+            takeRemoval(removal, arrival);
+        }
+        break;
+    default:
+        ++counts_.otherPdus;
+    }
+    return kind;
+}
+
+void EntityReceiver::takeReport(const EntityReport &report)
+{
+    const auto [begin, end] = targets_.equal_range(keyOf(report.state.entityId));
+    counts_.unknown += begin == end ? 1 : 0;
+    for (auto entry = begin; entry != end; ++entry)
+    {
+        Target &target = entry->second;
+        if (target.isHeard && isOvertaken(report.state.timestamp, target.last.state.timestamp))
+        {
+            ++counts_.late;
+            continue;
+        }
+        target.last = report;
+        target.isHeard = true;
+        if (target.segment != nullptr)
+        {
+            writeReport(target.segment->vars(), report);
+            ++counts_.written;
+        }
+    }
+}
+
+// A segment tells by the last report, which then says so, that the entity has left. Nobody removes what belongs to others.
+void EntityReceiver::takeRemoval(const RemoveEntity &removal, std::int64_t arrival)
+{
+    const vuEntityId &from = removal.originating, &id = removal.receiving;
+    const auto target = targets_.find(keyOf(id));
+    if (from.site != id.site || from.application != id.application || target == targets_.end() ||
+        !target->second.isHeard)
+    {
+        ++counts_.otherPdus;
+        return;
+    }
+    EntityReport report = target->second.last;
+    report.arrival = arrival;
+    report.state.timestamp = removal.header.timestamp;
+    report.state.appearance |= kAppearanceDeactivated;
+    takeReport(report);
+}
+
+// What stands in the way is told once, not every second.
+void EntityReceiver::attach(Target &target)
+{
+    const bool hadOne = target.segment != nullptr;
+    target.segment.reset();
+    try
+    {
+        target.segment = std::make_unique<WrittenSegment>(target.assignment.key, target.assignment.size);
+    }
+    catch (const std::runtime_error &error)
+    {
+        hadOne ? notice_(error.what()) : void();
+        return;
+    }
+    if (target.isHeard)
+    {
+        writeReport(target.segment->vars(), target.last);
+    }
+    notice_("shared-memory segment " + std::to_string(target.assignment.key) +
+            (target.segment->isCreated() ? " was removed; there is a new one" : " is there again"));
+}
+
+void EntityReceiver::keepSegments()
+{
+    for (auto &[id, target] : targets_)
+    {
+        if (target.segment == nullptr || target.segment->isReplaced())
+        {
+            attach(target);
+        }
+    }
+}
+
+} // namespace tolvin

@@ -1,0 +1,217 @@
+#include "entitysegment.h"
+
+#include "processtoken.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+namespace tolvin
+{
+
+namespace
+{
+
+constexpr int kMode = 0666; // of the kernel's segments
+constexpr int kModeBits = 0777;
+
+std::string nameOf(std::int32_t key)
+{
+    return "shared-memory segment " + std::to_string(key);
+}
+
+std::optional<shmid_ds> statusOf(int id)
+{
+    shmid_ds status;
+    return shmctl(id, IPC_STAT, &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+// A creator of another process namespace has the number 0 here: it may well be there.
+bool isCreatorAlive(const shmid_ds &status)
+{
+    return status.shm_cpid == 0 || isAlive(status.shm_cpid);
+}
+
+std::string textOf(int error)
+{
+    return std::generic_category().message(error);
+}
+
+// By index, as /proc/sysvipc/shm has them, or nothing. Those that may only be looked at by their owner are among them only in
+// kernels that know SHM_STAT_ANY.
+std::optional<SegmentInfo> statusAt(int index, shmid_ds &status)
+{
+    int id = -1;
+#ifdef SHM_STAT_ANY
+    id = shmctl(index, SHM_STAT_ANY, &status);
+#endif
+    if (id < 0)
+    {
+        id = shmctl(index, SHM_STAT, &status);
+    }
+    if (id < 0)
+    {
+        return std::nullopt;
+    }
+    SegmentInfo info;
+    info.id = id;
+    info.key = status.shm_perm.__key;
+    info.size = status.shm_segsz;
+    info.attached = status.shm_nattch;
+    info.creator = status.shm_cpid;
+    info.isCreatorAlive = isCreatorAlive(status);
+    return info;
+}
+
+// Whether the variables are ours; then with what they tell.
+bool lookInto(SegmentInfo &info)
+{
+    void *const block = shmat(info.id, nullptr, SHM_RDONLY);
+    if (block == reinterpret_cast<void *>(-1))
+    {
+        return false;
+    }
+    const auto &vars = *static_cast<const EntityVars *>(block);
+    const bool ours = isOurs(vars);
+    if (ours)
+    {
+        std::uint32_t seen = 0;
+        info.last = readNewReport(vars, seen);
+        info.reports = reportsOf(vars);
+        info.writer = processOf(writerOf(vars));
+        info.isWriterAlive = isTokenAlive(writerOf(vars));
+    }
+    shmdt(block);
+    return ours;
+}
+
+} // namespace
+
+bool isReceived(const EntityDescription &entity)
+{
+    return entity.motion == VU_MOTION_NONE && entity.shmKey >= VU_SHM_FIRST_KEY && entity.shmSize >= sizeof(EntityVars);
+}
+
+std::string whyNoSegment(std::int32_t key, std::size_t size)
+{
+    const std::string name = nameOf(key);
+    const int id = shmget(key, 0, 0);
+    const int error = errno;
+    if (id < 0)
+    {
+        return name + " cannot be made with " + std::to_string(size) +
+               " bytes: " + (error == ENOENT ? "the system's limits (ipcs -lm) are reached" : textOf(error));
+    }
+    const std::optional<shmid_ds> status = statusOf(id);
+    if (status.has_value() && status->shm_segsz < size)
+    {
+        return name + " has " + std::to_string(status->shm_segsz) + " bytes, expected at least " + std::to_string(size);
+    }
+    return name + " cannot be attached to: it is gone, or not for this user to read and write";
+}
+
+std::string foreignSegment(std::int32_t key)
+{
+    return nameOf(key) + " holds something else than the state of an entity";
+}
+
+EntityVars *varsOf(const vuEntity &entity)
+{
+    const bool has = entity.shmId >= 0 && entity.vars != nullptr && entity.definition != nullptr &&
+                     entity.definition->layout != nullptr && entity.definition->layout->size >= sizeof(EntityVars);
+    return has ? static_cast<EntityVars *>(entity.vars) : nullptr;
+}
+
+bool isReplaced(const vuEntity &entity)
+{
+    return entity.shmId >= 0 && shmget(entity.shmKey, 0, 0) != entity.shmId;
+}
+
+void releaseSegment(vuEntity &entity)
+{
+    const EntityVars *const vars = varsOf(entity);
+    const std::optional<shmid_ds> status =
+        vars != nullptr && isOurs(*vars) ? statusOf(entity.shmId) : std::optional<shmid_ds>();
+    if (status.has_value() && status->shm_nattch == 1 && !isCreatorAlive(*status))
+    {
+        entity.shmCreated = 1; // in the place of the one that is gone
+    }
+    entityReleaseSharedMem(&entity);
+}
+
+// Of an entity only what the attaching looks at: it is never in a scene.
+WrittenSegment::WrittenSegment(std::int32_t key, std::uint32_t size)
+{
+    layout_.size = size;
+    definition_.layout = &layout_;
+    entity_.definition = &definition_;
+    entity_.shmKey = key;
+    entity_.shmId = -1;
+    if (size < sizeof(EntityVars))
+    {
+        throw std::runtime_error(nameOf(key) + ": " + std::to_string(size) + " bytes are too few, expected at least " +
+                                 std::to_string(sizeof(EntityVars)));
+    }
+    if (entityAttachToSharedMemory(&entity_) == 0)
+    {
+        const std::string why = whyNoSegment(key, size);
+        releaseSegment(entity_);
+        throw std::runtime_error(why);
+    }
+    vars_ = varsOf(entity_);
+    const bool ours = prepareVars(*vars_);
+    const int other = ours ? claimWriting(*vars_) : 0;
+    if (!ours || other != 0)
+    {
+        entity_.shmCreated = 0; // what others have written stays, whatever has become of them
+        entityReleaseSharedMem(&entity_);
+        throw std::runtime_error(ours ? nameOf(key) + " is written by process " + std::to_string(other) + " already"
+                                      : foreignSegment(key));
+    }
+}
+
+WrittenSegment::~WrittenSegment()
+{
+    leaveWriting(*vars_);
+    releaseSegment(entity_);
+}
+
+std::vector<SegmentInfo> findSegments()
+{
+    std::vector<SegmentInfo> segments;
+    shm_info all;
+    const int last = shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds *>(&all));
+    for (int index = 0; index <= last; ++index)
+    {
+        shmid_ds status;
+        std::optional<SegmentInfo> info = statusAt(index, status);
+        if (info.has_value() && info->key >= VU_SHM_FIRST_KEY && info->size >= sizeof(EntityVars) &&
+            (status.shm_perm.mode & kModeBits) == kMode && lookInto(*info))
+        {
+            segments.push_back(*info);
+        }
+    }
+    std::ranges::sort(segments, {}, &SegmentInfo::key);
+    return segments;
+}
+
+bool isAbandoned(const SegmentInfo &segment)
+{
+    return segment.attached == 0 && !segment.isCreatorAlive;
+}
+
+std::error_code removeAbandoned(const SegmentInfo &segment)
+{
+    const std::optional<shmid_ds> status = statusOf(segment.id);
+    if (status.has_value() && (status->shm_nattch != 0 || isCreatorAlive(*status)))
+    {
+        return std::make_error_code(std::errc::device_or_resource_busy);
+    }
+    const bool removed = status.has_value() && shmctl(segment.id, IPC_RMID, nullptr) == 0;
+    return removed ? std::error_code() : std::error_code(errno, std::generic_category());
+}
+
+} // namespace tolvin

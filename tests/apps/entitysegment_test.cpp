@@ -1,0 +1,173 @@
+#include "support/capture.h"
+#include "support/otherprocess.h"
+
+#include <tolvin/apps/entityreceiver.h>
+#include <tolvin/apps/entitysegment.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/shm.h>
+
+using namespace tolvin;
+
+namespace
+{
+
+// Of this test alone, even where several builds run it at once.
+const std::int32_t kKey = 0x52000000 + static_cast<std::int32_t>(getpid()) * 2;
+
+int segmentOf(std::int32_t key)
+{
+    return shmget(key, 0, 0);
+}
+
+std::unique_ptr<WrittenSegment> attached(std::int32_t key = kKey)
+{
+    return std::make_unique<WrittenSegment>(key, sizeof(EntityVars));
+}
+
+const SegmentInfo *find(const std::vector<SegmentInfo> &segments, std::int32_t key = kKey)
+{
+    const auto found = std::ranges::find(segments, key, &SegmentInfo::key);
+    return found == segments.end() ? nullptr : &*found;
+}
+
+std::vector<std::uint8_t> datagramOf(std::uint16_t entity, std::uint32_t stamp, std::uint8_t exercise = 1)
+{
+    vuEntityState state;
+    setupES(&state);
+    state.exerciseId = exercise;
+    state.timestamp = stamp;
+    state.entityId = {7, 8, entity};
+    state.location[0] = 6378137.0;
+    std::vector<std::uint8_t> datagram(kEntityStateSize);
+    encodeEntityState(state, datagram);
+    return datagram;
+}
+
+struct EntitySegments : testing::Test
+{
+    ~EntitySegments() override
+    {
+        for (const std::int32_t key : {kKey, kKey + 1})
+        {
+            EXPECT_EQ(segmentOf(key), -1);
+            shmctl(segmentOf(key), IPC_RMID, nullptr);
+        }
+    }
+
+    // What the receiver has put there since.
+    std::optional<EntityReport> report(std::int32_t key = kKey)
+    {
+        std::uint32_t seen = 0;
+        const std::vector<SegmentInfo> segments = findSegments();
+        const SegmentInfo *const info = find(segments, key);
+        const auto *const vars =
+            static_cast<const EntityVars *>(info == nullptr ? nullptr : shmat(info->id, nullptr, SHM_RDONLY));
+        const auto found = vars == nullptr ? std::nullopt : readNewReport(*vars, seen);
+        shmdt(vars);
+        return found;
+    }
+};
+
+} // namespace
+
+TEST_F(EntitySegments, AreRemovedByTheirMakerOrTheLastOfTheOthersOnceThatIsGone)
+{
+    auto own = attached();
+    EXPECT_TRUE(own->isCreated());
+    own.reset();
+    EXPECT_EQ(segmentOf(kKey), -1);
+
+    const OtherProcess maker([] { attached().release(); });
+    EXPECT_NE(refusalOf([] { attached(); }).find("is written by process " + std::to_string(maker.id())),
+              std::string::npos);
+    maker.killIt();
+    own = attached();
+    EXPECT_FALSE(own->isCreated());
+    {
+        const OtherProcess reader([] { shmat(segmentOf(kKey), nullptr, SHM_RDONLY); });
+        own.reset();
+        EXPECT_NE(segmentOf(kKey), -1);
+    }
+    own = attached();
+    own.reset();
+    EXPECT_EQ(segmentOf(kKey), -1);
+
+    const OtherProcess living(
+        []
+        {
+            WrittenSegment *const segment = attached().release();
+            leaveWriting(segment->vars());
+            shmdt(&segment->vars());
+        });
+    attached();
+    EXPECT_NE(segmentOf(kKey), -1); // it is still there, and may want it again
+    living.killIt();
+    attached();
+}
+
+TEST_F(EntitySegments, OfOthersAreRefusedAndStay)
+{
+    int id = shmget(kKey, sizeof(EntityVars), IPC_CREAT | 0666);
+    auto *const bytes = static_cast<char *>(shmat(id, nullptr, 0));
+    bytes[100] = 'x';
+    EXPECT_NE(refusalOf([] { attached(); }).find("holds something else"), std::string::npos);
+    EXPECT_EQ(find(findSegments()), nullptr);
+    shmdt(bytes);
+    EXPECT_EQ(segmentOf(kKey), id);
+    shmctl(id, IPC_RMID, nullptr);
+
+    id = shmget(kKey, 64, IPC_CREAT | 0666);
+    capturedStderr(
+        []
+        { EXPECT_NE(refusalOf([] { attached(); }).find("has 64 bytes, expected at least 168"), std::string::npos); });
+    shmctl(id, IPC_RMID, nullptr);
+    EXPECT_NE(refusalOf([] { WrittenSegment(kKey, 167); }).find("167 bytes are too few"), std::string::npos);
+}
+
+TEST_F(EntitySegments, GetReportsOfTheirEntities)
+{
+    std::vector<std::string> notices;
+    EntityReceiver receiver({{kKey + 1, 168, {7, 8, 2}}, {kKey, 168, {7, 8, 1}}}, 1,
+                            [&](const std::string &line) { notices.push_back(line); });
+    constexpr std::uint32_t kSecond = 0x1p32 / 3600;
+    receiver.take(datagramOf(1, 0u - kSecond), 10); // a second before the hour
+    receiver.take(datagramOf(1, kSecond), 11);
+    receiver.take(datagramOf(1, 0), 12); // overtaken
+    receiver.take(datagramOf(3, 0), 13);
+    receiver.take(datagramOf(1, 2 * kSecond, 9), 14);
+    auto broken = datagramOf(1, 3 * kSecond);
+    broken.resize(143);
+    receiver.take(broken, 15);
+    receiver.take({}, 15);
+    receiver.take({}, 15);
+    const ReceiverCounts &counts = receiver.counts();
+    EXPECT_TRUE(counts.datagrams == 8 && counts.written == 2 && counts.unknown == 1 && counts.late == 1 &&
+                counts.otherExercise == 1 && counts.malformed == 3 && notices.size() == 2);
+    EXPECT_TRUE(report().value().arrival == 11 && report()->state.timestamp == kSecond);
+    EXPECT_FALSE(report(kKey + 1).has_value());
+    EXPECT_EQ(receiver.heard(), 1u);
+    receiver.take(datagramOf(1, kSecond / 2 * 3600), 16); // its clock was set by half an hour
+    EXPECT_EQ(report()->arrival, 16);
+
+    std::vector<std::uint8_t> removal(kRemoveEntitySize);
+    const auto remove = [&](const vuEntityId &by)
+    {
+        encodeRemoveEntity({{6, 1, 0, 0, kSecond / 2 * 3601, 0, 0}, by, {7, 8, 1}, 1}, removal);
+        receiver.take(removal, 17);
+        return leaves(report()->state);
+    };
+    EXPECT_FALSE(remove({7, 9, 1}));
+    EXPECT_TRUE(remove({7, 8, 0}));
+
+    shmctl(segmentOf(kKey), IPC_RMID, nullptr); // as the program that made it does at its end
+    EXPECT_FALSE(report().has_value());
+    receiver.keepSegments();
+    EXPECT_EQ(report().value().arrival, 17);
+}
