@@ -12,6 +12,7 @@
 #include <cctype>
 #include <filesystem>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -123,6 +124,20 @@ void readDescriptionFile(const std::string &file, vuRootNode &root, Description 
     {
         throw std::runtime_error(message);
     }
+}
+
+Description readSceneFile(const std::string &file)
+{
+    const auto root = std::make_unique<vuRootNode>();
+    Description description;
+    {
+        const QuietStandardError quiet;
+        initRootNode(root.get());
+    }
+    readDescriptionFile(file, *root, description);
+    releaseSurfaces(*root);
+    effectFreeAll(root.get());
+    return description;
 }
 
 void releaseSurfaces(vuRootNode &root)

@@ -156,6 +156,9 @@ constexpr std::size_t kMostErrors = 100;
 // file cannot be read.
 void readDescriptionFile(const std::string &file, vuRootNode &root, Description &description);
 
+// The scene and the entities of a file alone, as readDescriptionFile has them.
+Description readSceneFile(const std::string &file);
+
 // Takes all material and texture lists from the root node and releases them with all they hold. Effects go with effectFreeAll.
 void releaseSurfaces(vuRootNode &root);
 

@@ -343,7 +343,7 @@ std::string lineOf(const DisMessage &message)
                               double > ;
                           })
             {
-                std::array<char, 100> place;
+                std::array<char, 1000> place; // three numbers of 310 digits
                 std::snprintf(place.data(), place.size(), " at %.1f %.1f %.1f", double{record.location[0]},
                               double{record.location[1]}, double{record.location[2]});
                 line += place.data();

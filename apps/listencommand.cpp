@@ -1,6 +1,7 @@
 #include "listencommand.h"
 
 #include "capturefile.h"
+#include "counted.h"
 #include "exitcode.h"
 #include "listener.h"
 #include "stopsignal.h"
@@ -39,11 +40,6 @@ struct ListenOptions
     {
         return line ? PduView::Line : json ? PduView::Json : stats ? PduView::None : PduView::Fields;
     }
-
-    bool isEnough(const Listener &listener) const
-    {
-        return isStopAsked() || (pdus > 0 && listener.passed() >= pdus);
-    }
 };
 
 void printNotice(const std::string &line)
@@ -51,17 +47,24 @@ void printNotice(const std::string &line)
     std::fprintf(stderr, "tolvin listen: %s\n", line.c_str());
 }
 
+bool isOver(const Listener &listener)
+{
+    return isStopAsked() || listener.isEnough();
+}
+
 void readFile(const ListenOptions &options, Listener &listener)
 {
+    const bool isStream = options.file == "-";
     CaptureReader capture(options.file);
-    for (CapturedDatagram datagram; !options.isEnough(listener) && capture.next(datagram);)
+    for (CapturedDatagram datagram; !isOver(listener) && capture.next(datagram);)
     {
         listener.take(datagram.bytes, datagram.time, textOf(datagram.from));
+        isStream ? flushOutput() : void(); // whoever feeds it may take any time
     }
     if (capture.skipped() > 0)
     {
-        printNotice(options.file + ": " + std::to_string(capture.skipped()) +
-                    " packets are no whole datagrams of UDP over IPv4");
+        printNotice(options.file + ": " + counted(capture.skipped(), "packet") +
+                    " skipped, which are no whole datagrams of UDP over IPv4");
     }
 }
 
@@ -76,19 +79,33 @@ void hear(const ListenOptions &options, Listener &listener)
                                                                   : forever);
     const auto take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
     {
-        if (!options.isEnough(listener))
+        if (!isOver(listener))
         {
             listener.take(datagram, arrival, textOf(receiver.from()));
         }
     };
-    while (!options.isEnough(listener) && SteadyClock::now() < end)
+    while (!isOver(listener) && SteadyClock::now() < end)
     {
         receiver.receiveUntil(std::min(end, SteadyClock::now() + kPatience), take);
         flushOutput();
     }
     if (receiver.dropped() > 0)
     {
-        printNotice(std::to_string(receiver.dropped()) + " datagrams lost by the socket");
+        printNotice(counted(receiver.dropped(), "datagram") + " lost by the socket");
+    }
+}
+
+// Behind JSON, the table would be no JSON.
+void summarize(const ListenOptions &options, const Listener &listener)
+{
+    if (options.stats)
+    {
+        listener.printSenders(options.json ? stderr : stdout);
+    }
+    if (!options.quiet)
+    {
+        std::fflush(stdout);
+        printNotice(listener.totals());
     }
 }
 
@@ -99,17 +116,22 @@ void runListen(const ListenOptions &options)
         throw std::runtime_error("--one-line and --json: expected one of them");
     }
     takeStopSignals();
-    Listener listener(options.filter, options.view(), stdout, printNotice);
-    options.file.empty() ? hear(options, listener) : readFile(options, listener);
-    if (options.stats)
+    Listener listener(options.filter, options.view(), options.pdus, stdout, printNotice);
+    try
     {
-        listener.printSenders(stdout);
+        options.file.empty() ? hear(options, listener) : readFile(options, listener);
     }
+    catch (const std::exception &)
+    {
+        summarize(options, listener); // of a capture without its end, what came before was shown
+        if (!isStopAsked())
+        {
+            throw;
+        }
+        return; // it was the interrupt that ended a read
+    }
+    summarize(options, listener);
     flushOutput();
-    if (!options.quiet)
-    {
-        printNotice(listener.totals());
-    }
 }
 
 } // namespace

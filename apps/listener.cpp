@@ -1,5 +1,6 @@
 #include "listener.h"
 
+#include "counted.h"
 #include "distext.h"
 
 #include <algorithm>
@@ -47,9 +48,10 @@ bool passes(const PduFilter &filter, const DisMessage &message)
            isOneOf(filter.kinds, state != nullptr ? std::optional<int>(state->entityType.kind) : std::nullopt);
 }
 
-Listener::Listener(PduFilter filter, PduView view, std::FILE *out, NoticeSink notice)
+Listener::Listener(PduFilter filter, PduView view, std::uint64_t most, std::FILE *out, NoticeSink notice)
     : filter_(std::move(filter)),
       view_(view),
+      most_(most),
       out_(out),
       notice_(std::move(notice))
 {
@@ -59,7 +61,7 @@ void Listener::take(std::span<const std::uint8_t> datagram, std::int64_t time, c
 {
     ++datagrams_;
     PduReader reader(datagram);
-    for (Pdu pdu; reader.next(pdu);)
+    for (Pdu pdu; !isEnough() && reader.next(pdu);)
     {
         ++pdus_;
         DisMessage message;
@@ -156,8 +158,9 @@ void Listener::printSenders(std::FILE *out) const
 std::string Listener::totals() const
 {
     const std::uint64_t faults = std::accumulate(faults_.begin(), faults_.end(), std::uint64_t{0});
-    return std::to_string(datagrams_) + " datagrams, " + std::to_string(pdus_) + " PDUs, of which " +
-           std::to_string(passed_) + " were asked for, " + std::to_string(faults) + " faults";
+    const auto passed = std::to_string(passed_);
+    return counted(datagrams_, "datagram") + ", " + counted(pdus_, "PDU") + ", of which " + passed + " asked for, " +
+           counted(faults, "fault");
 }
 
 } // namespace tolvin

@@ -44,11 +44,17 @@ public:
     // A line for the person at the screen, without a newline.
     using NoticeSink = std::function<void(const std::string &line)>;
 
-    // out is where PDUs are shown; each kind of fault is told once.
-    Listener(PduFilter filter, PduView view, std::FILE *out, NoticeSink notice);
+    // out is where PDUs are shown, at most so many, 0 for all; each kind of fault is told once.
+    Listener(PduFilter filter, PduView view, std::uint64_t most, std::FILE *out, NoticeSink notice);
 
     // Takes a datagram of any content that came from there at that time, nanoseconds since 1970.
     void take(std::span<const std::uint8_t> datagram, std::int64_t time, const std::string &from);
+
+    // Whether as many passed as there were to be.
+    bool isEnough() const
+    {
+        return most_ > 0 && passed_ == most_;
+    }
 
     // PDUs that passed so far.
     std::uint64_t passed() const
@@ -78,6 +84,7 @@ private:
 
     PduFilter filter_;
     PduView view_;
+    std::uint64_t most_;
     std::FILE *out_;
     NoticeSink notice_;
     std::map<std::pair<std::string, std::optional<std::pair<int, int>>>, Sender> senders_;

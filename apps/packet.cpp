@@ -217,6 +217,11 @@ bool FragmentAssembler::put(Partial &partial, const UdpPacket &fragment)
 
 std::optional<FragmentAssembler::Whole> FragmentAssembler::add(const UdpPacket &fragment, std::int64_t time)
 {
+    const auto old = partials_.find({fragment.from, fragment.to, fragment.id});
+    if (old != partials_.end() && time - old->second.begun > kFragmentLife)
+    {
+        partials_.erase(old); // the number is used again
+    }
     const auto [place, isNew] = partials_.try_emplace({fragment.from, fragment.to, fragment.id}, Partial{time});
     if (!put(place->second, fragment))
     {

@@ -121,7 +121,7 @@ public:
           reader_(options.file),
           sender_(parseEndpoint(options.to), parseInterface(options.interface), options.timeToLive),
           timetable_(options.speed),
-          progress_("datagrams", options.quiet)
+          progress_(std::in_place, "datagrams", options.quiet)
     {
         if (isStream_ && options.loop != 1)
         {
@@ -142,8 +142,9 @@ public:
         }
     }
 
-    void printSummary() const
+    void printSummary()
     {
+        progress_.reset();
         const double seconds = static_cast<double>(pacer_.now()) * 1e-9;
         std::printf("%s, %s sent, %" PRIu64 " failed, %s skipped, %.1f s, %.1f datagrams/s\n",
                     counted(sent_, "datagram").c_str(), counted(bytes_, "byte").c_str(), failed_,
@@ -184,8 +185,8 @@ private:
     {
         do
         {
-            progress_.show(pacer_.now(), sent_);
-            if (!pacer_.waitUntil(std::min(due, progress_.next())))
+            progress_->show(pacer_.now(), sent_);
+            if (!pacer_.waitUntil(std::min(due, progress_->next())))
             {
                 return false;
             }
@@ -221,7 +222,7 @@ private:
     CaptureReader reader_;
     UdpSender sender_;
     Timetable timetable_;
-    ProgressLine progress_;
+    std::optional<ProgressLine> progress_; // until the summary
     std::vector<std::uint8_t> copy_;
     std::uint64_t passes_ = 0;
     std::uint64_t sent_ = 0;

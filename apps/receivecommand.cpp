@@ -5,7 +5,6 @@
 #include "entityreceiver.h"
 #include "exitcode.h"
 #include "plaintext.h"
-#include "quietstderr.h"
 #include "stopsignal.h"
 #include "udp.h"
 
@@ -83,15 +82,7 @@ vuEntityId parseIdentity(const std::string &text)
 // Entities of the description that have an identity, variables that are large enough, and no motion of their own.
 std::vector<SegmentAssignment> assignmentsOf(const std::string &file)
 {
-    const auto root = std::make_unique<vuRootNode>();
-    Description description;
-    {
-        const QuietStandardError quiet;
-        initRootNode(root.get());
-    }
-    readDescriptionFile(file, *root, description);
-    releaseSurfaces(*root);
-    effectFreeAll(root.get());
+    const Description description = readSceneFile(file);
     std::vector<SegmentAssignment> assignments;
     for (const EntityDescription &entity : description.entities)
     {

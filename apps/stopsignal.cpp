@@ -12,13 +12,27 @@ namespace
 
 volatile std::sig_atomic_t stopSignal = 0;
 
+// The next one of that signal, which ends whatever waits; those after it do what they usually do.
+void noteOnce(int signal)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int number) { stopSignal = number; };
+    action.sa_flags = signal == SIGPIPE ? 0 : static_cast<int>(SA_RESETHAND); // every write to a reader that is gone
+    sigaction(signal, &action, nullptr);
+}
+
 } // namespace
 
 void takeStopSignals()
 {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
     {
-        std::signal(signal, [](int number) { stopSignal = number; });
+        struct sigaction former = {};
+        sigaction(signal, nullptr, &former);
+        if (former.sa_handler != SIG_IGN) // as in the background of a script
+        {
+            noteOnce(signal);
+        }
     }
 }
 
@@ -31,13 +45,10 @@ StopOnSignal::StopOnSignal()
 {
     for (std::size_t i = 0; i < kSignals.size(); ++i)
     {
-        struct sigaction action = {};
         sigaction(kSignals[i], nullptr, &former_[i]);
-        action.sa_handler = [](int signal) { stopSignal = signal; };
-        action.sa_flags = static_cast<int>(SA_RESETHAND);
-        if (former_[i].sa_handler != SIG_IGN) // as in the background of a script
+        if (former_[i].sa_handler != SIG_IGN)
         {
-            sigaction(kSignals[i], &action, nullptr);
+            noteOnce(kSignals[i]);
         }
     }
 }

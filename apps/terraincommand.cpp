@@ -4,7 +4,6 @@
 #include "description.h"
 #include "exitcode.h"
 #include "plaintext.h"
-#include "quietstderr.h"
 #include "terrain.h"
 
 #include <algorithm>
@@ -20,9 +19,6 @@
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <tolvin/kernel/kernelfx.h>
-#include <tolvin/kernel/kernelgeneric.h>
 
 namespace tolvin
 {
@@ -128,15 +124,7 @@ SceneDescription sceneOfDescription(const TerrainOptions &options)
             throw std::runtime_error(option.name() + ": " + file + " tells that itself");
         }
     }
-    const auto root = std::make_unique<vuRootNode>();
-    Description description;
-    {
-        const QuietStandardError quiet;
-        initRootNode(root.get());
-    }
-    readDescriptionFile(file, *root, description);
-    releaseSurfaces(*root);
-    effectFreeAll(root.get());
+    const Description description = readSceneFile(file);
     if (!description.scene || description.scene->terrains.empty())
     {
         throw std::runtime_error(file + ": expected a SCENE with a TERRAIN");

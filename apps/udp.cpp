@@ -237,6 +237,8 @@ UdpReceiver::UdpReceiver(const udp::endpoint &local, const asio::ip::address_v4 
     attempt(name + ": cannot receive here", [&](auto &error) { socket_.bind(local, error); });
     if (local.address().is_multicast())
     {
+        const int onlyJoined = 0; // and not what others on this machine have joined, on other interfaces
+        setsockopt(socket_.native_handle(), IPPROTO_IP, IP_MULTICAST_ALL, &onlyJoined, sizeof onlyJoined);
         const asio::ip::multicast::join_group join(local.address().to_v4(), interface);
         attempt(name + ": cannot join this group on interface " + interface.to_string(),
                 [&](auto &error) { socket_.set_option(join, error); });

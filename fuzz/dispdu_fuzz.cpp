@@ -124,7 +124,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         case PduKind::Detonation:
             checkDetonation(pdu);
             break;
-        case PduKind::Other:
+        default:
             break;
         }
     }

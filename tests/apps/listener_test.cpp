@@ -41,13 +41,13 @@ struct Heard
     std::uint64_t passed;
 };
 
-Heard heard(const PduFilter &filter, PduView view, bool senders = false)
+Heard heard(const PduFilter &filter, PduView view, bool senders = false, std::uint64_t most = 0)
 {
     Heard result = {};
     result.shown = printedTo(
         [&](std::FILE *out)
         {
-            Listener listener(filter, view, out, [&](const std::string &line) { result.notices += line + '\n'; });
+            Listener listener(filter, view, most, out, [&](const std::string &line) { result.notices += line + '\n'; });
             listener.take(stateOf(1, 1, 1) + signalOf(1), 1'500'000'000, "10.0.0.1:3000");
             listener.take(stateOf(2, 1, 2), 2'000'000'000, "10.0.0.2:3000");
             listener.take(stateOf(1, 9, 1), 3'500'000'001, "10.0.0.1:3000");
@@ -84,6 +84,7 @@ TEST(Listener, ShowsWhatIsAskedFor)
     {
         EXPECT_EQ(heard(filter, PduView::None).passed, passed);
     }
+    EXPECT_EQ(heard({}, PduView::Line, false, 1).passed, 1u); // of a datagram with two
     const std::string json = heard({.types = {26}}, PduView::Json).shown;
     EXPECT_EQ(json.find("{\"time\":1.500000000,\"from\":\"10.0.0.1:3000\",\"pdu\":\"signal\","), 0u);
     EXPECT_EQ(json.find('\n'), json.size() - 1);
@@ -97,7 +98,7 @@ TEST(Listener, CountsSendersAndFaults)
               "evil: the datagram is shorter than a PDU header (further times are only counted)\n"
               "evil: a PDU is too short for its type, or for the parameters or datums that it tells of (further "
               "times are only counted)\n");
-    EXPECT_EQ(totals, "7 datagrams, 6 PDUs, of which 4 were asked for, 4 faults");
+    EXPECT_EQ(totals, "7 datagrams, 6 PDUs, of which 4 asked for, 4 faults");
     const std::string head = "address                  site:app           PDUs        bytes     PDUs/s\n";
     EXPECT_EQ(shown, head + "10.0.0.1:3000            -                     1           14          -\n"
                             "10.0.0.1:3000            1:20                  2          288       0.50\n"
