@@ -130,16 +130,33 @@ bool isReplaced(const vuEntity &entity)
     return entity.shmId >= 0 && shmget(entity.shmKey, 0, 0) != entity.shmId;
 }
 
+// A segment of other programs is new when it is what this one would have made, and nothing was put into it.
+bool prepareSegment(vuEntity &entity)
+{
+    EntityVars &vars = *varsOf(entity);
+    const std::optional<shmid_ds> status = statusOf(entity.shmId);
+    const std::size_t size = entity.definition->layout->size;
+    const auto *const bytes = static_cast<const unsigned char *>(entity.vars);
+    const bool isNew =
+        entity.shmCreated != 0 ||
+        (status.has_value() && (status->shm_perm.mode & kModeBits) == kMode && status->shm_segsz == size &&
+         std::all_of(bytes, bytes + size, [](auto byte) { return byte == 0; }));
+    const bool isGood = isOurs(vars) || (isNew && prepareVars(vars));
+    entity.shmCreated = isGood ? entity.shmCreated : 0; // it is not to be removed
+    return isGood;
+}
+
+// Detached first: of several that end at once, the last one sees that nobody is left.
 void releaseSegment(vuEntity &entity)
 {
     const EntityVars *const vars = varsOf(entity);
-    const std::optional<shmid_ds> status =
-        vars != nullptr && isOurs(*vars) ? statusOf(entity.shmId) : std::optional<shmid_ds>();
-    if (status.has_value() && status->shm_nattch == 1 && !isCreatorAlive(*status))
-    {
-        entity.shmCreated = 1; // in the place of the one that is gone
-    }
+    const int id = vars != nullptr && isOurs(*vars) ? entity.shmId : -1;
     entityReleaseSharedMem(&entity);
+    const std::optional<shmid_ds> status = id >= 0 ? statusOf(id) : std::optional<shmid_ds>();
+    if (status.has_value() && status->shm_nattch == 0 && !isCreatorAlive(*status))
+    {
+        shmctl(id, IPC_RMID, nullptr); // in the place of the one that is gone
+    }
 }
 
 // Of an entity only what the attaching looks at: it is never in a scene.
@@ -162,7 +179,7 @@ WrittenSegment::WrittenSegment(std::int32_t key, std::uint32_t size)
         throw std::runtime_error(why);
     }
     vars_ = varsOf(entity_);
-    const bool ours = prepareVars(*vars_);
+    const bool ours = prepareSegment(entity_);
     const int other = ours ? claimWriting(*vars_) : 0;
     if (!ours || other != 0)
     {

@@ -32,6 +32,10 @@ std::string foreignSegment(std::int32_t key);
 // The variables of an entity that is attached to a segment with room for them; null otherwise.
 EntityVars *varsOf(const vuEntity &entity);
 
+// Makes the segment that an entity is attached to, with room for them, one with variables of ours, if it is new. False when it holds, or
+// may hold, something else: then it is left alone, and not removed with the entity.
+bool prepareSegment(vuEntity &entity);
+
 // Whether the segment that the entity is attached to, if any, is not the one of its key any more.
 bool isReplaced(const vuEntity &entity);
 

@@ -77,7 +77,7 @@ void SegmentInput::attach(Source &source)
     {
         why = whyNoSegment(entity.shmKey, source.own->layout.size);
     }
-    else if (!prepareVars(*varsOf(entity)))
+    else if (!prepareSegment(entity))
     {
         why = foreignSegment(entity.shmKey);
     }

@@ -200,7 +200,7 @@ void World::addEntity(const EntityDescription &entity)
                                       : whyNoSegment(entity.shmKey, entity.shmSize)));
     }
     own.isReceived = isReceived(entity);
-    if (own.isReceived && !prepareVars(*varsOf(*record)))
+    if (own.isReceived && !prepareSegment(*record))
     {
         throw std::runtime_error(named(entity) + ": " + foreignSegment(entity.shmKey));
     }
