@@ -29,7 +29,7 @@ void takeStopSignals()
     {
         struct sigaction former = {};
         sigaction(signal, nullptr, &former);
-        if (former.sa_handler != SIG_IGN) // as in the background of a script
+        if (signal != SIGHUP || former.sa_handler != SIG_IGN) // which is what nohup asks for
         {
             noteOnce(signal);
         }

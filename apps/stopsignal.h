@@ -9,8 +9,8 @@ namespace tolvin
 {
 
 // From now on, what would end the program (an interrupt, a reader that is gone) only makes isStopAsked true, and waits, reads and
-// writes end early: for commands that go on until then, and have something to do at the end. A second one ends the program at once; what was
-// ignored is so still.
+// writes end early: for commands that go on until then, and have something to do at the end. A second one ends the program at once. A
+// hangup that was ignored is so still; an interrupt is not, since scripts start what they have in the background so.
 void takeStopSignals();
 bool isStopAsked();
 
