@@ -188,20 +188,20 @@ void DisInput::takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuE
     follow(id, timestamp, report, arrival);
 }
 
-void DisInput::takeReport(const vuEntityState &report, double arrival)
+bool DisInput::takeReport(const vuEntityState &report, double arrival)
 {
     if (options_.exercise != 0 && report.exerciseId != options_.exercise)
     {
         ++counts_.otherExercise;
+        return false;
     }
-    else if (const PduFault kind = checkNumbers(report); kind != PduFault::None)
+    if (const PduFault kind = checkNumbers(report); kind != PduFault::None)
     {
         fault(kind);
+        return false;
     }
-    else
-    {
-        follow(report.entityId, report.timestamp, leaves(report) ? nullptr : &report, arrival);
-    }
+    follow(report.entityId, report.timestamp, leaves(report) ? nullptr : &report, arrival);
+    return true;
 }
 
 void DisInput::follow(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival)

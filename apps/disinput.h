@@ -74,8 +74,8 @@ public:
     void take(std::span<const std::uint8_t> datagram, double arrival);
 
     // Takes a report that somebody else has received, at that time, from whomever; its numbers are checked as those of a datagram.
-    // It is wanted, so that even the own identity is none to drop.
-    void takeReport(const vuEntityState &report, double arrival);
+    // It is wanted, so that even the own identity is none to drop. Returns whether its exercise and its numbers let it be taken.
+    bool takeReport(const vuEntityState &report, double arrival);
 
     // The kernel's part of one frame, at the time of the root node's simulation clock: hands the waiting reports over,
     // dead-reckons all entities, tells jump about every entity for which a new report took over, and removes the

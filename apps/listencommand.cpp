@@ -14,6 +14,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace tolvin
 {
@@ -121,14 +122,15 @@ void runListen(const ListenOptions &options)
     {
         options.file.empty() ? hear(options, listener) : readFile(options, listener);
     }
-    catch (const std::exception &)
+    catch (const std::exception &error)
     {
-        summarize(options, listener); // of a capture without its end, what came before was shown
-        if (!isStopAsked())
+        // Of a capture without its end, what came before was shown. An interrupt may have ended a read; it is no excuse for output
+        // that is lost.
+        if (!isStopAsked() || dynamic_cast<const std::system_error *>(&error) != nullptr)
         {
+            summarize(options, listener);
             throw;
         }
-        return; // it was the interrupt that ended a read
     }
     summarize(options, listener);
     flushOutput();

@@ -138,9 +138,11 @@ void SegmentInput::handOn(Source &source, const EntityReport &report, std::int64
         ++counts_.old; // left behind by a receiver that is gone
         return;
     }
-    source.id = report.state.entityId;
     ++counts_.reports;
-    input_.takeReport(report.state, clock_.ofWall(age > 0.0 ? report.arrival : now)); // a clock may have been set
+    if (input_.takeReport(report.state, clock_.ofWall(age > 0.0 ? report.arrival : now))) // a clock may have been set
+    {
+        source.id = report.state.entityId;
+    }
 }
 
 void SegmentInput::show()
