@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,7 @@ namespace tolvin
 ArgumentCheck within(double least, double most)
 {
     std::ostringstream range;
+    range.precision(10); // of an int all digits
     range << least << " to " << most;
     return {range.str(), [least, most](const std::string &argument)
             {
@@ -90,6 +92,15 @@ bool Option::isGiven() const
 std::string Option::name() const
 {
     return option_->get_name();
+}
+
+void refuseBeside(const std::string &name, const std::vector<Option> &options)
+{
+    const auto given = std::ranges::find_if(options, &Option::isGiven);
+    if (given != options.end())
+    {
+        throw std::runtime_error(given->name() + " means nothing beside " + name);
+    }
 }
 
 template<typename Value>

@@ -53,6 +53,9 @@ private:
     CLI::Option *option_;
 };
 
+// Throws std::runtime_error when one of them is given: beside the option of that name it would mean nothing.
+void refuseBeside(const std::string &name, const std::vector<Option> &options);
+
 // A subcommand. Lives as long as the command line, as has what options store to.
 class Command
 {

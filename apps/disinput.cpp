@@ -114,6 +114,16 @@ PduFault DisInput::takePdu(const Pdu &pdu, double arrival)
         }
         return kind;
     }
+    case PduKind::EntityStateUpdate:
+    {
+        EntityStateUpdate update;
+        const PduFault kind = decodeEntityStateUpdate(pdu, update);
+        if (kind == PduFault::None)
+        {
+            takeUpdate(update, arrival);
+        }
+        return kind;
+    }
     case PduKind::RemoveEntity:
     {
         RemoveEntity removal;
@@ -161,6 +171,19 @@ PduFault DisInput::takeShot(const Pdu &pdu, PduFault (*decode)(const Pdu &, Shot
 bool DisInput::isOwn(const vuEntityId &id) const
 {
     return id.site == options_.site && id.application == options_.application;
+}
+
+// Of an entity that is not known yet, it says too little.
+void DisInput::takeUpdate(const EntityStateUpdate &update, double arrival)
+{
+    const RemoteEntity *const remote = table_->find(update.entityId);
+    if (remote == nullptr && !isOwn(update.entityId))
+    {
+        ++counts_.otherPdus;
+        return;
+    }
+    const vuEntityState report = reportAfter(remote != nullptr ? remote->report : vuEntityState{}, update);
+    takeNews(update.entityId, report.timestamp, leaves(report) ? nullptr : &report, arrival);
 }
 
 // Nobody removes what belongs to others.
@@ -273,6 +296,7 @@ void DisInput::queue(RemoteEntity &remote, const vuEntityState &report, double m
         owners_.push_back(&remote);
     }
     reports_[remote.pending] = report;
+    remote.report = report;
     ages_[remote.pending] = madeAt;
     algorithms_[remote.pending] = report.deadReckoning.algorithm;
 }

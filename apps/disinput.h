@@ -31,11 +31,12 @@ struct DisInputOptions
 struct DisCounts
 {
     std::uint64_t datagrams = 0;
-    std::uint64_t reports = 0;   // Entity States handed to the kernel
+    std::uint64_t reports = 0;   // Entity States, and updates of them, handed to the kernel
     std::uint64_t malformed = 0; // PDUs or rests of datagrams with a fault
     std::uint64_t fires = 0;     // handed to the sink
     std::uint64_t detonations = 0;
-    std::uint64_t otherPdus = 0; // well-formed PDUs that are not used: their type, or whose entity they remove
+    std::uint64_t otherPdus =
+        0; // well-formed PDUs that are not used: their type, or whose entity they remove or update
     std::uint64_t otherExercise = 0;
     std::uint64_t own = 0;
     std::uint64_t late = 0;    // overtaken by a later report of the same entity
@@ -104,6 +105,7 @@ private:
     PduFault takeShot(const Pdu &pdu, PduFault (*decode)(const Pdu &, Shot &),
                       const std::function<void(const Shot &)> &sink, std::uint64_t &count);
     bool isOwn(const vuEntityId &id) const;
+    void takeUpdate(const EntityStateUpdate &update, double arrival);
     void takeRemoval(const RemoveEntity &removal, double arrival);
     void takeNews(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);
     void follow(const vuEntityId &id, std::uint32_t timestamp, const vuEntityState *report, double arrival);

@@ -25,19 +25,6 @@ struct VariableParameter
     std::array<std::uint8_t, 8> value; // as it is on the wire: a float and padding; an entity type
 };
 
-// What changes of an entity, from version 6 on.
-struct EntityStateUpdate
-{
-    PduHeader header;
-    vuEntityId entityId;
-    std::uint8_t padding;
-    std::uint8_t numParameters;
-    float velocity[3];
-    double location[3];
-    float orientation[3];
-    std::uint32_t appearance;
-};
-
 // Two entities, or an entity and something else, bump into each other.
 struct Collision
 {

@@ -76,14 +76,50 @@ PduFault checkVector(const Number (&vector)[3], double limit)
     return firstOf({checkNumber(vector[0], limit), checkNumber(vector[1], limit), checkNumber(vector[2], limit)});
 }
 
-// A record's header as it is to be sent.
-PduHeader sentHeader(const PduHeader &header, PduKind kind, std::size_t length)
+std::size_t parametersOf(const vuEntityState &state)
 {
-    PduHeader sent = header;
-    setKind(sent, kind);
-    sent.length = static_cast<std::uint16_t>(length);
-    sent.padding = 0;
-    return sent;
+    return state.numArticulParam;
+}
+
+template<class Record>
+std::size_t parametersOf(const Record &record)
+{
+    if constexpr (requires { record.numParameters; })
+    {
+        return record.numParameters;
+    }
+    return 0;
+}
+
+// False when the PDU has no room for the fields, or for the parameters behind them.
+template<class Record>
+bool read(const Pdu &pdu, Record &record)
+{
+    WireReader wire(pdu.bytes);
+    fieldsOf(wire, record);
+    wire.take(parametersOf(record) * sizeof(VariableParameter));
+    return !wire.overrun();
+}
+
+std::size_t write(const auto &record, std::size_t size, std::span<std::uint8_t> out)
+{
+    if (out.size() < size)
+    {
+        return 0;
+    }
+    WireWriter wire(out);
+    fieldsOf(wire, record);
+    return size;
+}
+
+// A record with a header, which is then as it is to be sent.
+template<class Record>
+std::size_t writeAs(PduKind kind, Record record, std::size_t size, std::span<std::uint8_t> out)
+{
+    setKind(record.header, kind);
+    record.header.length = static_cast<std::uint16_t>(size);
+    record.header.padding = 0;
+    return write(record, size, out);
 }
 
 PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
@@ -184,11 +220,8 @@ PduFault checkNumbers(const vuEntityState &state)
 
 PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
 {
-    WireReader wire(pdu.bytes);
     vuEntityState state;
-    fieldsOf(wire, state);
-    wire.take(state.numArticulParam * sizeof(VariableParameter));
-    if (wire.overrun())
+    if (!read(pdu, state))
     {
         return PduFault::BodyTooShort;
     }
@@ -203,15 +236,9 @@ PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
 
 std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t> out)
 {
-    if (out.size() < kEntityStateSize)
-    {
-        return 0;
-    }
     vuEntityState fixed = state;
     setFixedFields(fixed);
-    WireWriter wire(out);
-    fieldsOf(wire, fixed);
-    return kEntityStateSize;
+    return write(fixed, kEntityStateSize, out);
 }
 
 bool leaves(const vuEntityState &state)
@@ -219,12 +246,41 @@ bool leaves(const vuEntityState &state)
     return (state.appearance & kAppearanceDeactivated) != 0;
 }
 
+PduFault decodeEntityStateUpdate(const Pdu &pdu, EntityStateUpdate &out)
+{
+    EntityStateUpdate update;
+    if (!read(pdu, update))
+    {
+        return PduFault::BodyTooShort;
+    }
+    const PduFault fault =
+        firstOf({checkVector(update.velocity, kMaxVelocity), checkVector(update.location, kMaxLocation),
+                 checkVector(update.orientation, kMaxAngle)});
+    if (fault == PduFault::None)
+    {
+        update.numParameters = 0;
+        out = update;
+    }
+    return fault;
+}
+
+vuEntityState reportAfter(const vuEntityState &former, const EntityStateUpdate &update)
+{
+    vuEntityState state = former;
+    state.protocolVersion = update.header.protocolVersion;
+    state.exerciseId = update.header.exerciseId;
+    state.timestamp = update.header.timestamp;
+    std::ranges::copy(update.velocity, state.velocity);
+    std::ranges::copy(update.location, state.location);
+    std::ranges::copy(update.orientation, state.orientation);
+    state.appearance = update.appearance;
+    return state;
+}
+
 PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out)
 {
-    WireReader wire(pdu.bytes);
     RemoveEntity removal;
-    fieldsOf(wire, removal);
-    if (wire.overrun())
+    if (!read(pdu, removal))
     {
         return PduFault::BodyTooShort;
     }
@@ -234,23 +290,13 @@ PduFault decodeRemoveEntity(const Pdu &pdu, RemoveEntity &out)
 
 std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8_t> out)
 {
-    if (out.size() < kRemoveEntitySize)
-    {
-        return 0;
-    }
-    RemoveEntity fixed = removal;
-    fixed.header = sentHeader(removal.header, PduKind::RemoveEntity, kRemoveEntitySize);
-    WireWriter wire(out);
-    fieldsOf(wire, fixed);
-    return kRemoveEntitySize;
+    return writeAs(PduKind::RemoveEntity, removal, kRemoveEntitySize, out);
 }
 
 PduFault decodeFire(const Pdu &pdu, Fire &out)
 {
-    WireReader wire(pdu.bytes);
     Fire fire;
-    fieldsOf(wire, fire);
-    if (wire.overrun())
+    if (!read(pdu, fire))
     {
         return PduFault::BodyTooShort;
     }
@@ -265,24 +311,13 @@ PduFault decodeFire(const Pdu &pdu, Fire &out)
 
 std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out)
 {
-    if (out.size() < kFireSize)
-    {
-        return 0;
-    }
-    Fire fixed = fire;
-    fixed.header = sentHeader(fire.header, PduKind::Fire, kFireSize);
-    WireWriter wire(out);
-    fieldsOf(wire, fixed);
-    return kFireSize;
+    return writeAs(PduKind::Fire, fire, kFireSize, out);
 }
 
 PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
 {
-    WireReader wire(pdu.bytes);
     Detonation detonation;
-    fieldsOf(wire, detonation);
-    wire.take(detonation.numParameters * sizeof(VariableParameter));
-    if (wire.overrun())
+    if (!read(pdu, detonation))
     {
         return PduFault::BodyTooShort;
     }
@@ -300,17 +335,10 @@ PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
 
 std::size_t encodeDetonation(const Detonation &detonation, std::span<std::uint8_t> out)
 {
-    if (out.size() < kDetonationSize)
-    {
-        return 0;
-    }
     Detonation fixed = detonation;
-    fixed.header = sentHeader(detonation.header, PduKind::Detonation, kDetonationSize);
     fixed.numParameters = 0;
     fixed.padding = 0;
-    WireWriter wire(out);
-    fieldsOf(wire, fixed);
-    return kDetonationSize;
+    return writeAs(PduKind::Detonation, fixed, kDetonationSize, out);
 }
 
 } // namespace tolvin

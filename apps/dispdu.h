@@ -112,6 +112,27 @@ PduFault checkNumbers(const vuEntityState &state);
 // Whether the report announces that the entity leaves the exercise (its appearance says deactivated).
 bool leaves(const vuEntityState &state);
 
+// What changes of an entity, from version 6 on.
+struct EntityStateUpdate
+{
+    PduHeader header;
+    vuEntityId entityId;
+    std::uint8_t padding;
+    std::uint8_t numParameters;
+    float velocity[3];
+    double location[3];
+    float orientation[3];
+    std::uint32_t appearance;
+};
+
+// Turns an Entity State Update PDU, as given by a reader, into a record. Articulation parameters have to fit into the PDU and are
+// then dropped. Velocity, location and orientation are finite and plausible when the result is None; on any other result
+// (BodyTooShort, NonFinite, Implausible) out is left as it was.
+PduFault decodeEntityStateUpdate(const Pdu &pdu, EntityStateUpdate &out);
+
+// The report that an update makes of the former report of its entity: all that the update does not tell stays.
+vuEntityState reportAfter(const vuEntityState &former, const EntityStateUpdate &update);
+
 // The entity is to go from the exercise. Who says so is originating, whose entity may be 0 for the application itself.
 using RemoveEntity = vuRemoveEntityPdu;
 

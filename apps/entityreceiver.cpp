@@ -81,6 +81,7 @@ PduFault EntityReceiver::takePdu(const Pdu &pdu, std::int64_t arrival)
 {
     PduFault kind = PduFault::None;
     EntityReport report;
+    EntityStateUpdate update;
     RemoveEntity removal;
     switch (kindOf(pdu.header))
     {
@@ -90,6 +91,13 @@ PduFault EntityReceiver::takePdu(const Pdu &pdu, std::int64_t arrival)
         {
             report.arrival = arrival;
             takeReport(report);
+        }
+        break;
+    case PduKind::EntityStateUpdate:
+        kind = decodeEntityStateUpdate(pdu, update);
+        if (kind == PduFault::None)
+        {
+            takeUpdate(update, arrival);
         }
         break;
     case PduKind::RemoveEntity:
@@ -127,19 +135,36 @@ void EntityReceiver::takeReport(const EntityReport &report)
     }
 }
 
-// A segment tells by the last report, which then says so, that the entity has left. Nobody removes what belongs to others.
-void EntityReceiver::takeRemoval(const RemoveEntity &removal, std::int64_t arrival)
+// The first of those with that identity, when it has a report; all of them have the same.
+const EntityReceiver::Target *EntityReceiver::heardTarget(const vuEntityId &id) const
 {
-    const vuEntityId &from = removal.originating, &id = removal.receiving;
-    const auto target = targets_.find(keyOf(id));
-    if (from.site != id.site || from.application != id.application || target == targets_.end() ||
-        !target->second.isHeard)
+    const auto entry = targets_.find(keyOf(id));
+    return entry != targets_.end() && entry->second.isHeard ? &entry->second : nullptr;
+}
+
+// Of an entity that is not known yet, it says too little.
+void EntityReceiver::takeUpdate(const EntityStateUpdate &update, std::int64_t arrival)
+{
+    const Target *const target = heardTarget(update.entityId);
+    if (target == nullptr)
     {
         ++counts_.otherPdus;
         return;
     }
-    EntityReport report = target->second.last;
-    report.arrival = arrival;
+    takeReport({arrival, reportAfter(target->last.state, update)});
+}
+
+// A segment tells by the last report, which then says so, that the entity has left. Nobody removes what belongs to others.
+void EntityReceiver::takeRemoval(const RemoveEntity &removal, std::int64_t arrival)
+{
+    const vuEntityId &from = removal.originating, &id = removal.receiving;
+    const Target *const target = heardTarget(id);
+    if (from.site != id.site || from.application != id.application || target == nullptr)
+    {
+        ++counts_.otherPdus;
+        return;
+    }
+    EntityReport report = {arrival, target->last.state};
     report.state.timestamp = removal.header.timestamp;
     report.state.appearance |= kAppearanceDeactivated;
     takeReport(report);
@@ -171,7 +196,7 @@ void EntityReceiver::keepSegments()
 {
     for (auto &[id, target] : targets_)
     {
-        if (target.segment == nullptr || target.segment->isReplaced())
+        if (target.segment == nullptr || target.segment->isLost())
         {
             attach(target);
         }

@@ -74,8 +74,10 @@ private:
         EntityReport last = {};
     };
 
+    const Target *heardTarget(const vuEntityId &id) const;
     PduFault takePdu(const Pdu &pdu, std::int64_t arrival);
     void takeReport(const EntityReport &report);
+    void takeUpdate(const EntityStateUpdate &update, std::int64_t arrival);
     void takeRemoval(const RemoveEntity &removal, std::int64_t arrival);
     void fault(PduFault kind);
     void attach(Target &target);

@@ -1,6 +1,7 @@
 #include "entitysegment.h"
 
 #include "processtoken.h"
+#include "quietstderr.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -29,15 +30,32 @@ std::optional<shmid_ds> statusOf(int id)
     return shmctl(id, IPC_STAT, &status) == 0 ? std::optional(status) : std::nullopt;
 }
 
-// A creator of another process namespace has the number 0 here: it may well be there.
-bool isCreatorAlive(const shmid_ds &status)
+// A creator of another process namespace has the number 0 here: it may well be there. The number of one that is gone may be another's by
+// now, which its token tells.
+bool isCreatorAlive(const shmid_ds &status, std::uint32_t maker)
 {
-    return status.shm_cpid == 0 || isAlive(status.shm_cpid);
+    const pid_t creator = status.shm_cpid;
+    return creator == 0 || (processOf(maker) == creator ? isTokenAlive(maker) : isAlive(creator));
 }
 
 std::string textOf(int error)
 {
     return std::generic_category().message(error);
+}
+
+// Of making a segment of that size, tried with one that nobody sees. 0 when it can be done.
+int errorOfMaking(std::size_t size)
+{
+    const int id = shmget(IPC_PRIVATE, size, 0600);
+    const int error = id < 0 ? errno : 0;
+    shmctl(id, IPC_RMID, nullptr);
+    return error;
+}
+
+// What making says when there are too many, or too large ones.
+bool isLimit(int error)
+{
+    return error == ENOSPC || error == ENOMEM || error == EINVAL;
 }
 
 // By index, as /proc/sysvipc/shm has them, or nothing. Those that may only be looked at by their owner are among them only in
@@ -62,12 +80,11 @@ std::optional<SegmentInfo> statusAt(int index, shmid_ds &status)
     info.size = status.shm_segsz;
     info.attached = status.shm_nattch;
     info.creator = status.shm_cpid;
-    info.isCreatorAlive = isCreatorAlive(status);
     return info;
 }
 
 // Whether the variables are ours; then with what they tell.
-bool lookInto(SegmentInfo &info)
+bool lookInto(SegmentInfo &info, const shmid_ds &status)
 {
     void *const block = shmat(info.id, nullptr, SHM_RDONLY);
     if (block == reinterpret_cast<void *>(-1))
@@ -83,6 +100,8 @@ bool lookInto(SegmentInfo &info)
         info.reports = reportsOf(vars);
         info.writer = processOf(writerOf(vars));
         info.isWriterAlive = isTokenAlive(writerOf(vars));
+        info.maker = makerOf(vars);
+        info.isCreatorAlive = isCreatorAlive(status, info.maker);
     }
     shmdt(block);
     return ours;
@@ -99,11 +118,13 @@ std::string whyNoSegment(std::int32_t key, std::size_t size)
 {
     const std::string name = nameOf(key);
     const int id = shmget(key, 0, 0);
-    const int error = errno;
-    if (id < 0)
+    if (const int found = errno; id < 0)
     {
-        return name + " cannot be made with " + std::to_string(size) +
-               " bytes: " + (error == ENOENT ? "the system's limits (ipcs -lm) are reached" : textOf(error));
+        const int error = found == ENOENT ? errorOfMaking(size) : found;
+        return name + " cannot be made with " + std::to_string(size) + " bytes: " +
+               (error == 0       ? "it was there, but is being removed"
+                : isLimit(error) ? "the system's limits (ipcs -lm) are reached"
+                                 : textOf(error));
     }
     const std::optional<shmid_ds> status = statusOf(id);
     if (status.has_value() && status->shm_segsz < size)
@@ -125,6 +146,26 @@ EntityVars *varsOf(const vuEntity &entity)
     return has ? static_cast<EntityVars *>(entity.vars) : nullptr;
 }
 
+bool attachSegment(vuEntity &entity)
+{
+    constexpr int kTries = 3;
+    const QuietStandardError quiet; // whyNoSegment tells more
+    for (int i = 0; i < kTries; ++i)
+    {
+        entityAttachToSharedMemory(&entity);
+        if (varsOf(entity) != nullptr)
+        {
+            return true;
+        }
+        releaseSegment(entity);
+        if (shmget(entity.shmKey, 0, 0) >= 0)
+        {
+            return false;
+        }
+    }
+    return false;
+}
+
 bool isReplaced(const vuEntity &entity)
 {
     return entity.shmId >= 0 && shmget(entity.shmKey, 0, 0) != entity.shmId;
@@ -141,7 +182,7 @@ bool prepareSegment(vuEntity &entity)
         entity.shmCreated != 0 ||
         (status.has_value() && (status->shm_perm.mode & kModeBits) == kMode && status->shm_segsz == size &&
          std::all_of(bytes, bytes + size, [](auto byte) { return byte == 0; }));
-    const bool isGood = isOurs(vars) || (isNew && prepareVars(vars));
+    const bool isGood = (isNew || isOurs(vars)) && prepareVars(vars, entity.shmCreated != 0);
     entity.shmCreated = isGood ? entity.shmCreated : 0; // it is not to be removed
     return isGood;
 }
@@ -151,9 +192,10 @@ void releaseSegment(vuEntity &entity)
 {
     const EntityVars *const vars = varsOf(entity);
     const int id = vars != nullptr && isOurs(*vars) ? entity.shmId : -1;
+    const std::uint32_t maker = id >= 0 ? makerOf(*vars) : 0;
     entityReleaseSharedMem(&entity);
     const std::optional<shmid_ds> status = id >= 0 ? statusOf(id) : std::optional<shmid_ds>();
-    if (status.has_value() && status->shm_nattch == 0 && !isCreatorAlive(*status))
+    if (status.has_value() && status->shm_nattch == 0 && !isCreatorAlive(*status, maker))
     {
         shmctl(id, IPC_RMID, nullptr); // in the place of the one that is gone
     }
@@ -172,11 +214,9 @@ WrittenSegment::WrittenSegment(std::int32_t key, std::uint32_t size)
         throw std::runtime_error(nameOf(key) + ": " + std::to_string(size) + " bytes are too few, expected at least " +
                                  std::to_string(sizeof(EntityVars)));
     }
-    if (entityAttachToSharedMemory(&entity_) == 0)
+    if (!attachSegment(entity_))
     {
-        const std::string why = whyNoSegment(key, size);
-        releaseSegment(entity_);
-        throw std::runtime_error(why);
+        throw std::runtime_error(whyNoSegment(key, size));
     }
     vars_ = varsOf(entity_);
     const bool ours = prepareSegment(entity_);
@@ -196,6 +236,11 @@ WrittenSegment::~WrittenSegment()
     releaseSegment(entity_);
 }
 
+bool WrittenSegment::isLost() const
+{
+    return isReplaced(entity_) || writerOf(*vars_) != ownProcessToken();
+}
+
 std::vector<SegmentInfo> findSegments()
 {
     std::vector<SegmentInfo> segments;
@@ -206,7 +251,7 @@ std::vector<SegmentInfo> findSegments()
         shmid_ds status;
         std::optional<SegmentInfo> info = statusAt(index, status);
         if (info.has_value() && info->key >= VU_SHM_FIRST_KEY && info->size >= sizeof(EntityVars) &&
-            (status.shm_perm.mode & kModeBits) == kMode && lookInto(*info))
+            (status.shm_perm.mode & kModeBits) == kMode && lookInto(*info, status))
         {
             segments.push_back(*info);
         }
@@ -223,12 +268,12 @@ bool isAbandoned(const SegmentInfo &segment)
 std::error_code removeAbandoned(const SegmentInfo &segment)
 {
     const std::optional<shmid_ds> status = statusOf(segment.id);
-    if (status.has_value() && (status->shm_nattch != 0 || isCreatorAlive(*status)))
+    if (status.has_value() && (status->shm_nattch != 0 || isCreatorAlive(*status, segment.maker)))
     {
         return std::make_error_code(std::errc::device_or_resource_busy);
     }
-    const bool removed = status.has_value() && shmctl(segment.id, IPC_RMID, nullptr) == 0;
-    return removed ? std::error_code() : std::error_code(errno, std::generic_category());
+    const bool isGone = shmctl(segment.id, IPC_RMID, nullptr) == 0 || errno == EINVAL || errno == EIDRM;
+    return isGone ? std::error_code() : std::error_code(errno, std::generic_category());
 }
 
 } // namespace tolvin

@@ -23,6 +23,10 @@ namespace tolvin
 // Whether an entity's reports come by its segment: it has no motion of its own, and a segment with room for them.
 bool isReceived(const EntityDescription &entity);
 
+// entityAttachToSharedMemory, without messages, and once more when the segment is removed meanwhile. False when there is no segment with
+// room for the variables; the entity then has none.
+bool attachSegment(vuEntity &entity);
+
 // Why there is no segment of that key and size for this program, as far as can be told afterwards.
 std::string whyNoSegment(std::int32_t key, std::size_t size);
 
@@ -59,10 +63,9 @@ public:
         return *vars_;
     }
 
-    bool isReplaced() const
-    {
-        return tolvin::isReplaced(entity_);
-    }
+    // Whether it is not the segment of its key any more, or another process has taken the writing, which happens when it cannot see
+    // that this one is there.
+    bool isLost() const;
 
     bool isCreated() const
     {
@@ -83,6 +86,7 @@ struct SegmentInfo
     std::size_t size = 0;
     std::size_t attached = 0; // programs
     pid_t creator = 0;        // 0 when it is one that cannot be seen from here
+    std::uint32_t maker = 0;  // its token, 0 when it has not left one
     bool isCreatorAlive = false;
     pid_t writer = 0; // 0 for none
     bool isWriterAlive = false;
@@ -96,7 +100,7 @@ std::vector<SegmentInfo> findSegments();
 // Nobody has the segment, and who made it is gone.
 bool isAbandoned(const SegmentInfo &segment);
 
-// Removes a segment that is still abandoned. An error tells why it is there still.
+// Removes a segment that is still abandoned, unless another one has done so. An error tells why it is there still.
 std::error_code removeAbandoned(const SegmentInfo &segment);
 
 } // namespace tolvin

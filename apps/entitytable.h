@@ -38,6 +38,7 @@ struct RemoteEntity
     double heardAt = 0.0;                 // arrival of the latest report, seconds on the simulation clock
     double madeAt = 0.0;                  // when the latest accepted report was made, same clock
     double timeout = 0.0;                 // seconds of silence after which the entity is removed
+    vuEntityState report = {};            // the latest accepted one, as received
     std::uint8_t algorithm = 0;           // of the latest report that was handed over, as received
     bool reported = false;                // a report was handed over
     bool leaving = false;                 // said that it leaves; removed at the end of the frame

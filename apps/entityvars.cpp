@@ -29,7 +29,7 @@ Word word(const std::uint32_t &value)
 
 bool isNew(const EntityVars &vars)
 {
-    return vars.sequence == 0 && vars.writer == 0 && vars.spare == 0 &&
+    return vars.sequence == 0 && vars.writer == 0 && vars.maker == 0 &&
            std::ranges::all_of(vars.report, [](std::uint32_t value) { return value == 0; });
 }
 
@@ -40,14 +40,22 @@ bool isOurs(const EntityVars &vars)
     return word(vars.magic).load(std::memory_order_acquire) == kMagic;
 }
 
-bool prepareVars(EntityVars &vars)
+bool prepareVars(EntityVars &vars, bool isMaker)
 {
     std::uint32_t found = word(vars.magic).load(std::memory_order_acquire);
     if (found == 0 && isNew(vars))
     {
         word(vars.magic).compare_exchange_strong(found, kMagic, std::memory_order_acq_rel);
     }
-    return isOurs(vars); // made so by another program in the meantime, too
+    if (!isOurs(vars)) // they are also when another program has made them so in the meantime
+    {
+        return false;
+    }
+    if (isMaker)
+    {
+        word(vars.maker).store(ownProcessToken(), std::memory_order_release);
+    }
+    return true;
 }
 
 int claimWriting(EntityVars &vars)
@@ -121,6 +129,11 @@ std::uint32_t reportsOf(const EntityVars &vars)
 std::uint32_t writerOf(const EntityVars &vars)
 {
     return word(vars.writer).load(std::memory_order_acquire);
+}
+
+std::uint32_t makerOf(const EntityVars &vars)
+{
+    return word(vars.maker).load(std::memory_order_acquire);
 }
 
 } // namespace tolvin

@@ -27,15 +27,16 @@ struct EntityVars
     std::uint32_t magic;    // of this layout
     std::uint32_t sequence; // twice the reports so far; odd while one is being written
     std::uint32_t writer;   // token of the process that writes (processtoken.h), 0 for none
-    std::uint32_t spare;
+    std::uint32_t maker;    // likewise of the one that made the segment, for who finds its process id taken by another
     std::array<std::uint32_t, sizeof(EntityReport) / 4> report; // an EntityReport, so that it is read by word
 };
 
 static_assert(sizeof(EntityReport) == 152 && offsetof(EntityReport, state) == 8);
 static_assert(sizeof(EntityVars) == 168 && offsetof(EntityVars, report) == 16 && alignof(EntityVars) == 4);
 
-// Makes variables that are all zeros ours. False when they are somebody else's, or of another layout: they are left alone.
-bool prepareVars(EntityVars &vars);
+// Makes variables that are all zeros ours. False when they are somebody else's, or of another layout: they are left alone. isMaker: whether
+// this process has made the segment, which is then noted.
+bool prepareVars(EntityVars &vars, bool isMaker = false);
 
 bool isOurs(const EntityVars &vars);
 
@@ -56,7 +57,8 @@ std::optional<EntityReport> readNewReport(const EntityVars &vars, std::uint32_t 
 // How many were written; about half a billion times four of them are counted from 0 again.
 std::uint32_t reportsOf(const EntityVars &vars);
 
-// Of the process that may write, 0 for none.
+// Tokens of the process that may write, and of the one that made the segment; 0 for none.
 std::uint32_t writerOf(const EntityVars &vars);
+std::uint32_t makerOf(const EntityVars &vars);
 
 } // namespace tolvin

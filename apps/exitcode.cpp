@@ -6,8 +6,23 @@
 #include <stdexcept>
 #include <system_error>
 
+#include <poll.h>
+#include <unistd.h>
+
 namespace tolvin
 {
+
+namespace
+{
+
+// Whoever read it at the other end of a pipe.
+bool isReaderGone()
+{
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
+} // namespace
 
 int exitCodeOf(const std::function<void()> &work)
 {
@@ -27,7 +42,7 @@ int exitCodeOf(const std::function<void()> &work)
 
 void flushOutput()
 {
-    errno = EIO; // in case that it failed before, and why is forgotten
+    errno = isReaderGone() ? EPIPE : EIO; // in case that it failed before, and why is forgotten
     if (std::ferror(stdout) != 0 || std::fflush(stdout) != 0)
     {
         throw std::system_error(errno, std::generic_category(), "standard output");

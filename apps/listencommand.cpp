@@ -12,9 +12,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace tolvin
 {
@@ -28,7 +30,7 @@ struct ListenOptions
 {
     std::string dis = "0.0.0.0:3000";
     std::string interface;
-    std::string file; // capture, instead of the network
+    std::optional<std::string> file; // capture, instead of the network
     double duration = 0.0;
     std::uint64_t pdus = 0;
     PduFilter filter;
@@ -36,6 +38,7 @@ struct ListenOptions
     bool json = false;
     bool stats = false;
     bool quiet = false;
+    std::vector<Option> hearing; // those that mean nothing to a capture
 
     PduView view() const
     {
@@ -56,7 +59,7 @@ bool isOver(const Listener &listener)
 void readFile(const ListenOptions &options, Listener &listener)
 {
     const bool isStream = options.file == "-";
-    CaptureReader capture(options.file);
+    CaptureReader capture(*options.file);
     for (CapturedDatagram datagram; !isOver(listener) && capture.next(datagram);)
     {
         listener.take(datagram.bytes, datagram.time, textOf(datagram.from));
@@ -64,7 +67,7 @@ void readFile(const ListenOptions &options, Listener &listener)
     }
     if (capture.skipped() > 0)
     {
-        printNotice(options.file + ": " + counted(capture.skipped(), "packet") +
+        printNotice(*options.file + ": " + counted(capture.skipped(), "packet") +
                     " skipped, which are no whole datagrams of UDP over IPv4");
     }
 }
@@ -73,7 +76,9 @@ void readFile(const ListenOptions &options, Listener &listener)
 void hear(const ListenOptions &options, Listener &listener)
 {
     constexpr std::chrono::milliseconds kPatience(100);
-    UdpReceiver receiver(parseEndpoint(options.dis), parseInterface(options.interface));
+    const auto local = parseEndpoint(options.dis);
+    UdpReceiver receiver(local, parseInterface(options.interface));
+    tellPort(local, receiver, printNotice);
     const auto forever = std::chrono::hours(24 * 365 * 100);
     const auto end = SteadyClock::now() + (options.duration > 0.0 ? std::chrono::duration_cast<SteadyClock::duration>(
                                                                         std::chrono::duration<double>(options.duration))
@@ -116,11 +121,15 @@ void runListen(const ListenOptions &options)
     {
         throw std::runtime_error("--one-line and --json: expected one of them");
     }
+    if (options.file.has_value())
+    {
+        refuseBeside("--read", options.hearing);
+    }
     takeStopSignals();
     Listener listener(options.filter, options.view(), options.pdus, stdout, printNotice);
     try
     {
-        options.file.empty() ? hear(options, listener) : readFile(options, listener);
+        options.file.has_value() ? readFile(options, listener) : hear(options, listener);
     }
     catch (const std::exception &error)
     {
@@ -145,13 +154,14 @@ void addListenCommand(CommandLine &line)
         line.addCommand("listen", "print the DIS PDUs that are on the network, or in a capture of it",
                         [options] { runListen(*options); });
     command.widerHelp();
-    command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
-        .showDefault();
-    command.add("--interface", options->interface, "address of the interface for a multicast group");
+    options->hearing = {
+        command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
+            .showDefault(),
+        command.add("--interface", options->interface, "address of the interface for a multicast group"),
+        command.add("--duration", options->duration, "seconds to listen; 0 listens until interrupted")
+            .check(within(0.0, 1e9))
+            .showDefault()};
     command.add("--read", options->file, "read this capture (pcap or pcapng, - for standard input) instead");
-    command.add("--duration", options->duration, "seconds to listen; 0 listens until interrupted")
-        .check(within(0.0, 1e9))
-        .showDefault();
     command.add("--pdus", options->pdus, "PDUs to print; 0 sets no limit").check(within(0.0, 1e15)).showDefault();
     command.add("--exercise", options->filter.exercises, "only of these exercises; may be repeated, as all of these")
         .check(within(0, 255))

@@ -48,10 +48,12 @@ std::int64_t wallClock()
     return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-bool isRegularFile(const std::string &file)
+// Not a file that can be read again. What there is not is told by who opens it.
+bool isStream(const std::string &file)
 {
-    std::error_code error; // is told by who opens the file
-    return std::filesystem::is_regular_file(file, error);
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(file, error);
+    return file == "-" || (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status));
 }
 
 // The time at which it is sent, in every PDU; whether that is absolute is left as it is.
@@ -117,17 +119,12 @@ class Player
 public:
     explicit Player(const PlayOptions &options)
         : options_(options),
-          isStream_(!isRegularFile(options.file)),
+          isStream_(isStream(options.file)),
           reader_(options.file),
           sender_(parseEndpoint(options.to), parseInterface(options.interface), options.timeToLive),
           timetable_(options.speed),
           progress_(std::in_place, "datagrams", options.quiet)
     {
-        if (isStream_ && options.loop != 1)
-        {
-            throw std::runtime_error("--loop " + std::to_string(options.loop) + ": expected 1, since " + options.file +
-                                     " can be read only once");
-        }
     }
 
     // Pass by pass until the last one, a signal, or one with nothing to send.
@@ -218,7 +215,7 @@ private:
     }
 
     const PlayOptions &options_;
-    bool isStream_; // not a file that can be read again
+    bool isStream_;
     CaptureReader reader_;
     UdpSender sender_;
     Timetable timetable_;
@@ -234,6 +231,11 @@ private:
 
 void runPlay(const PlayOptions &options)
 {
+    if (options.loop != 1 && isStream(options.file))
+    {
+        throw std::runtime_error("--loop " + std::to_string(options.loop) + ": expected 1, since " + options.file +
+                                 " can be read only once");
+    }
     Player player(options);
     const auto summarize = [&]
     {

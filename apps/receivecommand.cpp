@@ -5,6 +5,7 @@
 #include "entityreceiver.h"
 #include "exitcode.h"
 #include "plaintext.h"
+#include "runstatistics.h"
 #include "stopsignal.h"
 #include "udp.h"
 
@@ -35,6 +36,7 @@ struct ReceiveOptions
     std::string scene; // description file, may be empty
     std::vector<int> keys;
     std::vector<std::string> ids;
+    std::uint32_t size = sizeof(EntityVars); // of segments that are named by keys
     std::string dis = "0.0.0.0:3000";
     std::string interface;
     int exercise = 1;
@@ -42,6 +44,7 @@ struct ReceiveOptions
     bool quiet = false;
     bool list = false;
     bool reap = false;
+    std::vector<Option> receiving; // those above but the last two
 };
 
 unsigned long long number(std::uint64_t value)
@@ -114,7 +117,7 @@ std::vector<SegmentAssignment> assignmentsOf(const ReceiveOptions &options)
     }
     for (std::size_t i = 0; i < options.keys.size(); ++i)
     {
-        assignments.push_back({options.keys[i], sizeof(EntityVars), parseIdentity(options.ids[i])});
+        assignments.push_back({options.keys[i], options.size, parseIdentity(options.ids[i])});
     }
     std::set<std::int32_t> keys;
     for (const SegmentAssignment &assignment : assignments)
@@ -148,13 +151,7 @@ void printTotals(const ReceiverCounts &c, std::uint64_t lost)
         "exercises, %llu other PDUs; %llu lost by the socket\n",
         number(c.datagrams), number(c.written), number(c.unknown), number(c.late), number(c.malformed),
         number(c.otherExercise), number(c.otherPdus), number(lost));
-    for (std::size_t kind = 0; kind < c.faults.size(); ++kind)
-    {
-        if (c.faults[kind] != 0)
-        {
-            std::printf("  malformed: %llu times %s\n", number(c.faults[kind]), faultText(static_cast<PduFault>(kind)));
-        }
-    }
+    printFaults(stdout, c.faults);
     flushOutput();
 }
 
@@ -162,9 +159,12 @@ void printTotals(const ReceiverCounts &c, std::uint64_t lost)
 void receive(const ReceiveOptions &options)
 {
     const std::vector<SegmentAssignment> assignments = assignmentsOf(options);
-    UdpReceiver socket(parseEndpoint(options.dis), parseInterface(options.interface));
+    const auto local = parseEndpoint(options.dis);
+    const auto interface = parseInterface(options.interface);
     takeStopSignals(); // not before: a description may come from a pipe
     EntityReceiver receiver(assignments, static_cast<std::uint8_t>(options.exercise), printNotice);
+    UdpReceiver socket(local, interface); // now: who is refused takes no datagrams from the one that is there
+    tellPort(local, socket, printNotice);
     const auto take = [&receiver](std::span<const std::uint8_t> datagram, std::int64_t arrival)
     { receiver.take(datagram, arrival); };
 
@@ -212,7 +212,8 @@ std::string lastText(const SegmentInfo &segment)
     std::snprintf(age, sizeof age, "%.1f s ago, ",
                   static_cast<double>(now.tv_sec) + now.tv_nsec * 1e-9 -
                       static_cast<double>(segment.last->arrival) * 1e-9);
-    return age + textOf(state.entityId) + (marking.empty() ? "" : " \"" + plainText(marking) + '"');
+    return age + textOf(state.entityId) + (marking.empty() ? "" : " \"" + plainText(marking) + '"') +
+           (leaves(state) ? ", left" : "");
 }
 
 void list()
@@ -263,6 +264,7 @@ void run(const ReceiveOptions &options)
         receive(options);
         return;
     }
+    refuseBeside(options.list ? "--list" : "--reap", options.receiving);
     if (options.reap)
     {
         reap();
@@ -282,25 +284,31 @@ void addReceiveCommand(CommandLine &line)
     const Command command = line.addCommand(
         "receive", "receive DIS reports of entities into shared-memory segments, where tolvin run reads them",
         [options] { run(*options); });
-    command.add("scene", options->scene,
-                "description file: its entities with ID and SHM, without MOTION, go to their keys");
-    command.add("--key", options->keys, "key of a segment, 2000 or more; may be repeated, each with its --id")
-        .check(within(VU_SHM_FIRST_KEY, 2147483647))
-        .onePerUse();
-    command
-        .add("--id", options->ids,
-             "SITE:APPLICATION:ENTITY whose reports go to the segment of that place among the keys")
-        .onePerUse();
-    command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
-        .showDefault();
-    command.add("--interface", options->interface, "address of the interface for a multicast group");
-    command.add("--exercise", options->exercise, "exercise to listen to, 1 to 255; 0 takes all")
-        .check(within(0, 255))
-        .showDefault();
-    command.add("--duration", options->duration, "seconds to receive; 0 receives until interrupted")
-        .check(within(0.0, 1e9))
-        .showDefault();
-    command.addFlag("--quiet", options->quiet, "print no line per second, only the totals at the end");
+    options->receiving = {
+        command.add("scene", options->scene,
+                    "description file: its entities with ID and SHM, without MOTION, go to their keys"),
+        command.add("--key", options->keys, "key of a segment, 2000 or more; may be repeated, each with its --id")
+            .check(within(VU_SHM_FIRST_KEY, 2147483647))
+            .onePerUse(),
+        command
+            .add("--id", options->ids,
+                 "SITE:APPLICATION:ENTITY whose reports go to the segment of that place among the keys")
+            .onePerUse(),
+        command
+            .add("--size", options->size,
+                 "bytes of the segments of --key, as drawing programs have them in their descriptions")
+            .check(within(sizeof(EntityVars), 2147483647))
+            .showDefault(),
+        command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
+            .showDefault(),
+        command.add("--interface", options->interface, "address of the interface for a multicast group"),
+        command.add("--exercise", options->exercise, "exercise to listen to, 1 to 255; 0 takes all")
+            .check(within(0, 255))
+            .showDefault(),
+        command.add("--duration", options->duration, "seconds to receive; 0 receives until interrupted")
+            .check(within(0.0, 1e9))
+            .showDefault(),
+        command.addFlag("--quiet", options->quiet, "print no line per second, only the totals at the end")};
     command.addFlag("--list", options->list, "print the segments of this machine, and receive nothing");
     command.addFlag("--reap", options->reap,
                     "remove segments that nobody is attached to and whose maker is gone, and receive nothing");

@@ -37,6 +37,11 @@ struct RecordOptions
     bool quiet = false;
 };
 
+void printNotice(const std::string &line)
+{
+    std::fprintf(stderr, "tolvin record: %s\n", line.c_str());
+}
+
 class Recorder
 {
 public:
@@ -46,6 +51,7 @@ public:
           writer_(options.file),
           end_(options.duration > 0.0 ? std::llround(options.duration * 1e9) : kNever)
     {
+        tellPort(parseEndpoint(options.dis), receiver_, printNotice);
     }
 
     // Until the end, a signal, or the last datagram that is wanted.

@@ -1,5 +1,7 @@
 #include "runstatistics.h"
 
+#include "counted.h"
+
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -56,6 +58,18 @@ void printSender(std::FILE *out, const Sender &sender)
 }
 
 } // namespace
+
+void printFaults(std::FILE *out, const std::array<std::uint64_t, kPduFaultCount> &faults)
+{
+    for (std::size_t kind = 0; kind < faults.size(); ++kind)
+    {
+        if (faults[kind] != 0)
+        {
+            std::fprintf(out, "  malformed, %s: %s\n", counted(faults[kind], "time").c_str(),
+                         faultText(static_cast<PduFault>(kind)));
+        }
+    }
+}
 
 void RunStatistics::addJump(std::uint8_t algorithm, double metres)
 {
@@ -133,14 +147,7 @@ void RunStatistics::printTables(std::FILE *out, const DisCounts &counts, const E
         std::fprintf(out, "  %llu fires and %llu detonations taken over\n", count(counts.fires),
                      count(counts.detonations));
     }
-    for (std::size_t kind = 0; kind < counts.faults.size(); ++kind)
-    {
-        if (counts.faults[kind] != 0)
-        {
-            std::fprintf(out, "  malformed: %llu times %s\n", count(counts.faults[kind]),
-                         faultText(static_cast<PduFault>(kind)));
-        }
-    }
+    printFaults(out, counts.faults);
     std::fprintf(out, "%llu entities came, %llu left, %llu fell silent; frames took %s ms (median), %s ms (worst)\n",
                  count(counts.entered), count(counts.left), count(counts.silent),
                  milliseconds(allFrames_.quantile(0.5)).c_str(), milliseconds(allFrames_.greatest()).c_str());

@@ -10,6 +10,9 @@
 namespace tolvin
 {
 
+// A line for each kind of fault that came.
+void printFaults(std::FILE *out, const std::array<std::uint64_t, kPduFaultCount> &faults);
+
 class RunStatistics
 {
 public:

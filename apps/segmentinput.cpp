@@ -71,9 +71,8 @@ void SegmentInput::attach(Source &source)
 {
     vuEntity &entity = *source.own->entity;
     releaseSegment(entity);
-    entityAttachToSharedMemory(&entity);
     std::string why;
-    if (varsOf(entity) == nullptr)
+    if (!attachSegment(entity))
     {
         why = whyNoSegment(entity.shmKey, source.own->layout.size);
     }

@@ -341,4 +341,13 @@ std::size_t UdpReceiver::receiveUntil(std::chrono::steady_clock::time_point dead
     }
 }
 
+void tellPort(const udp::endpoint &asked, const UdpReceiver &receiver,
+              const std::function<void(const std::string &line)> &notice)
+{
+    if (asked.port() == 0)
+    {
+        notice("receiving on " + textOf(udp::endpoint(asked.address(), receiver.localPort())));
+    }
+}
+
 } // namespace tolvin

@@ -91,4 +91,8 @@ private:
     std::uint32_t dropped_ = 0;
 };
 
+// Where the receiver was to take a free port, tells which one that is.
+void tellPort(const asio::ip::udp::endpoint &asked, const UdpReceiver &receiver,
+              const std::function<void(const std::string &line)> &notice);
+
 } // namespace tolvin

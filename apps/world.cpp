@@ -192,6 +192,11 @@ void World::addEntity(const EntityDescription &entity)
     // Not by DIS: it is not this record, in local coordinates, that dead reckoning moves.
     record->receive = isReceived(entity) ? VU_RECEIVE_UDP : 0;
     entityAllocVars(&root_, record);
+    if (isReceived(entity) && varsOf(*record) == nullptr)
+    {
+        releaseSegment(*record);
+        attachSegment(*record); // the former one may have been removed at that moment
+    }
     if (entity.shmSize > 0 && record->vars == nullptr)
     {
         throw std::runtime_error(named(entity) + ": " +

@@ -210,8 +210,13 @@ std::vector<Bytes> datagrams()
                                          data(version, 19, 13),
                                          data(version, 20, 16)};
         all.insert(all.end(), some.begin(), some.end());
-        all.push_back(together({collision(version), entityState(version, 1), acknowledge(version)}, false));
-        all.push_back(together({collision(version), collision(version), entityState(version, 0)}, true));
+        const std::vector<Bytes> direct = {collision(version), entityState(version, 1), acknowledge(version)};
+        const std::vector<Bytes> padded = {collision(version), collision(version), entityState(version, 0)};
+        all.push_back(together(direct, false));
+        all.push_back(together(padded, true));
+        all.insert(all.end(), direct.begin() + 1,
+                   direct.end()); // and by themselves, for those who look at the first of a datagram only
+        all.insert(all.end(), padded.begin() + 1, padded.end());
         all.push_back(other(version, 24, 6, Bytes(76, 0x11))); // Designator
         all.push_back(other(version, 200, 140, {1, 2, 3}));    // nobody's
     }

@@ -2,7 +2,7 @@
 #include "support/fullarena.h"
 
 #include <tolvin/apps/disinput.h>
-#include <tolvin/apps/dispdu.h>
+#include <tolvin/apps/dismessage.h>
 
 #include <gtest/gtest.h>
 
@@ -52,6 +52,18 @@ Datagram removalOf(const vuEntityId &id, const vuEntityId &by, double seconds)
     Datagram datagram(kRemoveEntitySize);
     EXPECT_EQ(encodeRemoveEntity({{6, 1, 0, 0, stampAt(seconds), 0, 0}, by, id, 1}, datagram), datagram.size());
     return datagram;
+}
+
+// The entity flies on with other velocity and place.
+Datagram updateOf(const vuEntityState &report, double seconds, float speed, std::uint32_t appearance = 0)
+{
+    EntityStateUpdate update = {};
+    update.header = {7, 1, 67, 1, stampAt(seconds), 0, 0};
+    update.entityId = report.entityId;
+    update.velocity[0] = speed;
+    update.location[0] = report.location[0];
+    update.appearance = appearance;
+    return encode({update, {}, {}, {}, {}, {}, {}});
 }
 
 // An initialised root node with an input, whose clock the tests move; everything is released at the end.
@@ -252,4 +264,25 @@ TEST_F(DisInputTest, RemovesEntitiesThatLeaveOrFallSilent)
     EXPECT_EQ(input->updated()[0]->entity->drState->location[0], reportOf(1, 7344.11).location[0]);
     EXPECT_EQ(input->entities().size(), 1u);
     EXPECT_EQ(vunodesCount(&reinterpret_cast<vuScene *>(root.scenes.first)->entities), 1);
+}
+
+TEST_F(DisInputTest, FollowsUpdatesOfEntitiesThatItKnows)
+{
+    frameAt(7201.0);
+    vuEntityState report = reportOf(3, now());
+    report.deadReckoning.algorithm = VU_DR_FVW;
+    report.deadReckoning.linearAcc[1] = 2.0f;
+    take(updateOf(report, now(), 9.0f));
+    EXPECT_TRUE(input->counts().otherPdus == 1 && input->entities().size() == 0);
+    take(datagramOf(report));
+    take(updateOf(report, now(), 50.0f)); // before the report was ever handed over
+    take(updateOf(report, now() - 0.5, 9.0f));
+    frameAt(7202.0);
+    const RemoteEntity *const remote = input->entities().find(report.entityId);
+    EXPECT_TRUE(input->counts().late == 1 && input->counts().reports == 2);
+    EXPECT_NEAR(remote->entity->position[0], report.location[0] + 50.0, 1e-3);
+    EXPECT_NEAR(remote->entity->position[1], 1.0, 1e-3); // the acceleration goes on
+    take(updateOf(report, now(), 50.0f, kAppearanceDeactivated));
+    frameAt(7202.1);
+    EXPECT_TRUE(input->entities().size() == 0 && input->counts().left == 1);
 }

@@ -71,6 +71,10 @@ const Bytes kDetonation = with(with(kShot, 2, 3), 9, 104) + kVelocity + kLocatio
 const Bytes kRemoval = {6, 9, 12, 5, 0x12, 0x34, 0x56, 0x79, 0, 28, 0,    0,    0,    1,
                         0, 2, 0,  0, 0,    1,    0,    2,    3, 4,  0xDE, 0xAD, 0xBE, 0xEF};
 
+// Header, 1:2:772, parameters, velocity, location, orientation 0.5, -1, 2, appearance.
+const Bytes kUpdate = Bytes{6, 9, 67, 1, 0x12, 0x34, 0x56, 0x79, 0, 72, 0, 0, 0, 1, 0, 2, 3, 4, 0, 0} + kVelocity +
+                      kLocation + Bytes{0x3F, 0, 0, 0, 0xBF, 0x80, 0, 0, 0x40, 0, 0, 0, 0x80, 0x80, 0, 0x21};
+
 template<class Shot>
 bool asLaid(const Shot &shot)
 {
@@ -90,6 +94,7 @@ struct Walk
     Fire fire{};
     Detonation detonation{};
     RemoveEntity removal{};
+    EntityStateUpdate update{};
 };
 
 Walk walk(const Bytes &datagram)
@@ -100,11 +105,12 @@ Walk walk(const Bytes &datagram)
     for (Pdu pdu; reader.next(pdu); result.lengths.push_back(pdu.bytes.size()))
     {
         const PduKind kind = kindOf(pdu.header);
-        result.fault = kind == PduKind::EntityState    ? decodeEntityState(pdu, result.state)
-                       : kind == PduKind::Fire         ? decodeFire(pdu, result.fire)
-                       : kind == PduKind::Detonation   ? decodeDetonation(pdu, result.detonation)
-                       : kind == PduKind::RemoveEntity ? decodeRemoveEntity(pdu, result.removal)
-                                                       : result.fault;
+        result.fault = kind == PduKind::EntityState         ? decodeEntityState(pdu, result.state)
+                       : kind == PduKind::Fire              ? decodeFire(pdu, result.fire)
+                       : kind == PduKind::Detonation        ? decodeDetonation(pdu, result.detonation)
+                       : kind == PduKind::RemoveEntity      ? decodeRemoveEntity(pdu, result.removal)
+                       : kind == PduKind::EntityStateUpdate ? decodeEntityStateUpdate(pdu, result.update)
+                                                            : result.fault;
     }
     result.fault = reader.fault() == PduFault::None ? result.fault : reader.fault();
     return result;
@@ -148,7 +154,7 @@ TEST(DisPdu, DecodesAndEncodesShotsAndRemovals)
     for (const std::uint8_t version : {5, 6, 7})
     {
         const Bytes wire = with(kFire, 0, version) + with(kDetonation, 0, version) + with(kRemoval, 0, version);
-        auto [fault, lengths, state, fire, detonation, removal] = walk(with(wire, 10, version == 7 ? 16 : 0));
+        auto [fault, lengths, state, fire, detonation, removal, update] = walk(with(wire, 10, version == 7 ? 16 : 0));
         EXPECT_TRUE(fault == PduFault::None && asLaid(fire) && asLaid(detonation));
         EXPECT_TRUE(fire.fireMissionIndex == 0xDEADBEEF && fire.range == 2500);
         EXPECT_TRUE(detonation.entityLocation[2] == 2 && detonation.result == 3);
@@ -166,9 +172,20 @@ TEST(DisPdu, DecodesAndEncodesShotsAndRemovals)
     }
 }
 
+TEST(DisPdu, ChangesWhatAnUpdateTellsAndNothingElse)
+{
+    // A report with other values where the update has some.
+    Bytes former = with(kPdu, 4, 1, 4);
+    std::fill(former.begin() + 36, former.begin() + 88, 0);
+    const vuEntityState state = reportAfter(walk(former).state, walk(kUpdate).update);
+    Bytes encoded(144);
+    encodeEntityState(state, encoded);
+    EXPECT_EQ(encoded, kPdu);
+}
+
 TEST(DisPdu, RefusesEveryPrefix)
 {
-    for (const Bytes &whole : {kPdu, kFire, kDetonation, kRemoval})
+    for (const Bytes &whole : {kPdu, kFire, kDetonation, kRemoval, kUpdate})
     {
         for (std::size_t size = 0; size < whole.size(); ++size)
         {
@@ -200,7 +217,8 @@ TEST(DisPdu, WalksBundlesAndStopsWhereTheyAreWrong)
         {with(articulated, 8, 303, 2) + Bytes(159), PduFault::BodyTooShort, {303}},
         {with(with(kDetonation, 101, 2), 8, 136, 2) + Bytes(32), PduFault::None, {136}}, // 104 + 2 * 16
         {with(with(kDetonation, 101, 2), 8, 135, 2) + Bytes(31), PduFault::BodyTooShort, {135}},
-        {with(kRemoval, 9, 36) + Bytes(8), PduFault::None, {36}}, // more than is needed
+        {with(with(kUpdate, 19, 2), 8, 103, 2) + Bytes(31), PduFault::BodyTooShort, {103}}, // 72 + 2 * 16
+        {with(kRemoval, 9, 36) + Bytes(8), PduFault::None, {36}},                           // more than is needed
         {other(65507), PduFault::None, {65507}},
     };
     for (const auto &[datagram, fault, lengths] : cases)
@@ -226,7 +244,8 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
         {kPdu, 36, 3, 4, 1e5},        {kPdu, 48, 3, 8, 1e9},        {kPdu, 72, 3, 4, 1e4},
         {kPdu, 104, 3, 4, 1e6},       {kPdu, 116, 3, 4, 1e5},       {kFire, 40, 3, 8, 1e9},
         {kFire, 80, 3, 4, 1e5},       {kFire, 92, 1, 4, 1e9},       {kDetonation, 36, 3, 4, 1e5},
-        {kDetonation, 48, 3, 8, 1e9}, {kDetonation, 88, 3, 4, 1e9},
+        {kDetonation, 48, 3, 8, 1e9}, {kDetonation, 88, 3, 4, 1e9}, {kUpdate, 20, 3, 4, 1e5},
+        {kUpdate, 32, 3, 8, 1e9},     {kUpdate, 56, 3, 4, 1e4},
     };
     for (const auto &[pdu, offset, count, width, limit] : vectors)
     {
@@ -239,8 +258,8 @@ TEST(DisPdu, RefusesNumbersThatMoveNowhere)
                                          : std::bit_cast<std::uint32_t>(static_cast<float>(number));
             const Walk result = walk(with(pdu, at, bits, width));
             EXPECT_EQ(result.fault, fault) << number << " at " << at;
-            const std::size_t length =
-                result.state.length + result.fire.header.length + result.detonation.header.length;
+            const std::size_t length = result.state.length + result.fire.header.length +
+                                       result.detonation.header.length + result.update.header.length;
             EXPECT_EQ(length, fault == None ? pdu.size() : 0); // untouched when refused
         }
     }

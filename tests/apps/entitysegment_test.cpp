@@ -1,6 +1,7 @@
 #include "support/capture.h"
 #include "support/otherprocess.h"
 
+#include <tolvin/apps/dismessage.h>
 #include <tolvin/apps/entityreceiver.h>
 #include <tolvin/apps/entitysegment.h>
 
@@ -9,6 +10,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <sys/shm.h>
@@ -108,8 +110,25 @@ TEST_F(EntitySegments, AreRemovedByTheirMakerOrTheLastOfTheOthersOnceThatIsGone)
         });
     attached();
     EXPECT_NE(segmentOf(kKey), -1); // it is still there, and may want it again
+    const int id = segmentOf(kKey);
+    auto *const vars = static_cast<EntityVars *>(shmat(id, nullptr, 0));
+    const std::vector<SegmentInfo> before = findSegments();
+    EXPECT_TRUE(find(before)->isCreatorAlive && removeAbandoned(*find(before)));
+    vars->maker ^= 1u << 31; // of another process, that has its number now
+    shmdt(vars);
+    const std::vector<SegmentInfo> after = findSegments();
+    EXPECT_TRUE(isAbandoned(*find(after)) && !removeAbandoned(*find(after)));
+    EXPECT_FALSE(removeAbandoned(*find(after))) << "somebody else was faster";
     living.killIt();
-    attached();
+}
+
+TEST_F(EntitySegments, AreLostToAWriterThatSeesNoOther)
+{
+    const auto own = attached();
+    EXPECT_FALSE(own->isLost());
+    const std::uint32_t writer = std::exchange(own->vars().writer, 1); // of another process namespace
+    EXPECT_TRUE(own->isLost());
+    own->vars().writer = writer;
 }
 
 TEST_F(EntitySegments, OfOthersAreRefusedAndStay)
@@ -123,10 +142,19 @@ TEST_F(EntitySegments, OfOthersAreRefusedAndStay)
     EXPECT_EQ(segmentOf(kKey), id);
     shmctl(id, IPC_RMID, nullptr);
 
+    id = shmget(kKey, 300, IPC_CREAT | 0666);
+    auto *const longer = static_cast<char *>(shmat(id, nullptr, 0));
+    longer[299] = 'x'; // behind the variables
+    EXPECT_NE(refusalOf([] { WrittenSegment(kKey, 300); }).find("holds something else"), std::string::npos);
+    EXPECT_EQ(longer[0], 0);
+    shmdt(longer);
+    shmctl(id, IPC_RMID, nullptr);
+
     id = shmget(kKey, 64, IPC_CREAT | 0666);
-    capturedStderr(
+    const std::string told = capturedStderr(
         []
         { EXPECT_NE(refusalOf([] { attached(); }).find("has 64 bytes, expected at least 168"), std::string::npos); });
+    EXPECT_EQ(told, "");
     shmctl(id, IPC_RMID, nullptr);
     EXPECT_NE(refusalOf([] { WrittenSegment(kKey, 167); }).find("167 bytes are too few"), std::string::npos);
 }
@@ -163,6 +191,17 @@ TEST_F(EntitySegments, GetReportsOfTheirEntities)
         receiver.take(removal, 17);
         return leaves(report()->state);
     };
+    EntityStateUpdate update = {};
+    update.header = {7, 1, 67, 1, kSecond / 2 * 3600 + 2, 0, 0};
+    update.velocity[2] = 3.0f;
+    for (const std::uint16_t entity : {1, 2}) // the second one was not heard yet
+    {
+        update.entityId = {7, 8, entity};
+        receiver.take(encode({update, {}, {}, {}, {}, {}, {}}), 16);
+    }
+    EXPECT_TRUE(report()->state.velocity[2] == 3.0f && report()->state.location[0] == 0.0 &&
+                !report(kKey + 1).has_value());
+
     EXPECT_FALSE(remove({7, 9, 1}));
     EXPECT_TRUE(remove({7, 8, 0}));
 
