@@ -51,6 +51,16 @@ static void checkEntityState(const Pdu &pdu)
     require(!reader.next(copy) && reader.fault() == PduFault::None);
 }
 
+static void checkEntityStateUpdate(const Pdu &pdu)
+{
+    EntityStateUpdate update;
+    if (decodeEntityStateUpdate(pdu, update) == PduFault::None)
+    {
+        const vuEntityState state = reportAfter({}, update);
+        require(checkNumbers(state) == PduFault::None && state.appearance == update.appearance);
+    }
+}
+
 static void checkRemoveEntity(const Pdu &pdu)
 {
     RemoveEntity removal;
@@ -114,6 +124,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         {
         case PduKind::EntityState:
             checkEntityState(pdu);
+            break;
+        case PduKind::EntityStateUpdate:
+            checkEntityStateUpdate(pdu);
             break;
         case PduKind::RemoveEntity:
             checkRemoveEntity(pdu);
