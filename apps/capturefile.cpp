@@ -168,6 +168,7 @@ bool CaptureReader::take(std::span<const std::uint8_t> frame, CapturedDatagram &
 CaptureWriter::CaptureWriter(const std::string &file)
     : name_(file),
       handle_(pcap_open_dead_with_tstamp_precision(DLT_IPV4, 65535, PCAP_TSTAMP_PRECISION_NANO), pcap_close),
+      buffer_(kBuffer),
       dumper_(nullptr, pcap_dump_close)
 {
     if (handle_ == nullptr)
@@ -176,7 +177,7 @@ CaptureWriter::CaptureWriter(const std::string &file)
     }
     stream_ = openedForWriting(file);
     start_ = startOf(fileno(stream_));
-    std::setvbuf(stream_, nullptr, _IOFBF, kBuffer);
+    std::setvbuf(stream_, buffer_.data(), _IOFBF, buffer_.size());
     dumper_.reset(pcap_dump_fopen(handle_.get(), stream_)); // which closes the stream when it fails
     if (dumper_ == nullptr)
     {

@@ -79,6 +79,7 @@ private:
 
     std::string name_;
     std::unique_ptr<pcap, void (*)(pcap *)> handle_;
+    std::vector<char> buffer_; // of the stream
     std::unique_ptr<pcap_dumper, void (*)(pcap_dumper *)> dumper_;
     std::FILE *stream_ = nullptr; // the dumper's
     off_t start_ = 0;

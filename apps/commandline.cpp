@@ -7,6 +7,7 @@
 #include <optional>
 #include <sstream>
 #include <stdexcept>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -103,10 +104,30 @@ void refuseBeside(const std::string &name, const std::vector<Option> &options)
     }
 }
 
+// With a leading 0 the library takes a number for an octal one, which nobody means.
+std::string withoutLeadingZeros(std::string &argument)
+{
+    const std::size_t digits = argument.find_first_not_of("+-");
+    if (argument.find_first_not_of("0123456789", digits) == std::string::npos)
+    {
+        const std::size_t zeros = std::min(argument.find_first_not_of('0', digits), argument.size() - 1);
+        argument.erase(digits, zeros - digits);
+    }
+    return "";
+}
+
+template<typename Value>
+constexpr bool kIsWhole = std::is_integral_v<Value> || std::is_same_v<Value, std::vector<int>>;
+
 template<typename Value>
 Option Command::add(const std::string &name, Value &value, const std::string &description) const
 {
-    return Option(command_->add_option(name, value, description));
+    CLI::Option *const option = command_->add_option(name, value, description);
+    if constexpr (kIsWhole<Value>)
+    {
+        option->transform(CLI::Validator(withoutLeadingZeros, ""));
+    }
+    return Option(option);
 }
 
 template Option Command::add(const std::string &, double &, const std::string &) const;

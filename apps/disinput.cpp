@@ -173,11 +173,11 @@ bool DisInput::isOwn(const vuEntityId &id) const
     return id.site == options_.site && id.application == options_.application;
 }
 
-// Of an entity that is not known yet, it says too little.
+// Of an entity that has not come yet, or has left, it says too little.
 void DisInput::takeUpdate(const EntityStateUpdate &update, double arrival)
 {
     const RemoteEntity *const remote = table_->find(update.entityId);
-    if (remote == nullptr && !isOwn(update.entityId))
+    if ((remote == nullptr || remote->leaving) && !isOwn(update.entityId))
     {
         ++counts_.otherPdus;
         return;

@@ -1,5 +1,7 @@
 #include "entityreceiver.h"
 
+#include "entitytable.h"
+
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -36,7 +38,8 @@ EntityReceiver::EntityReceiver(const std::vector<SegmentAssignment> &assignments
     for (const SegmentAssignment &assignment : assignments)
     {
         targets_.emplace(keyOf(assignment.id),
-                         Target{assignment, std::make_unique<WrittenSegment>(assignment.key, assignment.size)});
+                         Target{.assignment = assignment,
+                                .segment = std::make_unique<WrittenSegment>(assignment.key, assignment.size)});
     }
 }
 
@@ -142,13 +145,14 @@ const EntityReceiver::Target *EntityReceiver::heardTarget(const vuEntityId &id) 
     return entry != targets_.end() && entry->second.isHeard ? &entry->second : nullptr;
 }
 
-// Of an entity that is not known yet, it says too little.
+// Of an entity that has not come yet, has left or was silent for too long it says too little.
 void EntityReceiver::takeUpdate(const EntityStateUpdate &update, std::int64_t arrival)
 {
     const Target *const target = heardTarget(update.entityId);
-    if (target == nullptr)
+    if (target == nullptr || leaves(target->last.state) ||
+        static_cast<double>(arrival - target->last.arrival) * 1e-9 > silenceLimit(target->last.state))
     {
-        ++counts_.otherPdus;
+        ++(targets_.contains(keyOf(update.entityId)) ? counts_.otherPdus : counts_.unknown);
         return;
     }
     takeReport({arrival, reportAfter(target->last.state, update)});
@@ -174,6 +178,8 @@ void EntityReceiver::takeRemoval(const RemoveEntity &removal, std::int64_t arriv
 void EntityReceiver::attach(Target &target)
 {
     const bool hadOne = target.segment != nullptr;
+    // Whoever made it larger wants it so again.
+    target.assignment.size = hadOne ? std::max(target.assignment.size, target.segment->size()) : target.assignment.size;
     target.segment.reset();
     try
     {
@@ -192,13 +198,31 @@ void EntityReceiver::attach(Target &target)
             (target.segment->isCreated() ? " was removed; there is a new one" : " is there again"));
 }
 
+// For good: two that cannot see each other would take it from each other for ever.
+void EntityReceiver::giveUp(Target &target)
+{
+    notice_("shared-memory segment " + std::to_string(target.assignment.key) + " is written by process " +
+            std::to_string(target.segment->otherWriter()) + " now; it is left to that one");
+    target.segment->leave();
+    target.segment.reset();
+    target.isGivenUp = true;
+}
+
 void EntityReceiver::keepSegments()
 {
     for (auto &[id, target] : targets_)
     {
-        if (target.segment == nullptr || target.segment->isLost())
+        if (target.isGivenUp)
+        {
+            continue;
+        }
+        if (target.segment == nullptr || target.segment->isReplaced())
         {
             attach(target);
+        }
+        else if (target.segment->otherWriter() != 0)
+        {
+            giveUp(target);
         }
     }
 }

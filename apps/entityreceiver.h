@@ -49,7 +49,8 @@ public:
     // Takes one datagram, of any content, that arrived at that time in nanoseconds of the wall clock.
     void take(std::span<const std::uint8_t> datagram, std::int64_t arrival);
 
-    // Once a second or so: has new segments in the place of those that other programs have removed, with the last reports.
+    // Once a second or so: has new segments in the place of those that other programs have removed, with the last reports, and gives
+    // those up that another receiver writes.
     void keepSegments();
 
     const ReceiverCounts &counts() const
@@ -70,6 +71,7 @@ private:
     {
         SegmentAssignment assignment;
         std::unique_ptr<WrittenSegment> segment; // null while it is not to be had
+        bool isGivenUp = false;
         bool isHeard = false;
         EntityReport last = {};
     };
@@ -81,6 +83,7 @@ private:
     void takeRemoval(const RemoveEntity &removal, std::int64_t arrival);
     void fault(PduFault kind);
     void attach(Target &target);
+    void giveUp(Target &target);
 
     std::uint8_t exercise_;
     NoticeSink notice_;

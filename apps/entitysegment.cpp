@@ -9,6 +9,7 @@
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 namespace tolvin
 {
@@ -83,7 +84,24 @@ std::optional<SegmentInfo> statusAt(int index, shmid_ds &status)
     return info;
 }
 
-// Whether the variables are ours; then with what they tell.
+// Nobody has it, and who made it is gone.
+bool isLeftBehind(const shmid_ds &status, std::uint32_t maker)
+{
+    return status.shm_nattch == 0 && !isCreatorAlive(status, maker);
+}
+
+// In the place of the one that is gone.
+void removeIfLeftBehind(int id, std::uint32_t maker)
+{
+    const std::optional<shmid_ds> status = statusOf(id);
+    if (status.has_value() && isLeftBehind(*status, maker))
+    {
+        shmctl(id, IPC_RMID, nullptr);
+    }
+}
+
+// Whether the variables are ours; then with what they tell. Who ends meanwhile sees that somebody is attached, and leaves the removing to
+// the others.
 bool lookInto(SegmentInfo &info, const shmid_ds &status)
 {
     void *const block = shmat(info.id, nullptr, SHM_RDONLY);
@@ -104,6 +122,10 @@ bool lookInto(SegmentInfo &info, const shmid_ds &status)
         info.isCreatorAlive = isCreatorAlive(status, info.maker);
     }
     shmdt(block);
+    if (ours && status.shm_nattch > 0)
+    {
+        removeIfLeftBehind(info.id, info.maker);
+    }
     return ours;
 }
 
@@ -168,14 +190,20 @@ bool attachSegment(vuEntity &entity)
 
 bool isReplaced(const vuEntity &entity)
 {
-    return entity.shmId >= 0 && shmget(entity.shmKey, 0, 0) != entity.shmId;
+    const EntityVars *const vars = varsOf(entity);
+    return entity.shmId >= 0 && (shmget(entity.shmKey, 0, 0) != entity.shmId || (vars != nullptr && !isOurs(*vars)));
 }
 
-// A segment of other programs is new when it is what this one would have made, and nothing was put into it.
+// A segment of other programs is new when it is what this one would have made, and nothing was put into it. Of two that make one
+// at the same time, the kernel entity of each tells that it did.
 bool prepareSegment(vuEntity &entity)
 {
     EntityVars &vars = *varsOf(entity);
     const std::optional<shmid_ds> status = statusOf(entity.shmId);
+    if (status.has_value() && status->shm_cpid != getpid())
+    {
+        entity.shmCreated = 0;
+    }
     const std::size_t size = entity.definition->layout->size;
     const auto *const bytes = static_cast<const unsigned char *>(entity.vars);
     const bool isNew =
@@ -194,10 +222,9 @@ void releaseSegment(vuEntity &entity)
     const int id = vars != nullptr && isOurs(*vars) ? entity.shmId : -1;
     const std::uint32_t maker = id >= 0 ? makerOf(*vars) : 0;
     entityReleaseSharedMem(&entity);
-    const std::optional<shmid_ds> status = id >= 0 ? statusOf(id) : std::optional<shmid_ds>();
-    if (status.has_value() && status->shm_nattch == 0 && !isCreatorAlive(*status, maker))
+    if (id >= 0)
     {
-        shmctl(id, IPC_RMID, nullptr); // in the place of the one that is gone
+        removeIfLeftBehind(id, maker);
     }
 }
 
@@ -236,9 +263,16 @@ WrittenSegment::~WrittenSegment()
     releaseSegment(entity_);
 }
 
-bool WrittenSegment::isLost() const
+pid_t WrittenSegment::otherWriter() const
 {
-    return isReplaced(entity_) || writerOf(*vars_) != ownProcessToken();
+    const std::uint32_t writer = writerOf(*vars_);
+    return writer == ownProcessToken() ? 0 : processOf(writer);
+}
+
+std::uint32_t WrittenSegment::size() const
+{
+    const std::optional<shmid_ds> status = statusOf(entity_.shmId);
+    return status.has_value() ? static_cast<std::uint32_t>(status->shm_segsz) : layout_.size;
 }
 
 std::vector<SegmentInfo> findSegments()
@@ -268,7 +302,7 @@ bool isAbandoned(const SegmentInfo &segment)
 std::error_code removeAbandoned(const SegmentInfo &segment)
 {
     const std::optional<shmid_ds> status = statusOf(segment.id);
-    if (status.has_value() && (status->shm_nattch != 0 || isCreatorAlive(*status, segment.maker)))
+    if (status.has_value() && !isLeftBehind(*status, segment.maker))
     {
         return std::make_error_code(std::errc::device_or_resource_busy);
     }

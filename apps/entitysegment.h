@@ -40,7 +40,7 @@ EntityVars *varsOf(const vuEntity &entity);
 // may hold, something else: then it is left alone, and not removed with the entity.
 bool prepareSegment(vuEntity &entity);
 
-// Whether the segment that the entity is attached to, if any, is not the one of its key any more.
+// Whether the segment that the entity is attached to, if any, is not the one of its key any more, or its variables are not ours any more.
 bool isReplaced(const vuEntity &entity);
 
 // entityReleaseSharedMem, which also removes a segment with variables of ours (entityvars.h) that nobody else is attached to when
@@ -63,9 +63,22 @@ public:
         return *vars_;
     }
 
-    // Whether it is not the segment of its key any more, or another process has taken the writing, which happens when it cannot see
-    // that this one is there.
-    bool isLost() const;
+    // Whether it is another process's by now to write, 0 for none: that happens when it cannot see that this one is there.
+    pid_t otherWriter() const;
+
+    // Leaves it to others: it is not removed with this.
+    void leave()
+    {
+        entity_.shmCreated = 0;
+    }
+
+    bool isReplaced() const
+    {
+        return tolvin::isReplaced(entity_);
+    }
+
+    // Bytes, which may be more than were asked for.
+    std::uint32_t size() const;
 
     bool isCreated() const
     {

@@ -15,11 +15,17 @@ namespace tolvin
 namespace
 {
 
-// Whoever read it at the other end of a pipe.
-bool isReaderGone()
+// Why standard output failed, which may be long ago: another byte fails as well. One that would have to wait is not tried; it was an
+// interrupt then that ended the waiting.
+int errorOfOutput()
 {
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
-    return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+    if (poll(&output, 1, 0) == 0)
+    {
+        return EINTR;
+    }
+    std::clearerr(stdout);
+    return std::fputc('\n', stdout) == EOF || std::fflush(stdout) != 0 ? errno : EIO;
 }
 
 } // namespace
@@ -42,10 +48,10 @@ int exitCodeOf(const std::function<void()> &work)
 
 void flushOutput()
 {
-    errno = isReaderGone() ? EPIPE : EIO; // in case that it failed before, and why is forgotten
-    if (std::ferror(stdout) != 0 || std::fflush(stdout) != 0)
+    const int error = std::ferror(stdout) != 0 ? errorOfOutput() : std::fflush(stdout) != 0 ? errno : 0;
+    if (error != 0)
     {
-        throw std::system_error(errno, std::generic_category(), "standard output");
+        throw std::system_error(error, std::generic_category(), "standard output");
     }
 }
 

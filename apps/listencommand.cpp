@@ -53,13 +53,12 @@ void printNotice(const std::string &line)
 
 bool isOver(const Listener &listener)
 {
-    return isStopAsked() || listener.isEnough();
+    return isStopAsked() || listener.isEnough() || std::ferror(stdout) != 0;
 }
 
-void readFile(const ListenOptions &options, Listener &listener)
+void readFile(const ListenOptions &options, CaptureReader &capture, Listener &listener)
 {
     const bool isStream = options.file == "-";
-    CaptureReader capture(*options.file);
     for (CapturedDatagram datagram; !isOver(listener) && capture.next(datagram);)
     {
         listener.take(datagram.bytes, datagram.time, textOf(datagram.from));
@@ -68,17 +67,14 @@ void readFile(const ListenOptions &options, Listener &listener)
     if (capture.skipped() > 0)
     {
         printNotice(*options.file + ": " + counted(capture.skipped(), "packet") +
-                    " skipped, which are no whole datagrams of UDP over IPv4");
+                    " skipped: no whole datagrams of UDP over IPv4");
     }
 }
 
 // Whoever looks on, or reads from a pipe, sees what has come within a tenth of a second.
-void hear(const ListenOptions &options, Listener &listener)
+void hear(const ListenOptions &options, UdpReceiver &receiver, Listener &listener)
 {
     constexpr std::chrono::milliseconds kPatience(100);
-    const auto local = parseEndpoint(options.dis);
-    UdpReceiver receiver(local, parseInterface(options.interface));
-    tellPort(local, receiver, printNotice);
     const auto forever = std::chrono::hours(24 * 365 * 100);
     const auto end = SteadyClock::now() + (options.duration > 0.0 ? std::chrono::duration_cast<SteadyClock::duration>(
                                                                         std::chrono::duration<double>(options.duration))
@@ -99,6 +95,19 @@ void hear(const ListenOptions &options, Listener &listener)
     {
         printNotice(counted(receiver.dropped(), "datagram") + " lost by the socket");
     }
+}
+
+// One of them.
+void open(const ListenOptions &options, std::optional<CaptureReader> &capture, std::optional<UdpReceiver> &receiver)
+{
+    if (options.file.has_value())
+    {
+        capture.emplace(*options.file);
+        return;
+    }
+    const auto local = parseEndpoint(options.dis);
+    receiver.emplace(local, parseInterface(options.interface));
+    tellPort(local, *receiver, printNotice);
 }
 
 // Behind JSON, the table would be no JSON.
@@ -127,9 +136,12 @@ void runListen(const ListenOptions &options)
     }
     takeStopSignals();
     Listener listener(options.filter, options.view(), options.pdus, stdout, printNotice);
+    std::optional<CaptureReader> capture;
+    std::optional<UdpReceiver> receiver;
     try
     {
-        options.file.has_value() ? readFile(options, listener) : hear(options, listener);
+        open(options, capture, receiver);
+        capture ? readFile(options, *capture, listener) : hear(options, *receiver, listener);
     }
     catch (const std::exception &error)
     {
@@ -137,7 +149,7 @@ void runListen(const ListenOptions &options)
         // that is lost.
         if (!isStopAsked() || dynamic_cast<const std::system_error *>(&error) != nullptr)
         {
-            summarize(options, listener);
+            capture || receiver ? summarize(options, listener) : void();
             throw;
         }
     }

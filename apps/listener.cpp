@@ -121,35 +121,39 @@ void Listener::count(const DisMessage &message, std::int64_t time, const std::st
     }
     if (senders_.size() == kMostSenders && !senders_.contains({from, who}))
     {
+        hasOthers_ = true;
         return;
     }
-    Sender &sender = senders_.try_emplace({from, who}, Sender{.first = time}).first->second;
+    Sender &sender = senders_.try_emplace({from, who}, Sender{.earliest = time, .latest = time}).first->second;
     ++sender.pdus;
     sender.bytes += headerOf(message).length;
-    sender.last = time;
+    sender.atEarliest = time < sender.earliest ? 0 : sender.atEarliest;
+    sender.earliest = std::min(sender.earliest, time);
+    sender.latest = std::max(sender.latest, time);
+    sender.atEarliest += time == sender.earliest ? 1 : 0;
 }
 
-// One PDU has no rate.
+// What came after the earliest, be it one PDU or a datagram full of them, in the time since. That alone has no rate.
 void Listener::printSenders(std::FILE *out) const
 {
     std::fprintf(out, "%-24s %-12s %10s %12s %10s\n", "address", "site:app", "PDUs", "bytes", "PDUs/s");
     for (const auto &[who, sender] : senders_)
     {
         const auto &[from, id] = who;
-        const double seconds = static_cast<double>(sender.last - sender.first) * 1e-9;
+        const double seconds = static_cast<double>(sender.latest - sender.earliest) * 1e-9;
         const std::string name = id ? std::to_string(id->first) + ':' + std::to_string(id->second) : "-";
         std::fprintf(out, "%-24s %-12s %10llu %12llu ", from.c_str(), name.c_str(), number(sender.pdus),
                      number(sender.bytes));
         if (seconds > 0.0)
         {
-            std::fprintf(out, "%10.2f\n", static_cast<double>(sender.pdus - 1) / seconds);
+            std::fprintf(out, "%10.2f\n", static_cast<double>(sender.pdus - sender.atEarliest) / seconds);
         }
         else
         {
             std::fprintf(out, "%10s\n", "-");
         }
     }
-    if (senders_.size() == kMostSenders)
+    if (hasOthers_)
     {
         std::fputs("and others\n", out);
     }

@@ -62,7 +62,7 @@ public:
         return passed_;
     }
 
-    // A table of those who sent what passed: PDUs, bytes, and the rate between the first and the last.
+    // A table of those who sent what passed: PDUs, bytes, and the rate between the earliest and the latest.
     void printSenders(std::FILE *out) const;
 
     // A line for all.
@@ -74,8 +74,9 @@ private:
     {
         std::uint64_t pdus = 0;
         std::uint64_t bytes = 0;
-        std::int64_t first = 0;
-        std::int64_t last = 0;
+        std::int64_t earliest = 0;
+        std::int64_t latest = 0;
+        std::uint64_t atEarliest = 0; // PDUs
     };
 
     void show(const DisMessage &message, std::int64_t time, const std::string &from) const;
@@ -89,6 +90,7 @@ private:
     NoticeSink notice_;
     std::map<std::pair<std::string, std::optional<std::pair<int, int>>>, Sender> senders_;
     std::array<std::uint64_t, kPduFaultCount> faults_{};
+    bool hasOthers_ = false; // senders for which there was no room
     std::uint64_t datagrams_ = 0;
     std::uint64_t pdus_ = 0;
     std::uint64_t passed_ = 0;

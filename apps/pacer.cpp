@@ -12,6 +12,12 @@ StopSignals::StopSignals()
     sigemptyset(&signals_);
     sigaddset(&signals_, SIGINT);
     sigaddset(&signals_, SIGTERM);
+    struct sigaction hangup = {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) // which is what nohup asks for
+    {
+        sigaddset(&signals_, SIGHUP);
+    }
     pthread_sigmask(SIG_BLOCK, &signals_, &former_);
 }
 

@@ -15,7 +15,7 @@ using Nanoseconds = std::int64_t; // since the start of sending, unless a name s
 inline constexpr Nanoseconds kSecond = 1'000'000'000;
 inline constexpr Nanoseconds kNever = std::numeric_limits<Nanoseconds>::max();
 
-// Blocks SIGINT and SIGTERM while it lives, so that none is lost between a test and a wait.
+// Blocks SIGINT, SIGTERM, and SIGHUP unless that is ignored, while it lives, so that none is lost between a test and a wait.
 class StopSignals
 {
 public:

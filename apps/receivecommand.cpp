@@ -146,11 +146,10 @@ void printLine(double time, double period, std::uint64_t written, const EntityRe
 
 void printTotals(const ReceiverCounts &c, std::uint64_t lost)
 {
-    std::printf(
-        "\n%llu datagrams: %llu reports written, %llu for unknown entities, %llu late, %llu malformed, %llu of other "
-        "exercises, %llu other PDUs; %llu lost by the socket\n",
-        number(c.datagrams), number(c.written), number(c.unknown), number(c.late), number(c.malformed),
-        number(c.otherExercise), number(c.otherPdus), number(lost));
+    std::printf("\n%s: %s written, %llu for unknown entities, %llu late, %llu malformed, %llu of other "
+                "exercises, %llu other PDUs; %llu lost by the socket\n",
+                counted(c.datagrams, "datagram").c_str(), counted(c.written, "report").c_str(), number(c.unknown),
+                number(c.late), number(c.malformed), number(c.otherExercise), number(c.otherPdus), number(lost));
     printFaults(stdout, c.faults);
     flushOutput();
 }
@@ -284,12 +283,14 @@ void addReceiveCommand(CommandLine &line)
     const Command command = line.addCommand(
         "receive", "receive DIS reports of entities into shared-memory segments, where tolvin run reads them",
         [options] { run(*options); });
-    options->receiving = {
-        command.add("scene", options->scene,
-                    "description file: its entities with ID and SHM, without MOTION, go to their keys"),
+    const Option key =
         command.add("--key", options->keys, "key of a segment, 2000 or more; may be repeated, each with its --id")
             .check(within(VU_SHM_FIRST_KEY, 2147483647))
-            .onePerUse(),
+            .onePerUse();
+    options->receiving = {
+        key,
+        command.add("scene", options->scene,
+                    "description file: its entities with ID and SHM, without MOTION, go to their keys"),
         command
             .add("--id", options->ids,
                  "SITE:APPLICATION:ENTITY whose reports go to the segment of that place among the keys")
@@ -298,6 +299,7 @@ void addReceiveCommand(CommandLine &line)
             .add("--size", options->size,
                  "bytes of the segments of --key, as drawing programs have them in their descriptions")
             .check(within(sizeof(EntityVars), 2147483647))
+            .needs(key)
             .showDefault(),
         command.add("--dis", options->dis, "local address and UDP port to receive on, or a multicast group to join")
             .showDefault(),

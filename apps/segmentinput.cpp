@@ -137,9 +137,9 @@ void SegmentInput::handOn(Source &source, const EntityReport &report, std::int64
         ++counts_.old; // left behind by a receiver that is gone
         return;
     }
-    ++counts_.reports;
     if (input_.takeReport(report.state, clock_.ofWall(age > 0.0 ? report.arrival : now))) // a clock may have been set
     {
+        ++counts_.reports;
         source.id = report.state.entityId;
     }
 }
@@ -148,7 +148,7 @@ void SegmentInput::show()
 {
     for (Source &source : sources_)
     {
-        const RemoteEntity *const remote = input_.entities().find(source.id);
+        const RemoteEntity *const remote = source.id ? input_.entities().find(*source.id) : nullptr;
         if (remote != nullptr && remote->reported)
         {
             world_.show(*source.own, *remote->entity);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -52,8 +53,8 @@ private:
     struct Source
     {
         OwnEntity *own;
-        std::uint32_t seen = 0; // sequence of the last report
-        vuEntityId id = {};     // of it
+        std::uint32_t seen = 0;            // sequence of the last report
+        std::optional<vuEntityId> id = {}; // of it
         std::uint64_t others = 0;
         bool isUnattached = false; // and somebody has been told
     };

@@ -46,7 +46,7 @@ void set(Number (&vector)[3], double x, double y, double z)
 // A turret that has turned, and a rack with something on it.
 std::vector<VariableParameter> parts()
 {
-    return {{0, 3, 0, 4096 + 11, {0x3f, 0xc9, 0x0f, 0xdb, 0, 0, 0, 0}}, {1, 0, 1, 896, {2, 2, 0, 225, 1, 5, 1, 0}}};
+    return {{0, 3, 0, 4096 + 11, {0x3f, 0xc9, 0x0f, 0xdb, 0, 0, 0, 0}}, {1, 0, 7, 896, {2, 2, 0, 225, 1, 5, 1, 0}}};
 }
 
 Bytes entityState(int version, std::size_t numParts)
@@ -130,7 +130,7 @@ Bytes detonation(int version)
 {
     Detonation detonation = shotOf<Detonation>(version, 3);
     set(detonation.entityLocation, 0.5, 1.25, -0.125);
-    detonation.result = 1;
+    detonation.result = 5;
     return encode({detonation, {parts().front()}, {}, {}, {}, {}, {}});
 }
 
@@ -139,7 +139,7 @@ Pdu managementOf(int version, int type)
 {
     Pdu pdu = {};
     pdu.header = headerOfKind(version, type, 5);
-    pdu.originating = {1, 1, 0};
+    pdu.originating = {1, 3, 0};
     pdu.receiving = kTank;
     pdu.requestId = static_cast<std::uint32_t>(100 * version + type);
     return pdu;
@@ -169,7 +169,7 @@ Bytes data(int version, int type, std::size_t bytes)
                    {},
                    {},
                    {},
-                   {{23'100, 40}, {21'200, 0x3f80'0000}},
+                   {{23'100, 40}, {21'200, 0x3f80'0000}, {21'300, 9}},
                    {text, {13'000, 0, {}}},
                    {}});
 }

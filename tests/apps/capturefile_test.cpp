@@ -283,3 +283,15 @@ TEST(CaptureFile, KeepsWholePacketsWhenThereIsNoRoom)
     }
     std::filesystem::remove(kFile);
 }
+
+TEST(CaptureFile, HasWholePacketsAtAnyTime)
+{
+    CaptureWriter writer(kFile);
+    const asio::ip::udp::endpoint end(asio::ip::address_v4::loopback(), 3000);
+    for (int i = 1; i < 1000; ++i)
+    {
+        writer.write({i, end, end, Bytes(972, 1)});
+        ASSERT_EQ((std::filesystem::file_size(kFile) - 24) % (16 + 28 + 972), 0u) << i;
+    }
+    std::filesystem::remove(kFile);
+}

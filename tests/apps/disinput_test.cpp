@@ -283,6 +283,7 @@ TEST_F(DisInputTest, FollowsUpdatesOfEntitiesThatItKnows)
     EXPECT_NEAR(remote->entity->position[0], report.location[0] + 50.0, 1e-3);
     EXPECT_NEAR(remote->entity->position[1], 1.0, 1e-3); // the acceleration goes on
     take(updateOf(report, now(), 50.0f, kAppearanceDeactivated));
+    take(updateOf(report, now(), 50.0f)); // it has left
     frameAt(7202.1);
     EXPECT_TRUE(input->entities().size() == 0 && input->counts().left == 1);
 }

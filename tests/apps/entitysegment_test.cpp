@@ -122,13 +122,31 @@ TEST_F(EntitySegments, AreRemovedByTheirMakerOrTheLastOfTheOthersOnceThatIsGone)
     living.killIt();
 }
 
-TEST_F(EntitySegments, AreLostToAWriterThatSeesNoOther)
+TEST_F(EntitySegments, AreMadeAgainAsTheyWereAndLeftToAWriterThatDoesNotSeeTheirs)
 {
-    const auto own = attached();
-    EXPECT_FALSE(own->isLost());
-    const std::uint32_t writer = std::exchange(own->vars().writer, 1); // of another process namespace
-    EXPECT_TRUE(own->isLost());
-    own->vars().writer = writer;
+    std::string notices;
+    {
+        const OtherProcess maker([] { leaveWriting((new WrittenSegment(kKey, 300))->vars()); });
+        EntityReceiver receiver({{kKey, 168, {7, 8, 1}}}, 1, [&](const std::string &line) { notices += line + '\n'; });
+        shmctl(segmentOf(kKey), IPC_RMID, nullptr);
+        receiver.keepSegments();
+        EXPECT_EQ(find(findSegments())->size, 300u);
+
+        auto *const vars = static_cast<EntityVars *>(shmat(segmentOf(kKey), nullptr, 0));
+        vars->magic = 1; // somebody writes over it
+        receiver.keepSegments();
+        EXPECT_NE(find(findSegments()), nullptr);
+        shmdt(vars);
+        auto *const taken = static_cast<EntityVars *>(shmat(segmentOf(kKey), nullptr, 0));
+        taken->writer = 1;
+        receiver.keepSegments();
+        receiver.keepSegments();
+        receiver.take(datagramOf(1, 0), 10);
+        EXPECT_TRUE(receiver.counts().written == 0 && taken->writer == 1);
+        shmdt(taken);
+    }
+    EXPECT_TRUE(std::ranges::count(notices, '\n') == 3 && notices.find("is written by process 1 now") != notices.npos);
+    shmctl(segmentOf(kKey), IPC_RMID, nullptr);
 }
 
 TEST_F(EntitySegments, OfOthersAreRefusedAndStay)
@@ -194,16 +212,20 @@ TEST_F(EntitySegments, GetReportsOfTheirEntities)
     EntityStateUpdate update = {};
     update.header = {7, 1, 67, 1, kSecond / 2 * 3600 + 2, 0, 0};
     update.velocity[2] = 3.0f;
-    for (const std::uint16_t entity : {1, 2}) // the second one was not heard yet
+    for (const std::uint16_t entity : {3, 2, 1}) // the first two were not heard yet
     {
         update.entityId = {7, 8, entity};
         receiver.take(encode({update, {}, {}, {}, {}, {}, {}}), 16);
+        receiver.take(encode({update, {}, {}, {}, {}, {}, {}}), 13'000'000'000); // too late
     }
+    EXPECT_TRUE(counts.otherPdus == 3 && counts.unknown == 3 && report()->arrival == 16);
     EXPECT_TRUE(report()->state.velocity[2] == 3.0f && report()->state.location[0] == 0.0 &&
                 !report(kKey + 1).has_value());
 
     EXPECT_FALSE(remove({7, 9, 1}));
     EXPECT_TRUE(remove({7, 8, 0}));
+    receiver.take(encode({update, {}, {}, {}, {}, {}, {}}), 18); // of one that has left
+    EXPECT_EQ(report()->arrival, 17);
 
     shmctl(segmentOf(kKey), IPC_RMID, nullptr); // as the program that made it does at its end
     EXPECT_FALSE(report().has_value());

@@ -104,3 +104,18 @@ TEST(Listener, CountsSendersAndFaults)
                             "10.0.0.1:3000            1:20                  2          288       0.50\n"
                             "10.0.0.2:3000            2:20                  1          144          -\n");
 }
+
+TEST(Listener, HasRatesOfTimesInAnyOrder)
+{
+    const std::string shown = printedTo(
+        [](std::FILE *out)
+        {
+            Listener listener({}, PduView::None, 0, out, [](const std::string &) {});
+            const Bytes two = stateOf(1, 1, 1) + stateOf(1, 1, 1);
+            listener.take(two, 2'000'000'000, "a");
+            listener.take(two, 1'000'000'000, "a"); // the clock was set
+            listener.take(stateOf(1, 1, 1), 4'000'000'000, "a");
+            listener.printSenders(out);
+        });
+    EXPECT_TRUE(shown.ends_with(" 1.00\n")) << shown; // three in three seconds
+}

@@ -125,6 +125,13 @@ TEST_F(Segments, ShowTheirEntitiesWhereTheReportsHaveThem)
 TEST_F(Segments, HandNothingOnThatIsOldOfOthersOrWrong)
 {
     const vuEntityState good = reportOf(*world, 9, {}, {});
+    vuEntityState zero = reportOf(*world, 0, {5, 5, 5}, {});
+    zero.entityId = {};
+    input->takeReport(zero, 0.0); // by network, and no matter for those without a report
+    frame();
+    EXPECT_EQ(guest->position[0], 0.0);
+    zero.appearance |= kAppearanceDeactivated;
+    input->takeReport(zero, 0.0);
     write(good, wallNow() - 13'000'000'000); // more than 2.4 heartbeats of 5 s
     frame();
     write(reportOf(*world, 10, {}, {}), wallNow());
