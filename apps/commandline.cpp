@@ -107,8 +107,8 @@ void refuseBeside(const std::string &name, const std::vector<Option> &options)
 // With a leading 0 the library takes a number for an octal one, which nobody means.
 std::string withoutLeadingZeros(std::string &argument)
 {
-    const std::size_t digits = argument.find_first_not_of("+-");
-    if (argument.find_first_not_of("0123456789", digits) == std::string::npos)
+    const std::size_t digits = argument.find_first_not_of(" \t+-");
+    if (digits != std::string::npos && argument.find_first_not_of("0123456789", digits) == std::string::npos)
     {
         const std::size_t zeros = std::min(argument.find_first_not_of('0', digits), argument.size() - 1);
         argument.erase(digits, zeros - digits);

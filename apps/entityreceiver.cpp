@@ -45,8 +45,8 @@ EntityReceiver::EntityReceiver(const std::vector<SegmentAssignment> &assignments
 
 std::size_t EntityReceiver::heard() const
 {
-    return static_cast<std::size_t>(
-        std::ranges::count_if(targets_, [](const auto &entry) { return entry.second.isHeard; }));
+    return static_cast<std::size_t>(std::ranges::count_if(targets_, [](const auto &entry)
+                                                          { return entry.second.isHeard && !entry.second.isGivenUp; }));
 }
 
 void EntityReceiver::fault(PduFault kind)
@@ -130,7 +130,7 @@ void EntityReceiver::takeReport(const EntityReport &report)
         }
         target.last = report;
         target.isHeard = true;
-        if (target.segment != nullptr)
+        if (target.segment != nullptr && !target.isGivenUp)
         {
             writeReport(target.segment->vars(), report);
             ++counts_.written;
@@ -178,12 +178,15 @@ void EntityReceiver::takeRemoval(const RemoveEntity &removal, std::int64_t arriv
 void EntityReceiver::attach(Target &target)
 {
     const bool hadOne = target.segment != nullptr;
-    // Whoever made it larger wants it so again.
-    target.assignment.size = hadOne ? std::max(target.assignment.size, target.segment->size()) : target.assignment.size;
+    const SegmentAssignment &wanted = target.assignment;
+    target.size = hadOne ? target.segment->size() : target.size;
     target.segment.reset();
+    target.isGivenUp = false;
     try
     {
-        target.segment = std::make_unique<WrittenSegment>(target.assignment.key, target.assignment.size);
+        // Whoever made the last one larger may want it so again; what there is has the size that it has.
+        target.segment = std::make_unique<WrittenSegment>(
+            wanted.key, isSegmentThere(wanted.key) ? wanted.size : std::max(wanted.size, target.size));
     }
     catch (const std::runtime_error &error)
     {
@@ -198,31 +201,39 @@ void EntityReceiver::attach(Target &target)
             (target.segment->isCreated() ? " was removed; there is a new one" : " is there again"));
 }
 
-// For good: two that cannot see each other would take it from each other for ever.
-void EntityReceiver::giveUp(Target &target)
+// Of two receivers that cannot see each other, the later one has the writing until it leaves it: they would take it from each other for
+// ever. Somebody may also have left it to nobody.
+void EntityReceiver::shareWriting(Target &target)
 {
-    notice_("shared-memory segment " + std::to_string(target.assignment.key) + " is written by process " +
-            std::to_string(target.segment->otherWriter()) + " now; it is left to that one");
-    target.segment->leave();
-    target.segment.reset();
-    target.isGivenUp = true;
+    const std::string name = "shared-memory segment " + std::to_string(target.assignment.key);
+    const pid_t other = target.segment->otherWriter();
+    if (other != 0 && !target.isGivenUp)
+    {
+        target.isGivenUp = true;
+        notice_(name + " is written by process " + std::to_string(other) + " now; it is left to that one");
+    }
+    if (target.segment->claimIfFree())
+    {
+        target.isGivenUp ? notice_(name + " is free again") : void();
+        target.isGivenUp = false;
+        if (target.isHeard)
+        {
+            writeReport(target.segment->vars(), target.last);
+        }
+    }
 }
 
 void EntityReceiver::keepSegments()
 {
     for (auto &[id, target] : targets_)
     {
-        if (target.isGivenUp)
-        {
-            continue;
-        }
         if (target.segment == nullptr || target.segment->isReplaced())
         {
             attach(target);
         }
-        else if (target.segment->otherWriter() != 0)
+        else
         {
-            giveUp(target);
+            shareWriting(target);
         }
     }
 }

@@ -50,7 +50,7 @@ public:
     void take(std::span<const std::uint8_t> datagram, std::int64_t arrival);
 
     // Once a second or so: has new segments in the place of those that other programs have removed, with the last reports, and gives
-    // those up that another receiver writes.
+    // those up that another receiver writes until that one leaves them.
     void keepSegments();
 
     const ReceiverCounts &counts() const
@@ -63,7 +63,7 @@ public:
         return targets_.size();
     }
 
-    // Segments with a report.
+    // Segments with a report of this receiver.
     std::size_t heard() const;
 
 private:
@@ -71,7 +71,8 @@ private:
     {
         SegmentAssignment assignment;
         std::unique_ptr<WrittenSegment> segment; // null while it is not to be had
-        bool isGivenUp = false;
+        std::uint32_t size = 0;                  // of the last one
+        bool isGivenUp = false;                  // another receiver writes it
         bool isHeard = false;
         EntityReport last = {};
     };
@@ -83,7 +84,7 @@ private:
     void takeRemoval(const RemoveEntity &removal, std::int64_t arrival);
     void fault(PduFault kind);
     void attach(Target &target);
-    void giveUp(Target &target);
+    void shareWriting(Target &target);
 
     std::uint8_t exercise_;
     NoticeSink notice_;

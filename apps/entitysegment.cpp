@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -44,11 +46,13 @@ std::string textOf(int error)
     return std::generic_category().message(error);
 }
 
-// Of making a segment of that size, tried with one that nobody sees. 0 when it can be done.
+// Of making a segment of that size and attaching to it, tried with one that nobody sees. 0 when it can be done.
 int errorOfMaking(std::size_t size)
 {
     const int id = shmget(IPC_PRIVATE, size, 0600);
-    const int error = id < 0 ? errno : 0;
+    void *const block = id < 0 ? nullptr : shmat(id, nullptr, 0);
+    const int error = id < 0 || block == reinterpret_cast<void *>(-1) ? errno : 0;
+    shmdt(block);
     shmctl(id, IPC_RMID, nullptr);
     return error;
 }
@@ -56,7 +60,7 @@ int errorOfMaking(std::size_t size)
 // What making says when there are too many, or too large ones.
 bool isLimit(int error)
 {
-    return error == ENOSPC || error == ENOMEM || error == EINVAL;
+    return error == ENOSPC || error == EINVAL;
 }
 
 // By index, as /proc/sysvipc/shm has them, or nothing. Those that may only be looked at by their owner are among them only in
@@ -90,18 +94,23 @@ bool isLeftBehind(const shmid_ds &status, std::uint32_t maker)
     return status.shm_nattch == 0 && !isCreatorAlive(status, maker);
 }
 
-// In the place of the one that is gone.
+// In the place of the one that is gone. Who is attached only to look at it (findSegments) is so for microseconds.
 void removeIfLeftBehind(int id, std::uint32_t maker)
 {
-    const std::optional<shmid_ds> status = statusOf(id);
+    constexpr int kTries = 4;
+    std::optional<shmid_ds> status = statusOf(id);
+    for (int i = 1; i < kTries && status.has_value() && status->shm_nattch > 0 && !isCreatorAlive(*status, maker); ++i)
+    {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        status = statusOf(id);
+    }
     if (status.has_value() && isLeftBehind(*status, maker))
     {
         shmctl(id, IPC_RMID, nullptr);
     }
 }
 
-// Whether the variables are ours; then with what they tell. Who ends meanwhile sees that somebody is attached, and leaves the removing to
-// the others.
+// Whether the variables are ours; then with what they tell.
 bool lookInto(SegmentInfo &info, const shmid_ds &status)
 {
     void *const block = shmat(info.id, nullptr, SHM_RDONLY);
@@ -122,14 +131,15 @@ bool lookInto(SegmentInfo &info, const shmid_ds &status)
         info.isCreatorAlive = isCreatorAlive(status, info.maker);
     }
     shmdt(block);
-    if (ours && status.shm_nattch > 0)
-    {
-        removeIfLeftBehind(info.id, info.maker);
-    }
     return ours;
 }
 
 } // namespace
+
+bool isSegmentThere(std::int32_t key)
+{
+    return shmget(key, 0, 0) >= 0 || errno == EACCES;
+}
 
 bool isReceived(const EntityDescription &entity)
 {
@@ -180,7 +190,7 @@ bool attachSegment(vuEntity &entity)
             return true;
         }
         releaseSegment(entity);
-        if (shmget(entity.shmKey, 0, 0) >= 0)
+        if (isSegmentThere(entity.shmKey))
         {
             return false;
         }
@@ -267,6 +277,11 @@ pid_t WrittenSegment::otherWriter() const
 {
     const std::uint32_t writer = writerOf(*vars_);
     return writer == ownProcessToken() ? 0 : processOf(writer);
+}
+
+bool WrittenSegment::claimIfFree()
+{
+    return writerOf(*vars_) == 0 && claimWriting(*vars_) == 0;
 }
 
 std::uint32_t WrittenSegment::size() const

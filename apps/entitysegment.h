@@ -20,6 +20,9 @@
 namespace tolvin
 {
 
+// Whether there is one of that key, be it for this user or not.
+bool isSegmentThere(std::int32_t key);
+
 // Whether an entity's reports come by its segment: it has no motion of its own, and a segment with room for them.
 bool isReceived(const EntityDescription &entity);
 
@@ -66,11 +69,8 @@ public:
     // Whether it is another process's by now to write, 0 for none: that happens when it cannot see that this one is there.
     pid_t otherWriter() const;
 
-    // Leaves it to others: it is not removed with this.
-    void leave()
-    {
-        entity_.shmCreated = 0;
-    }
+    // Takes the writing if nobody has it; whether it is this process's then.
+    bool claimIfFree();
 
     bool isReplaced() const
     {

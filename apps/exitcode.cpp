@@ -1,5 +1,7 @@
 #include "exitcode.h"
 
+#include "stopsignal.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <exception>
@@ -16,13 +18,13 @@ namespace
 {
 
 // Why standard output failed, which may be long ago: another byte fails as well. One that would have to wait is not tried; it was an
-// interrupt then that ended the waiting.
+// interrupt then that ended the waiting, or nobody was to wait.
 int errorOfOutput()
 {
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     if (poll(&output, 1, 0) == 0)
     {
-        return EINTR;
+        return isStopAsked() ? EINTR : EAGAIN;
     }
     std::clearerr(stdout);
     return std::fputc('\n', stdout) == EOF || std::fflush(stdout) != 0 ? errno : EIO;

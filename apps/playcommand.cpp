@@ -53,7 +53,8 @@ bool isStream(const std::string &file)
 {
     std::error_code error;
     const std::filesystem::file_status status = std::filesystem::status(file, error);
-    return file == "-" || (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status));
+    return file == "-" || (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status) &&
+                           !std::filesystem::is_directory(status));
 }
 
 // The time at which it is sent, in every PDU; whether that is absolute is left as it is.

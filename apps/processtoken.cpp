@@ -25,9 +25,9 @@ struct ProcessStat
 };
 
 // The name, in parentheses, may hold anything: what follows is counted from the last of them (proc(5), /proc/PID/stat).
-ProcessStat statOf(pid_t process)
+ProcessStat statIn(const std::string &folder)
 {
-    std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+    std::ifstream file("/proc/" + folder + "/stat");
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     const std::size_t nameEnd = text.rfind(')');
     ProcessStat stat;
@@ -46,6 +46,11 @@ ProcessStat statOf(pid_t process)
     return stat;
 }
 
+ProcessStat statOf(pid_t process)
+{
+    return statIn(std::to_string(process));
+}
+
 bool isGone(pid_t process, const ProcessStat &stat)
 {
     return (kill(process, 0) == -1 && errno == ESRCH) || (stat.isKnown && (stat.state == 'Z' || stat.state == 'X'));
@@ -60,7 +65,8 @@ std::uint32_t tokenOf(pid_t process, const ProcessStat &stat)
 
 std::uint32_t ownProcessToken()
 {
-    return tokenOf(getpid(), statOf(getpid()));
+    return tokenOf(getpid(),
+                   statIn("self")); // by its number, /proc may have another one there: that of another namespace
 }
 
 pid_t processOf(std::uint32_t token)

@@ -1,34 +1,18 @@
 #include <tolvin/apps/drivescript.h>
 
+#include "support/capture.h"
+
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
 #include <string>
-
-#include <unistd.h>
+#include <tuple>
 
 using namespace tolvin;
 
-namespace
+static std::string refusal(std::string_view text)
 {
-
-// What a script is refused with.
-std::string refusal(std::string_view text)
-{
-    try
-    {
-        readDriveScript(text, "d");
-        return "";
-    }
-    catch (const std::runtime_error &error)
-    {
-        return error.what();
-    }
+    return refusalOf([text] { readDriveScript(text, "d"); });
 }
-
-} // namespace
 
 TEST(DriveScript, HoldsEachLineUntilTheNext)
 {
@@ -37,20 +21,15 @@ TEST(DriveScript, HoldsEachLineUntilTheNext)
                         "1e1 -1 0 M#held\n 10.25\t0 50 -\n11 1000000 -1000000 LMR",
                         "d");
     EXPECT_TRUE(script.width == 100 && script.height == 50);
-    const struct
-    {
-        double time;
-        unsigned flags;
-        int x, y, inWindow;
-    } cases[] = {{-1, 0, 99, 49, 1},
-                 {0.4999, 0, 99, 49, 1},
-                 {0.5, 5, 99, 49, 1},
-                 {9.9999, 5, 99, 49, 1},
-                 {10, 2, -1, 0, 0},
-                 {10.25, 0, 0, 50, 0},
-                 {10.9999, 0, 0, 50, 0},
-                 {11, 7, 1000000, -1000000, 0},
-                 {1e300, 7, 1000000, -1000000, 0}};
+    const std::tuple<double, unsigned, int, int, int> cases[] = {{-1, 0, 99, 49, 1},
+                                                                 {0.4999, 0, 99, 49, 1},
+                                                                 {0.5, 5, 99, 49, 1},
+                                                                 {9.9999, 5, 99, 49, 1},
+                                                                 {10, 2, -1, 0, 0},
+                                                                 {10.25, 0, 0, 50, 0},
+                                                                 {10.9999, 0, 0, 50, 0},
+                                                                 {11, 7, 1000000, -1000000, 0},
+                                                                 {1e300, 7, 1000000, -1000000, 0}};
     for (const auto &[time, flags, x, y, inWindow] : cases)
     {
         const pfuMouse mouse = mouseAt(script, time);
@@ -98,23 +77,4 @@ TEST(DriveScript, TellsWhatIsWrongWhere)
               "d:10000001:1: one more line: expected 10000000 at most");
     EXPECT_EQ(refusal("0 0 0 -" + std::string(9'999'999, '\n') + "1 0 0 -"), "");
     EXPECT_EQ(refusal(std::string((256u << 20) + 1, ' ')), "d: too long: expected 256 MiB at most");
-}
-
-TEST(DriveScript, ReadsFiles)
-{
-    const auto file = std::filesystem::temp_directory_path() / ("tolvin_drivescript_" + std::to_string(getpid()));
-    std::ofstream(file) << "0 1 2 M\n";
-    EXPECT_EQ(readDriveScriptFile(file).samples.at(0).buttons, 2u);
-    std::ofstream(file) << "0 1 2 X\n";
-    try
-    {
-        readDriveScriptFile(file);
-        ADD_FAILURE() << "no error";
-    }
-    catch (const std::runtime_error &error)
-    {
-        EXPECT_EQ(error.what(), file.string() + ":1:7: X: expected - or buttons of L, M and R");
-    }
-    std::filesystem::remove(file);
-    EXPECT_THROW(readDriveScriptFile(file), std::runtime_error);
 }

@@ -142,11 +142,19 @@ TEST_F(EntitySegments, AreMadeAgainAsTheyWereAndLeftToAWriterThatDoesNotSeeTheir
         receiver.keepSegments();
         receiver.keepSegments();
         receiver.take(datagramOf(1, 0), 10);
-        EXPECT_TRUE(receiver.counts().written == 0 && taken->writer == 1);
+        EXPECT_TRUE(receiver.counts().written == 0 && taken->writer == 1 && receiver.heard() == 0);
+        taken->writer = 0;
+        receiver.keepSegments();
+        EXPECT_TRUE(report()->arrival == 10 && taken->writer != 0 && receiver.heard() == 1);
         shmdt(taken);
+
+        shmctl(segmentOf(kKey), IPC_RMID, nullptr); // and is there smaller before it is missed
+        const int id = shmget(kKey, 168, IPC_CREAT | 0666);
+        receiver.keepSegments();
+        EXPECT_TRUE(segmentOf(kKey) == id && report()->arrival == 10);
+        shmctl(id, IPC_RMID, nullptr);
     }
-    EXPECT_TRUE(std::ranges::count(notices, '\n') == 3 && notices.find("is written by process 1 now") != notices.npos);
-    shmctl(segmentOf(kKey), IPC_RMID, nullptr);
+    EXPECT_TRUE(std::ranges::count(notices, '\n') == 5 && notices.find("is written by process 1 now") != notices.npos);
 }
 
 TEST_F(EntitySegments, OfOthersAreRefusedAndStay)

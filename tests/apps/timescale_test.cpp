@@ -1,12 +1,14 @@
 #include <tolvin/apps/timescale.h>
 
+#include "support/capture.h"
+
 #include <gtest/gtest.h>
 
 #include <erfa.h>
 
 #include <cmath>
-#include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -14,12 +16,7 @@ using namespace tolvin;
 
 TEST(Timescale, ReadsDatesAndPrintsThem)
 {
-    const struct
-    {
-        const char *text;
-        double date;
-        const char *printed;
-    } cases[] = {
+    const std::tuple<const char *, double, const char *> cases[] = {
         {"2000-01-01T12:00:00Z", 36525.0, "2000-01-01 12:00:00"},
         {"2000-01-01", 36525.0, "2000-01-01 12:00:00"},
         {"1970-1-1 00:00", 25567.5, "1970-01-01 00:00:00"},
@@ -30,10 +27,10 @@ TEST(Timescale, ReadsDatesAndPrintsThem)
         {"-1-02-29T00:00", -693962.5 + 59, "-0001-02-29 00:00:00"},
         {"1500-02-29", 2268992.0 - 2415020.0, "1500-02-29 12:00:00"}, // leap in the Julian calendar only
     };
-    for (const auto &c : cases)
+    for (const auto &[text, date, printed] : cases)
     {
-        EXPECT_NEAR(parseDate(c.text), c.date, 1e-9) << c.text;
-        EXPECT_EQ(dateText(parseDate(c.text)), c.printed);
+        EXPECT_NEAR(parseDate(text), date, 1e-9) << text;
+        EXPECT_EQ(dateText(parseDate(text)), printed);
     }
 }
 
@@ -47,30 +44,18 @@ TEST(Timescale, RefusesWhatIsNoDateOrZone)
         {"leaves out", {"1582-10-05", "1582-10-14T12:00"}},
         {"T or a blank", {"2026-06-21X12:00"}},
         {"a time",
-         {"2026-06-21T", "2026-06-21T24:00", "2026-06-21T12:60", "2026-06-21T12:00:60", "2026-06-21T12:00:1e1"}},
-        {"a time", {"2026-06-21T12:00:00+02:00"}}};
-    const auto message = [](auto parse, const std::string &text)
-    {
-        try
-        {
-            parse(text);
-        }
-        catch (const std::runtime_error &error)
-        {
-            return std::string(error.what());
-        }
-        return std::string("accepted");
-    };
+         {"2026-06-21T", "2026-06-21T24:00", "2026-06-21T12:60", "2026-06-21T12:00:60", "2026-06-21T12:00:1e1",
+          "2026-06-21T12:00:00+02:00"}}};
     for (const auto &[expected, texts] : dates)
     {
         for (const char *text : texts)
         {
-            EXPECT_NE(message(parseDate, text).find(expected), std::string::npos) << message(parseDate, text);
+            EXPECT_NE(refusalOf([&] { parseDate(text); }).find(expected), std::string::npos) << text;
         }
     }
     for (const char *zone : {"", "2", "02:00", "+16:00", "+02:60", "+2:", "-", "CET", "+02:00Z"})
     {
-        EXPECT_NE(message(parseZone, zone).find("+HH:MM"), std::string::npos) << zone;
+        EXPECT_NE(refusalOf([&] { parseZone(zone); }).find("+HH:MM"), std::string::npos) << zone;
     }
 }
 

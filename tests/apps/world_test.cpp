@@ -4,7 +4,6 @@
 
 #include <tolvin/apps/drivescript.h>
 #include <tolvin/apps/frameclock.h>
-#include <tolvin/apps/publisher.h>
 #include <tolvin/apps/world.h>
 
 #include <gtest/gtest.h>
@@ -254,53 +253,37 @@ TEST_F(Worlds, WhatIsWrongIsToldAndNothingStays)
     }
 }
 
-// The drive that ships with the project, twice.
-TEST(ShippedDrive, KeepsToTheGroundAndIsTheSameEveryTime)
+TEST(ShippedDrive, KeepsToTheGround)
 {
     const std::string samples = TOLVIN_SAMPLES;
     const DriveScript script = readDriveScriptFile(samples + "/valley.drive");
-    std::vector<std::uint8_t> published[2];
-    for (std::vector<std::uint8_t> &bytes : published)
+    vuRootNode root = newRoot();
+    Description description;
+    readDescriptionFile(samples + "/valley.scene", root, description);
+    effectFreeAll(&root);
+    FrameClock clock(root, Pace::Fast, kRate);
+    World world(root, description, samples, {}, [](const std::string &line) { ADD_FAILURE() << line; });
+    world.setWindow(script.width, script.height);
+    Triangles triangles;
+    collect(reinterpret_cast<pfNode *>(world.terrain().node()), triangles);
+    const vuEntity &jeep = *world.driven()->entity;
+    double length = 0.0, farthest = 0.0, steepest = 0.0;
+    for (double time = 0.0; time < script.samples.back().time;)
     {
-        vuRootNode root = newRoot();
-        Description description;
-        readDescriptionFile(samples + "/valley.scene", root, description);
-        effectFreeAll(&root);
-        FrameClock clock(root, Pace::Fast, kRate);
-        World world(root, description, samples, {}, [](const std::string &line) { ADD_FAILURE() << line; });
-        world.setWindow(script.width, script.height);
-        Publisher publisher(world.terrain().frame(), {},
-                            [&bytes](auto pdu) { bytes.insert(bytes.end(), pdu.begin(), pdu.end()); });
-        Triangles triangles;
-        collect(reinterpret_cast<pfNode *>(world.terrain().node()), triangles);
-        vuEntity &jeep = *world.driven()->entity;
-        double length = 0.0;
-        double farthest = 0.0;
-        double steepest = 0.0;
-        for (double time = 0.0; time < script.samples.back().time;)
-        {
-            const double from[] = {jeep.position[0], jeep.position[1]};
-            time = clock.advance();
-            world.drive(mouseAt(script, time));
-            updateEntityPositions(&root);
-            world.settle();
-            publisher.frame(jeep, root.simSeconds);
-            const double *const at = jeep.position;
-            length += std::hypot(at[0] - from[0], at[1] - from[1]);
-            // All triangles take long; the second drive is compared with the first.
-            const double ground = &bytes == published ? heightNear(triangles, at[0], at[1], at[2]) : at[2];
-            ASSERT_FALSE(std::isnan(ground)) << time;
-            farthest = std::max(farthest, std::abs(at[2] - ground));
-            steepest = std::max(steepest, static_cast<double>(std::abs(jeep.orientation[1])));
-        }
-        publisher.leave(jeep, root.simSeconds);
-        EXPECT_GT(length, 10000.0);
-        EXPECT_LT(farthest, 0.01);
-        EXPECT_GT(steepest, 0.05); // it is no plain
-        EXPECT_EQ(world.driven()->lost, 0u);
-        std::printf("%.1f m, %.6f m from the ground at most, pitch up to %.1f degrees\n", length, farthest,
-                    steepest / std::numbers::pi * 180.0);
+        const double from[] = {jeep.position[0], jeep.position[1]};
+        time = clock.advance();
+        world.drive(mouseAt(script, time));
+        updateEntityPositions(&root);
+        world.settle();
+        const double *const at = jeep.position;
+        length += std::hypot(at[0] - from[0], at[1] - from[1]);
+        const double ground = heightNear(triangles, at[0], at[1], at[2]);
+        ASSERT_FALSE(std::isnan(ground)) << time;
+        farthest = std::max(farthest, std::abs(at[2] - ground));
+        steepest = std::max(steepest, static_cast<double>(std::abs(jeep.orientation[1])));
     }
-    EXPECT_GT(published[0].size(), 144u * 100u);
-    EXPECT_EQ(published[0], published[1]);
+    EXPECT_GT(length, 10000.0);
+    EXPECT_LT(farthest, 0.01);
+    EXPECT_GT(steepest, 0.05); // it is no plain
+    EXPECT_EQ(world.driven()->lost, 0u);
 }

@@ -81,17 +81,6 @@ extern "C" void *shmat(int id, const void *address, int flags) noexcept
     return shmatFails ? reinterpret_cast<void *>(-1) : systemShmat(id, address, flags);
 }
 
-// A parent of the tests removes the segment of those that die.
-int main(int argc, char **argv)
-{
-    testing::InitGoogleTest(&argc, argv);
-    shmctl(segmentOf(2000), IPC_RMID, nullptr);
-    const auto tests = []() -> bool { exit(RUN_ALL_TESTS()); }; // an end that still looks for leaks
-    const bool passed = inChild(tests);
-    shmctl(segmentOf(2000), IPC_RMID, nullptr);
-    return passed ? 0 : 1;
-}
-
 TEST(Entity, InitSetsItsFieldsAndNoOthers)
 {
     vuEntity e, expected;

@@ -13,7 +13,6 @@
 #include <fstream>
 #include <libnova/libnova.h>
 #include <limits>
-#include <sstream>
 #include <string>
 #include <tolvin/bench/kernel/plainsun.h>
 #include <tolvin/kernel/kernelvutimetables.hpp>
@@ -50,24 +49,6 @@ double arcsecondsBetween(double a, double b)
     return std::fabs(std::remainder(a - b, 2.0 * kPi)) / kArcsecond;
 }
 
-std::vector<std::vector<std::string>> rowsOf(const std::string &file)
-{
-    std::ifstream in(std::string(TOLVIN_TEST_DATA "/") + file);
-    std::vector<std::vector<std::string>> rows;
-    for (std::string line; std::getline(in, line);)
-    {
-        std::istringstream fields(line);
-        rows.emplace_back();
-        for (std::string field; std::getline(fields, field, ',');)
-        {
-            rows.back().push_back(field);
-        }
-    }
-    EXPECT_GT(rows.size(), 1U) << file;
-    rows.erase(rows.begin()); // names of the columns
-    return rows;
-}
-
 // The first questions of the process: the caches answer nothing yet, not even for 0.
 TEST(SunCaches, StartEmptyAndAnswerTheSameArgumentOnly)
 {
@@ -80,27 +61,20 @@ TEST(SunCaches, StartEmptyAndAnswerTheSameArgumentOnly)
     eraNut80(kEpoch, 0.0, &erfaDpsi, &erfaDeps);
     EXPECT_NEAR(dpsi, erfaDpsi, 1e-12);
 
-    EXPECT_EQ(capturedStderr(
-                  [&]
-                  {
-                      const Sun again = sunAt(0.0);
-                      EXPECT_EQ(again.longitude, sun.longitude);
-                      double longitude = -9.0, distance = -9.0;
-                      sunpos(0.0, &longitude, &distance, nullptr);
-                      EXPECT_EQ(longitude, sun.longitude);
-                      EXPECT_EQ(distance, sun.distance);
-                  }),
-              "");
-    EXPECT_EQ(capturedStderr(
-                  [&]
-                  {
-                      double longitude = -9.0, distance = -9.0;
-                      sunpos(kJ2000, &longitude, &distance, nullptr);
-                      EXPECT_NEAR(longitude, -1.38967, 1e-5);
-                      EXPECT_NEAR(sunAt(kJ2000).latitude / kArcsecond, 0.68, 0.01);
-                      EXPECT_EQ(sunAt(0.0).latitude, sun.latitude);
-                  }),
-              kSeriesLine + kSeriesLine);
+    Sun again, other;
+    double longitude = -9.0, distance = -9.0;
+    EXPECT_EQ(capturedStderr([&] { again = sunAt(0.0), sunpos(0.0, &longitude, &distance, nullptr); }), "");
+    EXPECT_TRUE(again.longitude == sun.longitude && longitude == sun.longitude && distance == sun.distance);
+    const auto change = [&]
+    {
+        sunpos(kJ2000, &longitude, &distance, nullptr);
+        other = sunAt(kJ2000);
+        again = sunAt(0.0);
+    };
+    EXPECT_EQ(capturedStderr(change), kSeriesLine + kSeriesLine);
+    EXPECT_NEAR(longitude, -1.38967, 1e-5);
+    EXPECT_NEAR(other.latitude / kArcsecond, 0.68, 0.01);
+    EXPECT_EQ(again.latitude, sun.latitude);
     double earth[3];
     EXPECT_EQ(capturedStderr([&] { vsop87sun(0.0, earth), vsop87sun(0.0, earth); }), kSeriesLine + kSeriesLine);
     EXPECT_TRUE(earth[0] - kPi == sun.longitude && -earth[1] == sun.latitude && earth[2] == sun.distance);
@@ -114,42 +88,25 @@ TEST(SunCaches, StartEmptyAndAnswerTheSameArgumentOnly)
     EXPECT_EQ(obliquity(kJ2000), 0.4090928040284035);
 }
 
-TEST(SunTables, AreThePublishedOnes)
+TEST(SunTables, SeriesAreThePublishedOnes)
 {
-    const auto series = rowsOf("vsop87d_earth.csv");
-    ASSERT_EQ(series.size(), std::size(vx_earth));
-    for (size_t i = 0; i < series.size(); ++i)
+    std::ifstream in(TOLVIN_TEST_DATA "/vsop87d_earth.csv");
+    std::string line;
+    std::getline(in, line); // names of the columns
+    for (size_t i = 0; i < std::size(vx_earth); ++i)
     {
-        for (size_t j = 0; j < 3; ++j)
-        {
-            EXPECT_EQ(vx_earth[i][j], std::stod(series[i][j + 1])) << i;
-        }
+        ASSERT_TRUE(std::getline(in, line)) << i;
+        char group = 0;
+        int power = 0;
+        double row[3];
+        ASSERT_EQ(sscanf(line.c_str(), "%c%d,%lf,%lf,%lf", &group, &power, &row[0], &row[1], &row[2]), 5) << line;
+        EXPECT_TRUE(std::equal(row, row + 3, vx_earth[i])) << i;
         // The group says of which coordinate and power the row is: that is where the index must have it.
-        const size_t coordinate = std::string("LBR").find(series[i][0][0]), power = series[i][0][1] - '0';
+        const size_t coordinate = std::string("LBR").find(group);
         EXPECT_LE(static_cast<size_t>(vn_earth[power][coordinate]), i);
         EXPECT_GT(static_cast<size_t>(vn_earth[power + 1][coordinate]), i);
     }
-    const auto terms = rowsOf("nutation_iau1980.csv");
-    ASSERT_EQ(terms.size(), std::size(multarg));
-    const auto *secular = ampsecul;
-    for (size_t i = 0; i < terms.size(); ++i)
-    {
-        double fields[9];
-        std::transform(terms[i].begin(), terms[i].end(), fields,
-                       [](const std::string &field) { return std::stod(field); });
-        EXPECT_TRUE(std::equal(fields, fields + 5, multarg[i])) << i;
-        const double sine = fields[5], sineRate = fields[6], cosine = fields[7], cosineRate = fields[8];
-        if (sineRate == 0.0 && cosineRate == 0.0)
-        {
-            EXPECT_TRUE(ampconst[i][0] == sine && ampconst[i][1] == cosine) << i;
-            continue;
-        }
-        EXPECT_TRUE(ampconst[i][0] == 0 && ampconst[i][1] == 0 && (*secular)[0] == static_cast<int>(i)) << i;
-        EXPECT_TRUE((*secular)[1] == sine && (*secular)[3] == cosine) << i;
-        EXPECT_TRUE((*secular)[2] == std::round(10 * sineRate) && (*secular)[4] == std::round(10 * cosineRate)) << i;
-        ++secular;
-    }
-    EXPECT_EQ((*secular)[0], -1);
+    EXPECT_FALSE(std::getline(in, line));
 }
 
 TEST(SunShortFormula, AnglesComeIntoTheHalfOpenTurn)
@@ -246,30 +203,6 @@ TEST(SunSeries, EndlessAndLostDatesGiveNumbersOrNaN)
         EXPECT_TRUE(std::isnan(deps) || std::fabs(deps) < std::fabs(mjd)) << mjd;
     }
     EXPECT_TRUE(std::isnan(obliquity(NAN)));
-}
-
-// The full ephemeris of ERFA (VSOP2000, shortened to 0.01 arcseconds), on the ecliptic and equinox of date.
-TEST(SunReferences, ErfaFrom1800To2200)
-{
-    capturedStderr(
-        []
-        {
-            for (double mjd = mjdOfYear(1800.0); mjd < mjdOfYear(2200.0); mjd += 7.3)
-            {
-                double heliocentric[2][3], barycentric[2][3], ascension, declination, distance, longitude, latitude;
-                eraEpv00(kEpoch, mjd, heliocentric, barycentric);
-                for (double &c : heliocentric[0])
-                {
-                    c = -c;
-                }
-                eraP2s(heliocentric[0], &ascension, &declination, &distance);
-                eraEqec06(kEpoch, mjd, ascension, declination, &longitude, &latitude);
-                const Sun sun = sunAt(mjd);
-                ASSERT_LT(arcsecondsBetween(sun.longitude, longitude), 2.0) << mjd;
-                ASSERT_LT(arcsecondsBetween(sun.latitude, latitude), 2.0) << mjd;
-                ASSERT_NEAR(sun.distance, distance, 3.5e-6) << mjd; // what leaving out terms costs
-            }
-        });
 }
 
 // The full VSOP87 of libnova, which is referred to the equinox of J2000 and has to be brought to that of date.

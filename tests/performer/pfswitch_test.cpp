@@ -138,11 +138,9 @@ TEST(PfuMouse, IsInTheChannelThatHasThePixel)
         pfChanWindowSize(channels[i], 5, 4),
             pfChanViewport(channels[i], sides[i][0], sides[i][1], sides[i][2], sides[i][3]);
     }
-    const struct
-    {
-        int x, y, in; // the channels
-    } cases[] = {{0, 0, 1}, {1, 3, 5}, {2, 1, 6}, {4, 0, 2}, {5, 1, 0}, {-1, 1, 0}, {0, 4, 0}, {0, -1, 0}};
-    for (const auto &[x, y, in] : cases)
+    const std::array<int, 3> cases[] = {{0, 0, 1}, {1, 3, 5},  {2, 1, 6}, {4, 0, 2},
+                                        {5, 1, 0}, {-1, 1, 0}, {0, 4, 0}, {0, -1, 0}};
+    for (const auto &[x, y, in] : cases) // in which channels
     {
         for (const int inWindow : {0, 2})
         {

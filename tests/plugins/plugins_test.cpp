@@ -139,7 +139,6 @@ Point meanOf(const std::vector<Quad> &quads)
 // Puffs of 0.05, 0.15 ... 3.95 s.
 TEST(Smoke, RisesAndDriftsAlikeInAnyFrames)
 {
-    constexpr double kAge = 2;
     for (const auto &[frame, scale] : {std::pair(0.01, 1.0F), {0.15, 2.5F}, {10.05, 0.5F}})
     {
         Stage stage;
@@ -152,14 +151,12 @@ TEST(Smoke, RisesAndDriftsAlikeInAnyFrames)
         const std::vector<Quad> quads = stage.quads(fx);
         EXPECT_EQ(quads.size(), 40U);
         EXPECT_EQ(stage.get(fx, VU_FX_PARTICLES), quads.size());
-        const Point mean = meanOf(quads), expected = {-95000.25 + 2 * kAge, 80000.5 - kAge, 12 + 1.5 * kAge};
-        for (int axis = 0; axis < 3; ++axis)
-        {
-            EXPECT_NEAR(mean[axis], expected[axis], 2e-3) << frame;
-        }
+        EXPECT_NEAR(meanOf(quads)[2], 12 + 1.5 * 2, 2e-3) << frame;
         for (const Quad &quad : quads) // height tells the age
         {
             const double age = (quad.centre[2] - 12) / 1.5;
+            EXPECT_NEAR(quad.centre[0], -95000.25 + 2 * age, 2e-3) << frame;
+            EXPECT_NEAR(quad.centre[1], 80000.5 - age, 2e-3) << frame;
             EXPECT_NEAR(std::hypot(quad.along[0], quad.along[1], quad.along[2]), scale * (1 + 0.5 * age), 2e-3);
             EXPECT_NEAR(quad.alpha, (0.8 - 0.5 * age / 4) * std::min(1.0, (4 - age) / 2), 1e-3);
         }
@@ -221,10 +218,6 @@ TEST(Blast, ThrowsDebrisAndStartsItsLink)
         EXPECT_NEAR(late[i].centre[2] - 30, rest > 0.25 ? v * t - g * t * t / 2 : 0, 2e-3);
     }
     stage.frames(2, 1.05);
-    for (const Quad &piece : stage.quads(fx)) // nothing flies longer than 2 * 10 / g
-    {
-        EXPECT_TRUE(std::fabs(piece.along[0]) > 0.3 || std::fabs(piece.centre[2] - 30) < 4);
-    }
     EXPECT_EQ(stage.state(fx, inst), VU_FX_ON);
     EXPECT_NEAR(meanOf(stage.quads(smoke))[1], 200, 1e-3);
     stage.frames(1, 2);
@@ -319,6 +312,7 @@ TEST(Trail, KeepsTheNewestPiecesForTheirLife)
         stage.move(fx, inst, {way, 0, 0});
         stage.frames(1, 0.1);
         std::vector<Quad> quads = stage.quads(fx);
+        EXPECT_TRUE(frame % 600 != 599 || quads.size() == 64) << quads.size();
         std::ranges::sort(quads, {}, [](const Quad &quad) { return -quad.centre[0]; });
         for (size_t i = 0; i < quads.size(); ++i)
         {
@@ -376,7 +370,7 @@ TEST(Plugins, TakeAnySettingsAndFrames)
 std::vector<Quad> shownBy(const char *plugin, const char *name)
 {
     Stage stage;
-    vuEffect &fx = stage.add(plugin, "pieces 4 spacing 1");
+    vuEffect &fx = stage.add(plugin, "");
     fx.node.name[0] = name[0];
     stage.setUp(fx);
     stage.begin(fx, {0, 0, 0}, true, {40, 0, 0});
@@ -393,9 +387,6 @@ TEST(Plugins, ShowTheSameOnceMore)
         EXPECT_EQ(memcmp(once.data(), again.data(), once.size() * sizeof(Quad)), 0);
         EXPECT_NE(once[0].along, shownBy(plugin, "y")[0].along);
     }
-    const std::vector<Quad> full = shownBy("trail", "x"); // 16 pieces of 36: the last ones
-    ASSERT_EQ(full.size(), 16U);
-    EXPECT_NEAR(meanOf(full)[0], 28, 1e-5);
 }
 
 TEST(Plugins, ReportWordsThatTheyCannotRead)

@@ -157,21 +157,20 @@ TEST(Group, Children)
 
 TEST(Group, PrintsEveryKind)
 {
-    char text[1000] = "";
-    FILE *stream = fmemopen(text, sizeof text, "w");
-    const auto use = [&]
+    std::string text;
+    const auto print = [](FILE *stream)
     {
         Everything all;
         vudbGroupPrintHierarchy(stream, &all.scene.node), vudbModelPrintAllObjects(stream, &all.scene.node);
     };
-    EXPECT_EQ(reportsOf(use), R"(vuDB/vudbEntity Warning: {vudbEntitySCSInit():Model == NULL}
+    EXPECT_EQ(reportsOf([&] { text = printedTo(print); }),
+              R"(vuDB/vudbEntity Warning: {vudbEntitySCSInit():Model == NULL}
 vuDB/vudbModel Warning: {vudbModelAddVertexToArray(): vertex array == NULL! Creating ...!}
 vuDB/vudbGroup Error: {vudbGroupPrintHierarchy(): nodeType of plain  == Node (no children ...)}
 vuDB/vudbGroup Error: {vudbGroupPrintHierarchy(): vudbGroup *node = 0x(nil))}
 vuDB/vudbModel Error: {vudbModelPrintAllObjects(): node == NULL}
 )");
-    fclose(stream);
-    EXPECT_STREQ(text, R"(scene (type:3 / 4 children): (Parent: none)
+    EXPECT_EQ(text, R"(scene (type:3 / 4 children): (Parent: none)
 *** Children:
 group (type:2 / 6 children): (Parent: scene)
 *** Children:
@@ -251,11 +250,9 @@ TEST(Group, DeepHierarchies)
             vudbObjectInit(&groups[i], "g");
             adopt(groups[i - 1], &groups[i]);
         }
-        FILE *stream = tmpfile();
-        vudbModelPrintAllObjects(stream, &groups[0].node);
-        EXPECT_EQ(ftell(stream), 10 * static_cast<long>(groups.size()));
-        vudbGroupPrintHierarchy(stream, &groups[0].node);
-        fclose(stream);
+        const auto print = [&](FILE *stream) { vudbModelPrintAllObjects(stream, &groups[0].node); };
+        EXPECT_EQ(printedTo(print).size(), 10 * groups.size());
+        printedTo([&](FILE *stream) { vudbGroupPrintHierarchy(stream, &groups[0].node); });
         round == 0 ? vudbGroupDeleteHierarchy(&groups[0].node) : vudbGroupFreeHierarchy(&groups[0].node, nullptr);
         EXPECT_TRUE(groups.back().node.name == nullptr && groups.front().children == nullptr);
     }
