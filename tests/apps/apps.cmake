@@ -59,3 +59,5 @@ tolvin_test(apps segmentinput tolvin_app)
 add_test(NAME apps/receive COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/apps/check_receive $<TARGET_FILE:tolvin_command>)
 # What one leaves behind on purpose, the other would remove.
 set_tests_properties(apps/receive apps/entitysegment apps/segmentinput PROPERTIES RESOURCE_LOCK segments)
+# The longest ones first, so that no processor waits for the last one.
+set_tests_properties(apps/samples apps/command apps/receive apps/published apps/terrainmap PROPERTIES COST 100)
