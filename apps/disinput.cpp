@@ -16,9 +16,6 @@ namespace tolvin
 namespace
 {
 
-// A report that is this much older than its entity's last one is not late: the sender's clock was taken for another.
-constexpr double kLatestReport = 5.0; // seconds
-
 double clockSeconds(const vuRootNode &root)
 {
     return root.time.sim.sec + root.time.sim.usec / 1e6;

@@ -1,6 +1,7 @@
 #include "distext.h"
 
 #include "disfields.hpp"
+#include "entityid.h"
 #include "plaintext.h"
 
 #include <algorithm>
@@ -244,11 +245,6 @@ std::optional<vuEntityId> objectOf(const DisMessage &message)
         message.record);
 }
 
-std::string idText(const vuEntityId &id)
-{
-    return textOf(id.site) + ':' + textOf(id.application) + ':' + textOf(id.entity);
-}
-
 } // namespace
 
 std::string jsonText(std::string_view text)
@@ -324,11 +320,11 @@ std::string lineOf(const DisMessage &message)
     line += ", exercise " + textOf(header.exerciseId);
     if (const auto subject = subjectOf(message))
     {
-        line += ", " + idText(*subject);
+        line += ", " + textOf(*subject);
     }
     if (const auto object = objectOf(message))
     {
-        line += " to " + idText(*object);
+        line += " to " + textOf(*object);
     }
     if (const auto *const state = std::get_if<vuEntityState>(&message.record))
     {

@@ -1,5 +1,6 @@
 #include "entityreceiver.h"
 
+#include "entityid.h"
 #include "entitytable.h"
 
 #include <algorithm>
@@ -11,14 +12,6 @@ namespace tolvin
 
 namespace
 {
-
-// As tolvin run has it (disinput.cpp).
-constexpr double kLatestReport = 5.0; // seconds
-
-std::uint64_t keyOf(const vuEntityId &id)
-{
-    return std::uint64_t{id.site} << 32 | std::uint64_t{id.application} << 16 | id.entity;
-}
 
 // Whether a report was made before another one, and overtaken by it. The upper 31 bits of a stamp are a fraction of an hour, so that
 // the difference takes no notice of the turn of the hour. One that is older by far comes of a clock that was set.

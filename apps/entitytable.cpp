@@ -1,5 +1,7 @@
 #include "entitytable.h"
 
+#include "entityid.h"
+
 #include <tolvin/performer/pf.h>
 
 #include <cstring>
@@ -30,20 +32,10 @@ enum
     kDomainSpace = 5
 };
 
-std::uint64_t keyOf(const vuEntityId &id)
-{
-    return std::uint64_t{id.site} << 32 | std::uint64_t{id.application} << 16 | id.entity;
-}
-
 std::uint64_t randomSeed()
 {
     std::random_device device;
     return std::uint64_t{device()} << 32 | device();
-}
-
-std::string nameOf(const vuEntityId &id)
-{
-    return std::to_string(id.site) + ':' + std::to_string(id.application) + ':' + std::to_string(id.entity);
 }
 
 } // namespace
@@ -157,7 +149,7 @@ RemoteEntity *EntityTable::create(const vuEntityId &id)
     }
     std::memset(report, 0, sizeof *report);
     std::memset(entity, 0, sizeof *entity);
-    entityInit(entity, nameOf(id).c_str());
+    entityInit(entity, textOf(id).c_str());
     entity->receive = VU_RECEIVE_DIS;
     entity->disId = id;
     entity->drState = report;

@@ -48,6 +48,10 @@ struct RemoteEntity
     EntityLook look;                      // what effects saw of it
 };
 
+// Reports overtake each other by less. One that is this much older than its entity's last one is not late: the sender's clock was
+// set, or taken for another.
+inline constexpr double kLatestReport = 5.0; // seconds
+
 // Seconds of silence after which an entity that sent this report counts as gone: 2.4 heartbeats, as IEEE 1278.1 has it.
 double silenceLimit(const vuEntityState &report);
 
@@ -57,7 +61,7 @@ class EntityTable
 {
 public:
     static constexpr std::size_t kMaxSenders = 1024;
-    static constexpr double kMemory = 5.0; // seconds, longer than reports overtake each other
+    static constexpr double kMemory = kLatestReport; // seconds
 
     // root and scene must outlive the table; the scene hangs in the root node's list.
     EntityTable(vuRootNode &root, vuScene &scene, std::size_t maxEntities);

@@ -2,6 +2,7 @@
 
 #include "counted.h"
 #include "description.h"
+#include "entityid.h"
 #include "entityreceiver.h"
 #include "exitcode.h"
 #include "plaintext.h"
@@ -55,11 +56,6 @@ unsigned long long number(std::uint64_t value)
 void printNotice(const std::string &line)
 {
     std::fprintf(stderr, "tolvin receive: %s\n", line.c_str());
-}
-
-std::string textOf(const vuEntityId &id)
-{
-    return std::to_string(id.site) + ':' + std::to_string(id.application) + ':' + std::to_string(id.entity);
 }
 
 vuEntityId parseIdentity(const std::string &text)

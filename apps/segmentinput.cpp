@@ -1,6 +1,7 @@
 #include "segmentinput.h"
 
 #include "counted.h"
+#include "entityid.h"
 #include "entitysegment.h"
 #include "plaintext.h"
 
@@ -15,16 +16,6 @@ namespace
 {
 
 constexpr std::int64_t kCheckEvery = 1'000'000'000; // nanoseconds
-
-bool isSame(const vuEntityId &a, const vuEntityId &b)
-{
-    return a.site == b.site && a.application == b.application && a.entity == b.entity;
-}
-
-std::string textOf(const vuEntityId &id)
-{
-    return std::to_string(id.site) + ':' + std::to_string(id.application) + ':' + std::to_string(id.entity);
-}
 
 // Seconds. A segment may hold any number; as a difference of two it must not overflow.
 double ageOf(std::int64_t arrival, std::int64_t now)
@@ -120,7 +111,7 @@ void SegmentInput::take(std::int64_t now)
 void SegmentInput::handOn(Source &source, const EntityReport &report, std::int64_t now)
 {
     const std::optional<vuEntityId> &wanted = source.own->description->id;
-    if (wanted.has_value() && !isSame(*wanted, report.state.entityId))
+    if (wanted.has_value() && keyOf(*wanted) != keyOf(report.state.entityId))
     {
         ++counts_.others;
         if (++source.others == 1)

@@ -1,5 +1,6 @@
 #include "world.h"
 
+#include "entityid.h"
 #include "entitysegment.h"
 #include "plaintext.h"
 #include "scenenodes.h"
@@ -50,11 +51,6 @@ float degrees(float radians)
 std::string named(const EntityDescription &entity)
 {
     return (entity.where.empty() ? "" : entity.where + ": ") + "ENTITY \"" + entity.name + '"';
-}
-
-std::string textOf(const vuEntityId &id)
-{
-    return std::to_string(id.site) + ':' + std::to_string(id.application) + ':' + std::to_string(id.entity);
 }
 
 bool follows(const vuEntity &entity)
