@@ -122,6 +122,60 @@ std::size_t writeAs(PduKind kind, Record record, std::size_t size, std::span<std
     return write(record, size, out);
 }
 
+// What is not kept, or follows from that.
+void dropParameters(vuEntityState &state)
+{
+    setFixedFields(state);
+}
+
+void dropParameters(EntityStateUpdate &update)
+{
+    update.numParameters = 0;
+}
+
+void dropParameters(Fire &)
+{
+}
+
+void dropParameters(Detonation &detonation)
+{
+    detonation.numParameters = 0;
+    detonation.padding = 0;
+}
+
+using tolvin::checkNumbers; // of an Entity State
+
+PduFault checkNumbers(const EntityStateUpdate &update)
+{
+    return firstOf({checkVector(update.velocity, kMaxVelocity), checkVector(update.location, kMaxLocation),
+                    checkVector(update.orientation, kMaxAngle)});
+}
+
+PduFault checkNumbers(const Fire &fire)
+{
+    return firstOf({checkVector(fire.location, kMaxLocation), checkVector(fire.velocity, kMaxVelocity),
+                    checkNumber(fire.range, kMaxLocation)});
+}
+
+PduFault checkNumbers(const Detonation &detonation)
+{
+    return firstOf({checkVector(detonation.velocity, kMaxVelocity), checkVector(detonation.location, kMaxLocation),
+                    checkVector(detonation.entityLocation, kMaxLocation)});
+}
+
+template<class Record>
+PduFault decodeChecked(const Pdu &pdu, Record &out)
+{
+    Record record;
+    const PduFault fault = read(pdu, record) ? checkNumbers(record) : PduFault::BodyTooShort;
+    if (fault == PduFault::None)
+    {
+        dropParameters(record);
+        out = record;
+    }
+    return fault;
+}
+
 PduFault readHeader(std::span<const std::uint8_t> bytes, PduHeader &header)
 {
     WireReader wire(bytes);
@@ -220,18 +274,7 @@ PduFault checkNumbers(const vuEntityState &state)
 
 PduFault decodeEntityState(const Pdu &pdu, vuEntityState &out)
 {
-    vuEntityState state;
-    if (!read(pdu, state))
-    {
-        return PduFault::BodyTooShort;
-    }
-    const PduFault fault = checkNumbers(state);
-    if (fault == PduFault::None)
-    {
-        setFixedFields(state);
-        out = state;
-    }
-    return fault;
+    return decodeChecked(pdu, out);
 }
 
 std::size_t encodeEntityState(const vuEntityState &state, std::span<std::uint8_t> out)
@@ -248,20 +291,7 @@ bool leaves(const vuEntityState &state)
 
 PduFault decodeEntityStateUpdate(const Pdu &pdu, EntityStateUpdate &out)
 {
-    EntityStateUpdate update;
-    if (!read(pdu, update))
-    {
-        return PduFault::BodyTooShort;
-    }
-    const PduFault fault =
-        firstOf({checkVector(update.velocity, kMaxVelocity), checkVector(update.location, kMaxLocation),
-                 checkVector(update.orientation, kMaxAngle)});
-    if (fault == PduFault::None)
-    {
-        update.numParameters = 0;
-        out = update;
-    }
-    return fault;
+    return decodeChecked(pdu, out);
 }
 
 vuEntityState reportAfter(const vuEntityState &former, const EntityStateUpdate &update)
@@ -295,18 +325,7 @@ std::size_t encodeRemoveEntity(const RemoveEntity &removal, std::span<std::uint8
 
 PduFault decodeFire(const Pdu &pdu, Fire &out)
 {
-    Fire fire;
-    if (!read(pdu, fire))
-    {
-        return PduFault::BodyTooShort;
-    }
-    const PduFault fault = firstOf({checkVector(fire.location, kMaxLocation), checkVector(fire.velocity, kMaxVelocity),
-                                    checkNumber(fire.range, kMaxLocation)});
-    if (fault == PduFault::None)
-    {
-        out = fire;
-    }
-    return fault;
+    return decodeChecked(pdu, out);
 }
 
 std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out)
@@ -316,28 +335,13 @@ std::size_t encodeFire(const Fire &fire, std::span<std::uint8_t> out)
 
 PduFault decodeDetonation(const Pdu &pdu, Detonation &out)
 {
-    Detonation detonation;
-    if (!read(pdu, detonation))
-    {
-        return PduFault::BodyTooShort;
-    }
-    const PduFault fault =
-        firstOf({checkVector(detonation.velocity, kMaxVelocity), checkVector(detonation.location, kMaxLocation),
-                 checkVector(detonation.entityLocation, kMaxLocation)});
-    if (fault == PduFault::None)
-    {
-        detonation.numParameters = 0;
-        detonation.padding = 0;
-        out = detonation;
-    }
-    return fault;
+    return decodeChecked(pdu, out);
 }
 
 std::size_t encodeDetonation(const Detonation &detonation, std::span<std::uint8_t> out)
 {
     Detonation fixed = detonation;
-    fixed.numParameters = 0;
-    fixed.padding = 0;
+    dropParameters(fixed);
     return writeAs(PduKind::Detonation, fixed, kDetonationSize, out);
 }
 

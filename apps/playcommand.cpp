@@ -9,7 +9,6 @@
 #include "udp.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -42,11 +41,6 @@ struct PlayOptions
     bool now = false;
     bool quiet = false;
 };
-
-std::int64_t wallClock()
-{
-    return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
-}
 
 // Not a file that can be read again. What there is not is told by who opens it.
 bool isStream(const std::string &file)

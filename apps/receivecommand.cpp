@@ -16,7 +16,6 @@
 #include <charconv>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <optional>
 #include <set>
@@ -199,14 +198,11 @@ std::string lastText(const SegmentInfo &segment)
     {
         return "-";
     }
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
     const vuEntityState &state = segment.last->state;
     const std::string marking(state.marking.text, strnlen(state.marking.text, sizeof state.marking.text));
     char age[48];
     std::snprintf(age, sizeof age, "%.1f s ago, ",
-                  static_cast<double>(now.tv_sec) + now.tv_nsec * 1e-9 -
-                      static_cast<double>(segment.last->arrival) * 1e-9);
+                  (static_cast<double>(wallClock()) - static_cast<double>(segment.last->arrival)) * 1e-9);
     return age + textOf(state.entityId) + (marking.empty() ? "" : " \"" + plainText(marking) + '"') +
            (leaves(state) ? ", left" : "");
 }

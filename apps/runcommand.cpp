@@ -233,12 +233,6 @@ struct Participants
     SegmentInput *segments; // null when no segment is read
 };
 
-std::int64_t wallNow()
-{
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
-}
-
 class FrameLoop
 {
 public:
@@ -313,7 +307,7 @@ private:
         }
         if (p_.segments != nullptr)
         {
-            p_.segments->take(wallNow());
+            p_.segments->take(wallClock());
         }
         p_.input->frame([&](std::uint8_t algorithm, double metres) { statistics_->addJump(algorithm, metres); });
         if (p_.segments != nullptr)

@@ -63,13 +63,6 @@ void attempt(const std::string &what, Step step)
     }
 }
 
-std::int64_t wallClock()
-{
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
 bool setOption(udp::socket &socket, int option, int value)
 {
     return setsockopt(socket.native_handle(), SOL_SOCKET, option, &value, sizeof value) == 0;
@@ -88,6 +81,13 @@ bool isPassing(int error)
 }
 
 } // namespace
+
+std::int64_t wallClock()
+{
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
 
 asio::ip::udp::endpoint parseEndpoint(std::string_view text, std::uint16_t defaultPort)
 {

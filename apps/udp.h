@@ -31,6 +31,9 @@ asio::ip::address_v4 parseInterface(std::string_view text);
 
 std::string textOf(const asio::ip::udp::endpoint &endpoint);
 
+// Nanoseconds since 1970 (CLOCK_REALTIME), as arrivals are told.
+std::int64_t wallClock();
+
 class UdpSender
 {
 public:

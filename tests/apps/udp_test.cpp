@@ -18,7 +18,7 @@ namespace
 const auto kLoopback = asio::ip::address_v4::loopback();
 const auto kForeign = asio::ip::make_address_v4("192.0.2.1"); // reserved for documentation
 
-std::int64_t wallClock()
+std::int64_t wallNow()
 {
     return std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -64,7 +64,7 @@ TEST(Udp, DeliversEverySizeInOrderWithItsTime)
 {
     UdpReceiver receiver({kLoopback, 0});
     UdpSender sender({kLoopback, receiver.localPort()});
-    const std::int64_t before = wallClock();
+    const std::int64_t before = wallNow();
     std::vector<Bytes> sent = {Bytes(0), Bytes(60'000, 7), Bytes(65'507, 8)};
     for (std::uint8_t i = 0; i < 100; ++i) // several batches
     {
@@ -79,7 +79,7 @@ TEST(Udp, DeliversEverySizeInOrderWithItsTime)
     const auto take = [&](std::span<const std::uint8_t> datagram, std::int64_t arrival)
     {
         received.emplace_back(datagram.begin(), datagram.end());
-        EXPECT_EQ(arrival, std::clamp(arrival, before, wallClock()));
+        EXPECT_EQ(arrival, std::clamp(arrival, before, wallNow()));
     };
     EXPECT_EQ(receiver.receiveUntil(SteadyClock::time_point::min(), take), sent.size());
     EXPECT_TRUE(received == sent);
